@@ -1,0 +1,34 @@
+#!/bin/sh
+# Builds the agent and runs every test suite: the debug build with all tests
+# (network-namespace scenarios included when run as root), the ASan+UBSan build
+# with the unit tests, the TSan build with the threaded suites, and a bounded
+# fuzzing run of each parser.
+#
+#   SWG_TEST_STAGES   which stages to run (default: "debug asan tsan fuzz")
+#   SWG_FUZZ_SECONDS  time per fuzz target (default 30)
+set -eu
+cd "$(dirname "$0")/.."
+
+./scripts/install-deps.sh
+
+stages=${SWG_TEST_STAGES:-"debug asan tsan fuzz"}
+
+run_stage() {
+    preset=$1
+    echo "==== $preset: configure and build"
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset"
+    echo "==== $preset: test"
+    ctest --preset "$preset"
+}
+
+for stage in $stages; do
+    case $stage in
+        debug) run_stage debug ;;
+        asan)  run_stage asan-ubsan ;;
+        tsan)  run_stage tsan ;;
+        fuzz)  run_stage fuzz ;;
+        *) echo "unknown stage: $stage" >&2; exit 2 ;;
+    esac
+done
+echo "==== all stages passed: $stages"

@@ -1,0 +1,2 @@
+// SPDX-License-Identifier: Apache-2.0
+namespace swg_foundation { int linked() { return 1; } }
