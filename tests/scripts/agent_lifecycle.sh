@@ -1,0 +1,63 @@
+#!/bin/sh
+# Runs the agent with "-CONSOLE" in a network namespace of its own and stops it with
+# SIGTERM: it must start, stop in order, ignore a second signal while stopping, and
+# exit 0. Needs root (unshare -n); exits 77 (skipped) otherwise.
+set -u
+if [ "$(id -u)" -ne 0 ]; then
+    echo "SKIP: needs root for a network namespace"
+    exit 77
+fi
+agent="$SWG_BINARY_DIR/src/tsc_swgagent"
+tmp=$(mktemp -d)
+pid=""
+cleanup() {
+    [ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null
+    rm -rf "$tmp"
+}
+trap cleanup EXIT
+
+confdir="$tmp/trevo/trevoclient/tarnwall/SWG"
+mkdir -p "$confdir"
+cp "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" "$confdir/" 2>/dev/null || true
+
+wait_for() {  # pattern, limit in 20 ms steps
+    i=0
+    while [ $i -lt "$2" ]; do
+        grep -q "$1" "$tmp/err" 2>/dev/null && return 0
+        sleep 0.02
+        i=$((i + 1))
+    done
+    echo "FAIL: timed out waiting for '$1'; log so far:"
+    cat "$tmp/err"
+    exit 1
+}
+
+SWG_LOG_STDERR=1 SWG_DATA_ROOT="$tmp" unshare -n sh -c 'ip link set lo up; exec "$0" -CONSOLE' "$agent" \
+    >"$tmp/out" 2>"$tmp/err" &
+pid=$!
+wait_for "Service started successfully" 750
+
+kill -TERM "$pid"
+wait_for "Stopping components" 500
+kill -INT "$pid" 2>/dev/null
+wait "$pid"; rc=$?
+pid=""
+if [ $rc -ne 0 ]; then echo "FAIL: exit status $rc"; cat "$tmp/err"; exit 1; fi
+
+# The stop sequence, in order.
+expected="TerminationHandler with signal 15, posting QUIT message to mobile connector
+CSWGAgent::RunMessageLoop MSG_ID_QUIT
+Stopping components...
+Service stopped."
+last=0
+echo "$expected" | while IFS= read -r line; do
+    n=$(grep -nF "$line" "$tmp/err" | head -1 | cut -d: -f1)
+    if [ -z "$n" ] || [ "$n" -le "$last" ]; then
+        echo "FAIL: '$line' missing or out of order"; cat "$tmp/err"; exit 1
+    fi
+    last=$n
+done || exit 1
+# The second signal arrived while stopping: it only logs.
+grep -qF "TerminationHandler with signal 2 but service not running" "$tmp/err" \
+    || { echo "FAIL: second signal not logged"; cat "$tmp/err"; exit 1; }
+echo "lifecycle checks passed"
