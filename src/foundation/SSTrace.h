@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdarg>
 #include <string>
 
 #include <boost/thread/recursive_mutex.hpp>
@@ -75,3 +76,14 @@ extern CSSTrace* g_pTraceObject;
 // syslog options of the process: LOG_PID|LOG_CONS|LOG_ODELAY|LOG_NDELAY, plus
 // LOG_PERROR when SWG_LOG_STDERR=1 so that every line also reaches standard error.
 int SwgSyslogOptions();
+
+// Where every line of the logging family goes: the trace object, LogErrorEvent and the
+// CAppLog logger. vsyslog by default; tests install a capture to read what would be
+// written. Writers may be called from any thread at once.
+using SwgSyslogWriter = void (*)(int priority, const char* format, va_list args);
+
+// Installs `writer` (nullptr restores vsyslog) and returns the previous one. Never fails.
+SwgSyslogWriter SwgSetSyslogWriter(SwgSyslogWriter writer);
+
+// Hands one line to the installed writer at `priority`. Never fails.
+void SwgVsyslog(int priority, const char* format, va_list args);
