@@ -124,10 +124,10 @@ void CAppLog::logV(Logging::MessageID id, Logging::DebugImportance importance, v
     if (sm_pLogger != nullptr) sm_pLogger->Log(entry.severity, message, entry.name, id, importance);
 }
 
-void CAppLog::logMessage(Logging::MessageID id, Logging::DebugImportance importance, ...) {
+void CAppLog::logMessage(Logging::MessageID id, int importance, ...) {
     va_list args;
     va_start(args, importance);
-    logV(id, importance, args);
+    logV(id, static_cast<Logging::DebugImportance>(importance), args);
     va_end(args);
 }
 

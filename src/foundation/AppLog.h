@@ -75,7 +75,8 @@ public:
     static int GetCurrentThreadId();
 
 private:
-    static void logMessage(Logging::MessageID id, Logging::DebugImportance importance, ...);
+    // `importance` travels as an int: va_start needs a last parameter that is not promoted.
+    static void logMessage(Logging::MessageID id, int importance, ...);
     static void logV(Logging::MessageID id, Logging::DebugImportance importance, va_list args);
     static CManualLock& getLock();
 
