@@ -39,7 +39,9 @@ private:
 
 // strerror_r is the GNU form (returning char*) under glibc with _GNU_SOURCE and the
 // XSI form (returning int) elsewhere; these pick the text out of either.
-[[maybe_unused]] const char* StrerrorText(const char* result, const char* /*buffer*/) { return result; }
+[[maybe_unused]] const char* StrerrorText(const char* result, const char* /*buffer*/) {
+    return result;
+}
 [[maybe_unused]] const char* StrerrorText(int /*result*/, const char* buffer) { return buffer; }
 
 const char* DescribeCode(long code, char* buffer, std::size_t size) {
@@ -145,8 +147,8 @@ void CAppLog::LogDebugMessage(const char* function, const char* file, int line,
     va_start(args, format);
     safe_vsnprintfA(text, sizeof(text), format, args);
     va_end(args);
-    logMessage(MID_DEBUG_MESSAGE, importance, GetCurrentThreadId(), function != nullptr ? function : "",
-               file != nullptr ? file : "", line, text);
+    logMessage(MID_DEBUG_MESSAGE, importance, GetCurrentThreadId(),
+               function != nullptr ? function : "", file != nullptr ? file : "", line, text);
 }
 
 void CAppLog::LogReturnCode(const char* function, const char* file, int line,

@@ -58,9 +58,9 @@ public:
     // Formats the caller's text, then logs MID_VERBOSE_MESSAGE with `level` and the
     // component's name. Does not test the level: callers ask IsLogVerboseMessage first.
     static void LogVerboseMessage(const char* function, const char* file, int line,
-                                  Logging::DebugImportance importance,
-                                  CUST_LOG_COMPONENT component, CUST_LOG_LEVEL level,
-                                  const char* format, ...) __attribute__((format(printf, 7, 8)));
+                                  Logging::DebugImportance importance, CUST_LOG_COMPONENT component,
+                                  CUST_LOG_LEVEL level, const char* format, ...)
+        __attribute__((format(printf, 7, 8)));
 
     // The component's name when `level` is not 0 and at most the level in force; ""
     // otherwise, and when there is no configuration.

@@ -108,8 +108,8 @@ long CAppLogCustomConfig::loadConfigurationFromFile() {
     std::string contents;
     const long result = getConfigurationFileContents(contents);
     if (result == SWG_E_LOGCFG_NOT_PRESENT) {
-        CUSTOM_CONFIG_LOG(kInfo,
-                          "Custom debug logging is disabled. Configuration json file is not present.");
+        CUSTOM_CONFIG_LOG(
+            kInfo, "Custom debug logging is disabled. Configuration json file is not present.");
         return result;
     }
     if (result == SWG_E_LOGCFG_NOT_READABLE) {
@@ -119,7 +119,8 @@ long CAppLogCustomConfig::loadConfigurationFromFile() {
         return result;
     }
     if (result == SWG_E_LOGCFG_OPEN_FAILED) {
-        CUSTOM_CONFIG_LOG(kError, "Unable to open the configuration file for customizing debug logs.");
+        CUSTOM_CONFIG_LOG(kError,
+                          "Unable to open the configuration file for customizing debug logs.");
         return result;
     }
     if (contents.empty()) return 0;
@@ -146,7 +147,8 @@ void CAppLogCustomConfig::applyJson(const std::string& contents) {
         const boost::optional<int> value = entry.second.get_value_optional<int>();
         if (!value || *value < CUST_LOG_LEVEL_OFF || *value > CUST_LOG_LEVEL_HIGH ||
             !entry.second.empty()) {
-            CUSTOM_CONFIG_LOG(kError, "Unexpected value for component \"%s\". Default value will be used.",
+            CUSTOM_CONFIG_LOG(kError,
+                              "Unexpected value for component \"%s\". Default value will be used.",
                               entry.first.c_str());
             m_levels[found->second] = m_defaultLevels[found->second];
             continue;

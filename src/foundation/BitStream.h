@@ -8,7 +8,7 @@
 // Shared constants of the two bit streams.
 class lBitStream {
 public:
-    static const int m_CharSize;               // bits in a char: 8
+    static const int m_CharSize;              // bits in a char: 8
     static const unsigned char m_BitMask[9];  // m_BitMask[n] has the low n bits set
 };
 

@@ -5,11 +5,11 @@
 // Results are 0 for success or a 32-bit code. They travel in `long` (64 bits here), so
 // the 0x8... and 0xFE... codes stay positive and compare without sign warnings.
 constexpr long SWG_S_OK = 0;
-constexpr long SWG_E_FAIL = 0x80004005L;          // general failure
-constexpr long SWG_E_OUTOFMEMORY = 0x8007000EL;   // allocation failed
-constexpr long SWG_E_INVALIDARG = 0x80070057L;    // bad argument
-constexpr long SWG_E_POINTER = 0x80004003L;       // null pointer
-constexpr long SWG_E_NOTIMPL = 0x80004001L;       // not implemented
+constexpr long SWG_E_FAIL = 0x80004005L;         // general failure
+constexpr long SWG_E_OUTOFMEMORY = 0x8007000EL;  // allocation failed
+constexpr long SWG_E_INVALIDARG = 0x80070057L;   // bad argument
+constexpr long SWG_E_POINTER = 0x80004003L;      // null pointer
+constexpr long SWG_E_NOTIMPL = 0x80004001L;      // not implemented
 
 // Module codes of the common library (0xFE...). Codes at or above this value are the
 // system's own; below it a code may be an errno value.

@@ -29,8 +29,7 @@ bool compareWithWildStr(const std::string& text, const std::string& pattern);
 
 // `dir` and `name` joined with exactly one `separator` between them (separators at the
 // end of `dir` and the start of `name` are merged). An empty side gives the other one.
-std::string ConcatenatePath(const std::string& dir, const std::string& name,
-                            std::string separator);
+std::string ConcatenatePath(const std::string& dir, const std::string& name, std::string separator);
 
 // Directory of the running program (from /proc/self/exe), without a trailing "/";
 // "" when it cannot be read.

@@ -20,8 +20,8 @@ const LOGGING_MESSAGE kUnknownMessage = {"MID_UNKNOWN_MESSAGE_ID", 4, "Unknown m
 }  // namespace
 
 const CLoggingMessages::MessageSet CLoggingMessages::kSets[] = {
-    {0, 4},      {101, 3},   {200, 6},   {2000, 162}, {3000, 38}, {4000, 2},
-    {5000, 23},  {5900, 23}, {6100, 18}, {6200, 7},   {6300, 1},  {7000, 8},
+    {0, 4},     {101, 3},   {200, 6},   {2000, 162}, {3000, 38}, {4000, 2},
+    {5000, 23}, {5900, 23}, {6100, 18}, {6200, 7},   {6300, 1},  {7000, 8},
 };
 const std::size_t CLoggingMessages::kSetCount = sizeof(kSets) / sizeof(kSets[0]);
 

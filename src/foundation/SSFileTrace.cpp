@@ -14,9 +14,9 @@ namespace {
 constexpr int kSyslogFacilityDaemon = 0x18;
 
 // Each heading is a 32-byte text field in the original table; only the text matters here.
-const char* const trace_heading[] = {"TRACE", "WARN",   "ERR",  "THREAD", "USERINFO",
-                                     "LOCK",  "LIC",    "BRIDGE", "HEADER", "LISTEN",
-                                     "STATS", "API",    "IPC"};
+const char* const trace_heading[] = {"TRACE", "WARN", "ERR",    "THREAD", "USERINFO",
+                                     "LOCK",  "LIC",  "BRIDGE", "HEADER", "LISTEN",
+                                     "STATS", "API",  "IPC"};
 const int ws_to_syslog_level[] = {5, 4, 3, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5};
 constexpr unsigned int kLevels = sizeof(ws_to_syslog_level) / sizeof(ws_to_syslog_level[0]);
 }  // namespace

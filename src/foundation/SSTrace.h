@@ -39,7 +39,8 @@ public:
     CSSTrace& operator=(const CSSTrace&) = delete;
 
     // Writes one line at m_messageLevel. Does nothing until initialised.
-    virtual void PrintDebugString(const char* format, ...) __attribute__((format(printf, 2, 3))) = 0;
+    virtual void PrintDebugString(const char* format, ...)
+        __attribute__((format(printf, 2, 3))) = 0;
     // Builds the line header (level name, thread id, local time) into `header`.
     virtual void GetLogMsgHeader(unsigned int level, std::string& header) = 0;
 

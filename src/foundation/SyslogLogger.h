@@ -21,8 +21,8 @@ public:
 
     // Writes `text` in pieces (SplitText) at the priority of PriorityFor(severity,
     // importance). Only `text` is written. Returns 0, or 0xFE000002 for a null `text`.
-    long Log(Logging::Severity severity, const char* text, const char* name,
-             Logging::MessageID id, Logging::DebugImportance importance) override;
+    long Log(Logging::Severity severity, const char* text, const char* name, Logging::MessageID id,
+             Logging::DebugImportance importance) override;
 
     const std::string& Name() const { return m_name; }
 

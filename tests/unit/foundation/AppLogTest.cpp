@@ -37,7 +37,8 @@ struct LoggedMessage {
 // Records into storage the test keeps, since CAppLog owns and deletes the logger.
 class FakeLogger : public ILogger {
 public:
-    explicit FakeLogger(std::shared_ptr<std::vector<LoggedMessage>> sink) : m_sink(std::move(sink)) {}
+    explicit FakeLogger(std::shared_ptr<std::vector<LoggedMessage>> sink)
+        : m_sink(std::move(sink)) {}
     long Log(Logging::Severity severity, const char* text, const char* name, Logging::MessageID id,
              Logging::DebugImportance importance) override {
         m_sink->push_back({severity, text, name, id, importance});
@@ -157,11 +158,11 @@ TEST_F(AppLogTest, MessageIdsOutsideTheFirstSetNeverReadArguments) {
     struct Case {
         Logging::MessageID id;
         const char* name;
-    } cases[] = {{4, "MID_UNKNOWN_MESSAGE_ID"},   {101, "MID_PRODUCT_MESSAGE"},
-                 {103, "MID_PRODUCT_MESSAGE"},    {104, "MID_UNKNOWN_MESSAGE_ID"},
-                 {2161, "MID_PRODUCT_MESSAGE"},   {2162, "MID_UNKNOWN_MESSAGE_ID"},
-                 {6300, "MID_PRODUCT_MESSAGE"},   {6301, "MID_UNKNOWN_MESSAGE_ID"},
-                 {7007, "MID_PRODUCT_MESSAGE"},   {7008, "MID_UNKNOWN_MESSAGE_ID"},
+    } cases[] = {{4, "MID_UNKNOWN_MESSAGE_ID"},         {101, "MID_PRODUCT_MESSAGE"},
+                 {103, "MID_PRODUCT_MESSAGE"},          {104, "MID_UNKNOWN_MESSAGE_ID"},
+                 {2161, "MID_PRODUCT_MESSAGE"},         {2162, "MID_UNKNOWN_MESSAGE_ID"},
+                 {6300, "MID_PRODUCT_MESSAGE"},         {6301, "MID_UNKNOWN_MESSAGE_ID"},
+                 {7007, "MID_PRODUCT_MESSAGE"},         {7008, "MID_UNKNOWN_MESSAGE_ID"},
                  {0xFFFFFFFF, "MID_UNKNOWN_MESSAGE_ID"}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.id);
@@ -224,8 +225,9 @@ TEST_F(AppLogTest, ConfigurationAppliesKnownValuesAndReportsTheRest) {
     EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_VPN_PBR), CUST_LOG_LEVEL_OFF);
     EXPECT_EQ(CAppLog::GetLogLevel(static_cast<CUST_LOG_COMPONENT>(14)), CUST_LOG_LEVEL_OFF);
     EXPECT_EQ(With("Skipping entry because of unknown component: bogus.").size(), 1u);
-    EXPECT_EQ(With("Unexpected value for component \"vpn_saml\". Default value will be used.").size(),
-              1u);
+    EXPECT_EQ(
+        With("Unexpected value for component \"vpn_saml\". Default value will be used.").size(),
+        1u);
     EXPECT_EQ(With("Unexpected value for component \"vpn_pbr\".").size(), 1u);
     const auto found = With("Custom debug log configuration file found:\n");
     ASSERT_EQ(found.size(), 1u);
@@ -234,7 +236,8 @@ TEST_F(AppLogTest, ConfigurationAppliesKnownValuesAndReportsTheRest) {
     EXPECT_THAT(summary, HasSubstr("certificate : 3\n"));
     EXPECT_THAT(summary, HasSubstr("vpn_saml : 0\n"));
     size_t lines = 0;
-    for (size_t at = summary.find(" : "); at != std::string::npos; at = summary.find(" : ", at + 1)) {
+    for (size_t at = summary.find(" : "); at != std::string::npos;
+         at = summary.find(" : ", at + 1)) {
         ++lines;
     }
     EXPECT_EQ(lines, 24u);
@@ -253,23 +256,24 @@ TEST_F(AppLogTest, VerboseGateFollowsTheLevelInForce) {
                   {CUST_LOG_VPN_API, CUST_LOG_VPN_CURL, CUST_LOG_VPN_SAML, CUST_LOG_VPN_IPC},
                   CUST_LOG_LEVEL_LOW),
               "vpn_api vpn_curl vpn_ipc");
-    EXPECT_EQ(CAppLog::IsLogAggVerboseMessage({CUST_LOG_VPN_API, CUST_LOG_VPN_CURL, CUST_LOG_VPN_IPC},
-                                              CUST_LOG_LEVEL_MEDIUM),
+    EXPECT_EQ(CAppLog::IsLogAggVerboseMessage(
+                  {CUST_LOG_VPN_API, CUST_LOG_VPN_CURL, CUST_LOG_VPN_IPC}, CUST_LOG_LEVEL_MEDIUM),
               "vpn_curl vpn_ipc");
     m_messages->clear();
     CAppLog::LogVerboseMessage("Fn", "v.cpp", 9, Logging::kImportanceInfo, CUST_LOG_VPN_CURL,
                                CUST_LOG_LEVEL_MEDIUM, "detail %s", "here");
     ASSERT_EQ(m_messages->size(), 1u);
-    EXPECT_EQ(m_messages->front().text,
-              "[TID=" + std::to_string(syscall(SYS_gettid)) + " CLL=2][vpn_curl] v.cpp:9(Fn) detail here");
+    EXPECT_EQ(m_messages->front().text, "[TID=" + std::to_string(syscall(SYS_gettid)) +
+                                            " CLL=2][vpn_curl] v.cpp:9(Fn) detail here");
     EXPECT_EQ(m_messages->front().name, "MID_VERBOSE_MESSAGE");
 }
 
 // Guards the missing-file path: one notice, no error report, defaults in force.
 TEST_F(AppLogTest, MissingFileLeavesDefaultsAndSaysSo) {
     StartLog();
-    EXPECT_EQ(With("Custom debug logging is disabled. Configuration json file is not present.").size(),
-              1u);
+    EXPECT_EQ(
+        With("Custom debug logging is disabled. Configuration json file is not present.").size(),
+        1u);
     EXPECT_TRUE(With("Return Code").empty());
     EXPECT_TRUE(With("file found").empty());
     EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_VPN_CURL), CUST_LOG_LEVEL_OFF);
@@ -297,12 +301,13 @@ TEST_F(AppLogTest, EmptyFileIsASuccessWithDefaults) {
 TEST_F(AppLogTest, UnreadableFileGivesItsCodeAndMessage) {
     ASSERT_EQ(mkdir((m_configDir + "/debuglogconfig.json").c_str(), 0700), 0);
     std::string contents = "stale";
-    EXPECT_EQ(CAppLogCustomConfig::getConfigurationFileContents(contents), SWG_E_LOGCFG_NOT_READABLE);
+    EXPECT_EQ(CAppLogCustomConfig::getConfigurationFileContents(contents),
+              SWG_E_LOGCFG_NOT_READABLE);
     EXPECT_EQ(contents, "");
     StartLog();
-    EXPECT_EQ(
-        With("The configuration file for customizing debug logs is empty or is not readable.").size(),
-        1u);
+    EXPECT_EQ(With("The configuration file for customizing debug logs is empty or is not readable.")
+                  .size(),
+              1u);
     EXPECT_EQ(With("(0xFEDE000A)").size(), 1u);
 }
 
@@ -311,7 +316,8 @@ TEST_F(AppLogTest, FileLiesUnderTheDataRoot) {
     EXPECT_EQ(CAppLogCustomConfig::getConfigurationFilePath(),
               m_root + "/trevo/trevoclient/debuglogconfig.json");
     std::string contents;
-    EXPECT_EQ(CAppLogCustomConfig::getConfigurationFileContents(contents), SWG_E_LOGCFG_NOT_PRESENT);
+    EXPECT_EQ(CAppLogCustomConfig::getConfigurationFileContents(contents),
+              SWG_E_LOGCFG_NOT_PRESENT);
     WriteConfig(R"({"vpn_ipc": 1})");
     EXPECT_EQ(CAppLogCustomConfig::getConfigurationFileContents(contents), 0);
     EXPECT_EQ(contents, R"({"vpn_ipc": 1})");

@@ -92,7 +92,8 @@ TEST(BinHex, Hex2BinRejectsANonDigitAndLogsIt) {
 
 // Guards the digit table at its edges.
 TEST(BinHex, HexCharToIntAcceptsOnlyHexDigits) {
-    const std::pair<char, int> good[] = {{'0', 0}, {'9', 9}, {'a', 10}, {'f', 15}, {'A', 10}, {'F', 15}};
+    const std::pair<char, int> good[] = {{'0', 0},  {'9', 9},  {'a', 10},
+                                         {'f', 15}, {'A', 10}, {'F', 15}};
     for (const auto& g : good) {
         unsigned char value = 0xEE;
         EXPECT_EQ(CBinHex::hexCharToInt(g.first, value), 0) << g.first;

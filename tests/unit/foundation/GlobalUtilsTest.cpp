@@ -55,14 +55,20 @@ TEST(GlobalUtilsStrings, WildcardComparison) {
         const char* text;
         const char* pattern;
         bool match;
-    } cases[] = {{"abc", "abc", true},           {"abc", "ab", false},
-                 {"ab", "abc", false},           {"abc", "a*c", true},
-                 {"abc", "*", true},             {"", "*", true},
-                 {"", "", true},                 {"a", "", false},
-                 {"abc", "a*d", false},          {"abcbc", "a*bc", true},
+    } cases[] = {{"abc", "abc", true},
+                 {"abc", "ab", false},
+                 {"ab", "abc", false},
+                 {"abc", "a*c", true},
+                 {"abc", "*", true},
+                 {"", "*", true},
+                 {"", "", true},
+                 {"a", "", false},
+                 {"abc", "a*d", false},
+                 {"abcbc", "a*bc", true},
                  {"a.example.com", "*.example.com", true},
                  {"example.com", "*.example.com", false},
-                 {"xaybzc", "*a*b*c", true},     {"xaybz", "*a*b*c", false},
+                 {"xaybzc", "*a*b*c", true},
+                 {"xaybz", "*a*b*c", false},
                  {"abc", "**b**", true}};
     for (const Case& c : cases) {
         EXPECT_EQ(compareWithWildStr(c.text, c.pattern), c.match) << c.text << " ~ " << c.pattern;
@@ -135,11 +141,16 @@ TEST(GlobalUtilsAddresses, IsIPAddressFollowsInetAddr) {
         const char* text;
         bool ok;
         unsigned int value;
-    } cases[] = {{"1.2.3.4", true, 0x01020304},   {"0.0.0.0", false, 0},
-                 {"255.255.255.255", false, 0},  {"1", true, 1},
-                 {"10.1", true, 0x0A000001},     {"garbage", false, 0},
-                 {"", false, 0},                 {"256.1.1.1", false, 0},
-                 {"::1", false, 0},              {"198.18.0.1", true, 0xC6120001}};
+    } cases[] = {{"1.2.3.4", true, 0x01020304},
+                 {"0.0.0.0", false, 0},
+                 {"255.255.255.255", false, 0},
+                 {"1", true, 1},
+                 {"10.1", true, 0x0A000001},
+                 {"garbage", false, 0},
+                 {"", false, 0},
+                 {"256.1.1.1", false, 0},
+                 {"::1", false, 0},
+                 {"198.18.0.1", true, 0xC6120001}};
     for (const Case& c : cases) {
         unsigned int value = 0xDEADBEEF;
         EXPECT_EQ(IsIPAddress(c.text, &value), c.ok) << c.text;
@@ -156,12 +167,12 @@ TEST(GlobalUtilsAddresses, LiteralChecksByFamily) {
         bool v4orV6;
         bool validOrAny;
     } cases[] = {
-        {"::1", true, true, true},          {"::", true, true, true},
-        {"fe80::1", true, true, true},      {"::ffff:10.0.0.0", true, true, true},
-        {"[::1]", false, false, false},     {"10.0.0.0", false, true, true},
-        {"0.0.0.0", false, true, true},     {"255.255.255.255", false, true, false},
-        {"1", false, false, true},          {"example.com", false, false, false},
-        {"", false, false, false},          {"1.2.3.4.5", false, false, false},
+        {"::1", true, true, true},      {"::", true, true, true},
+        {"fe80::1", true, true, true},  {"::ffff:10.0.0.0", true, true, true},
+        {"[::1]", false, false, false}, {"10.0.0.0", false, true, true},
+        {"0.0.0.0", false, true, true}, {"255.255.255.255", false, true, false},
+        {"1", false, false, true},      {"example.com", false, false, false},
+        {"", false, false, false},      {"1.2.3.4.5", false, false, false},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(IsIPv6Address(c.text), c.v6) << c.text;

@@ -25,8 +25,7 @@ TEST(SyslogLoggerSplit, ThousandBytesIsOnePieceWithoutMarks) {
 // Guards the boundary: 1,001 bytes without a space are cut after 1,000 and marked.
 TEST(SyslogLoggerSplit, ThousandAndOneBytesAreTwoMarkedPieces) {
     const std::string text = std::string(1000, 'a') + "b";
-    EXPECT_EQ(CSyslogLogger::SplitText(text),
-              (Pieces{std::string(1000, 'a') + " -->", "<-- b"}));
+    EXPECT_EQ(CSyslogLogger::SplitText(text), (Pieces{std::string(1000, 'a') + " -->", "<-- b"}));
 }
 
 // Guards the cut: at the last space or line feed of the window, which is dropped.

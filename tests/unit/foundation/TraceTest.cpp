@@ -81,8 +81,8 @@ TEST_F(TraceTest, LinesGoOutAtTheirLevelsPriorityWithALineEnd) {
     struct Case {
         unsigned int level;
         int priority;
-    } cases[] = {{TRACE, LOG_NOTICE}, {WARN, LOG_WARNING}, {ERR, LOG_ERR},  {THREAD, LOG_NOTICE},
-                 {BRIDGE, LOG_NOTICE}, {IPC, LOG_NOTICE}, {14, LOG_NOTICE}, {31, LOG_NOTICE}};
+    } cases[] = {{TRACE, LOG_NOTICE},  {WARN, LOG_WARNING}, {ERR, LOG_ERR},   {THREAD, LOG_NOTICE},
+                 {BRIDGE, LOG_NOTICE}, {IPC, LOG_NOTICE},   {14, LOG_NOTICE}, {31, LOG_NOTICE}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.level);
         m_capture.Clear();
@@ -114,7 +114,7 @@ TEST(TraceMaskRule, UninitialisedObjectKeepsWarnAndErrAndDropsHighBits) {
     struct Case {
         unsigned int given;
         unsigned int expected;
-    } cases[] = {{0x0, 0x6},          {0x107, 0x107},  {0x1FFF, 0x1FFF}, {0x100, 0x106},
+    } cases[] = {{0x0, 0x6},           {0x107, 0x107},   {0x1FFF, 0x1FFF}, {0x100, 0x106},
                  {0xFFFFFFFF, 0x1FFF}, {0x2006, 0x0006}, {0x6, 0x6},       {0x4, 0x6}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.given);
@@ -219,8 +219,8 @@ TEST(TraceToStderr, ChildWithStderrOptionEchoesItsLines) {
         DNTRACE(ERR, "child error %d", 42);
         DNTRACE(TRACE, "child trace without object");
         CSSFileTrace* trace = new CSSFileTrace;
-        trace->Initialize("tsc_swgagent", "", "", 0, TRACE_MASK_DEFAULT, true, false, 0, 0, 0, 0,
-                          0, 0);
+        trace->Initialize("tsc_swgagent", "", "", 0, TRACE_MASK_DEFAULT, true, false, 0, 0, 0, 0, 0,
+                          0);
         g_pTraceObject = trace;
         DNTRACE(WARN, "child warning %s", "w");
         DNTRACE(IPC, "child ipc off");
