@@ -20,7 +20,12 @@ void WritePiece(int priority, ...) {
 }
 }  // namespace
 
-CSyslogLogger::CSyslogLogger(const char* name) : m_name(name != nullptr ? name : "") {}
+CSyslogLogger::CSyslogLogger(const char* name) : m_name(name != nullptr ? name : "") {
+    // Same identity and options as the trace system, so these lines sit beside the
+    // agent's own and reach standard error too under SWG_LOG_STDERR=1. The identity is
+    // static storage, which syslog may keep a pointer to.
+    openlog(g_szAPP_PROCESS_NAME, SwgSyslogOptions(), LOG_DAEMON);
+}
 
 long CSyslogLogger::Log(Logging::Severity severity, const char* text, const char* /*name*/,
                         Logging::MessageID /*id*/, Logging::DebugImportance importance) {

@@ -7,15 +7,16 @@
 
 #include "foundation/ILogger.h"
 
-// Writes each message to the system log under the process's own openlog identity
-// (journald keeps it). Stateless apart from its name; safe to call from any thread.
+// Writes each message to the system log under the agent's identity "tsc_swgagent",
+// facility daemon. Stateless apart from its name; safe to call from any thread.
 class CSyslogLogger : public ILogger {
 public:
     // The largest number of text bytes in one piece, before the marks are added.
     static constexpr std::size_t kPieceBytes = 1000;
 
-    // `name` is the caller's log category; null is taken as "". Syslog lines carry the
-    // process identity, so the name is kept for inspection only.
+    // Opens syslog with the agent's identity and options (SwgSyslogOptions). `name` is
+    // the caller's log category; null is taken as "". Syslog lines carry the process
+    // identity, so the name is kept for inspection only.
     explicit CSyslogLogger(const char* name);
     ~CSyslogLogger() override = default;
 

@@ -108,4 +108,21 @@ TEST(SyslogLoggerLog, AppLogWithoutALoggerOfItsOwnWritesToSyslog) {
         << lines[0].text;
 }
 
+// Guards the stderr echo of the application log: with SWG_LOG_STDERR=1 every piece of a
+// long message reaches standard error through the real syslog call.
+TEST(SyslogLoggerLog, PiecesReachStandardErrorWithTheStderrOption) {
+    int exitCode = -1;
+    const std::string output = swg_test::StderrOfChild(
+        [] {
+            CSyslogLogger logger("category");
+            const std::string text = std::string(1000, 'a') + "tail";
+            logger.Log(3, text.c_str(), "MID_UNKNOWN", 0, 'T');
+        },
+        exitCode);
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_NE(output.find(std::string(1000, 'a') + " -->"), std::string::npos) << output;
+    EXPECT_NE(output.find("<-- tail"), std::string::npos) << output;
+    EXPECT_NE(output.find("tsc_swgagent"), std::string::npos) << output;
+}
+
 }  // namespace

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Trace object and DNTRACE: masks, levels, priorities and the path without an object.
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -195,43 +192,24 @@ TEST_F(TraceTest, ConcurrentLinesKeepTheirOwnPriority) {
     }
 }
 
-// Reads everything a child wrote to the pipe until it closes.
-std::string ReadAll(int fd) {
-    std::string text;
-    char block[512];
-    ssize_t got = 0;
-    while ((got = read(fd, block, sizeof(block))) > 0) text.append(block, static_cast<size_t>(got));
-    return text;
-}
-
 // Guards the real vsyslog route with SWG_LOG_STDERR=1: a child process without a capture
 // sends its lines to standard error (LOG_PERROR), ERR without a trace object included.
 TEST(TraceToStderr, ChildWithStderrOptionEchoesItsLines) {
-    int pipeFds[2];
-    ASSERT_EQ(pipe(pipeFds), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        close(pipeFds[0]);
-        dup2(pipeFds[1], STDERR_FILENO);
-        setenv("SWG_LOG_STDERR", "1", 1);
-        g_pTraceObject = nullptr;
-        DNTRACE(ERR, "child error %d", 42);
-        DNTRACE(TRACE, "child trace without object");
-        CSSFileTrace* trace = new CSSFileTrace;
-        trace->Initialize("tsc_swgagent", "", "", 0, TRACE_MASK_DEFAULT, true, false, 0, 0, 0, 0, 0,
-                          0);
-        g_pTraceObject = trace;
-        DNTRACE(WARN, "child warning %s", "w");
-        DNTRACE(IPC, "child ipc off");
-        _exit(0);
-    }
-    close(pipeFds[1]);
-    const std::string output = ReadAll(pipeFds[0]);
-    close(pipeFds[0]);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    int exitCode = -1;
+    const std::string output = swg_test::StderrOfChild(
+        [] {
+            g_pTraceObject = nullptr;
+            DNTRACE(ERR, "child error %d", 42);
+            DNTRACE(TRACE, "child trace without object");
+            CSSFileTrace* trace = new CSSFileTrace;  // ends with the child
+            trace->Initialize("tsc_swgagent", "", "", 0, TRACE_MASK_DEFAULT, true, false, 0, 0, 0,
+                              0, 0, 0);
+            g_pTraceObject = trace;
+            DNTRACE(WARN, "child warning %s", "w");
+            DNTRACE(IPC, "child ipc off");
+        },
+        exitCode);
+    EXPECT_EQ(exitCode, 0);
     EXPECT_NE(output.find("child error 42"), std::string::npos) << output;
     EXPECT_NE(output.find("child warning w"), std::string::npos) << output;
     EXPECT_EQ(output.find("child trace without object"), std::string::npos) << output;
