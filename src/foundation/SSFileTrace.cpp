@@ -13,7 +13,7 @@
 namespace {
 constexpr int kSyslogFacilityDaemon = 0x18;
 
-// Each heading is a 32-byte text field in the original table; only the text matters here.
+// Level names for the line header, indexed by level.
 const char* const trace_heading[] = {"TRACE", "WARN", "ERR",    "THREAD", "USERINFO",
                                      "LOCK",  "LIC",  "BRIDGE", "HEADER", "LISTEN",
                                      "STATS", "API",  "IPC"};
