@@ -67,7 +67,7 @@ CAppLog::CAppLog(long& result, const char* name, ILogger* logger) {
     result = 0;
     ++sm_instanceCount;
     if (logger != nullptr) {
-        delete sm_pLogger;
+        if (logger != sm_pLogger) delete sm_pLogger;
         sm_pLogger = logger;
     } else if (sm_pLogger == nullptr) {
         sm_pLogger = new (std::nothrow) CSyslogLogger(name);
