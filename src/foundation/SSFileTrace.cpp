@@ -13,10 +13,10 @@
 namespace {
 constexpr int kSyslogFacilityDaemon = 0x18;
 
-// Each heading is a 32-byte text field in the original table; only the text matters here.
-const char* const trace_heading[] = {"TRACE", "WARN",   "ERR",  "THREAD", "USERINFO",
-                                     "LOCK",  "LIC",    "BRIDGE", "HEADER", "LISTEN",
-                                     "STATS", "API",    "IPC"};
+// Level names for the line header, indexed by level.
+const char* const trace_heading[] = {"TRACE", "WARN", "ERR",    "THREAD", "USERINFO",
+                                     "LOCK",  "LIC",  "BRIDGE", "HEADER", "LISTEN",
+                                     "STATS", "API",  "IPC"};
 const int ws_to_syslog_level[] = {5, 4, 3, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5};
 constexpr unsigned int kLevels = sizeof(ws_to_syslog_level) / sizeof(ws_to_syslog_level[0]);
 }  // namespace
@@ -39,8 +39,16 @@ long CSSFileTrace::Initialize(const char* identity, const char* /*directory*/,
     m_appMode = appMode;
     m_bInitialized = true;
     // openlog keeps the pointer it is given, so hand it our own copy.
-    if (!skipOpenlog) openlog(m_identity.c_str(), SwgSyslogOptions(), kSyslogFacilityDaemon);
+    if (!skipOpenlog) {
+        openlog(m_identity.c_str(), SwgSyslogOptions(), kSyslogFacilityDaemon);
+        m_bOpenedLog = true;
+    }
     return 0;
+}
+
+CSSFileTrace::~CSSFileTrace() {
+    // syslog still points at m_identity; closelog drops that pointer before it dangles.
+    if (m_bOpenedLog) closelog();
 }
 
 void CSSFileTrace::PrintDebugString(const char* format, ...) {
@@ -48,7 +56,7 @@ void CSSFileTrace::PrintDebugString(const char* format, ...) {
     std::string withEnd = std::string(format) + "\n";
     va_list args;
     va_start(args, format);
-    vsyslog(SyslogPriority(m_messageLevel), withEnd.c_str(), args);
+    SwgVsyslog(SyslogPriority(m_messageLevel), withEnd.c_str(), args);
     va_end(args);
 }
 

@@ -6,10 +6,12 @@
 
 #include "foundation/SSTrace.h"
 
+// Created once by the agent and kept for the life of the process; any thread may log
+// through it (see CSSTrace).
 class CSSFileTrace : public CSSTrace {
 public:
     CSSFileTrace() = default;
-    ~CSSFileTrace() override = default;
+    ~CSSFileTrace() override;
 
     // Sets mask, identity and mode once; later calls do nothing. Opens syslog under
     // `identity` unless `skipOpenlog`. The directory, file name and the numeric
@@ -23,8 +25,10 @@ public:
     // Formats the message with a line end and hands it to vsyslog at the priority of
     // m_messageLevel. The header is not written: syslog supplies identity, pid and time.
     void PrintDebugString(const char* format, ...) override __attribute__((format(printf, 2, 3)));
+    // Sets `header` to "<level name> | <thread id> | <local ISO time> | ". Never fails.
     void GetLogMsgHeader(unsigned int level, std::string& header) override;
 
+    // The identity given to Initialize and the application mode.
     const std::string& Identity() const { return m_identity; }
     int AppMode() const { return m_appMode; }
 
@@ -36,4 +40,5 @@ public:
 private:
     std::string m_identity;
     int m_appMode = 0;
+    bool m_bOpenedLog = false;  // openlog holds m_identity's buffer until closelog
 };

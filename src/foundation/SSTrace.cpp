@@ -17,7 +17,21 @@ namespace {
 constexpr unsigned int kLevelsMask = 0x1FFF;
 constexpr unsigned int kWarnErr = (1u << WARN) | (1u << ERR);
 constexpr int kSyslogFacilityDaemon = 0x18;
+
+void DefaultWriter(int priority, const char* format, va_list args) {
+    vsyslog(priority, format, args);
+}
+
+std::atomic<SwgSyslogWriter> g_syslogWriter{&DefaultWriter};
 }  // namespace
+
+SwgSyslogWriter SwgSetSyslogWriter(SwgSyslogWriter writer) {
+    return g_syslogWriter.exchange(writer != nullptr ? writer : &DefaultWriter);
+}
+
+void SwgVsyslog(int priority, const char* format, va_list args) {
+    g_syslogWriter.load()(priority, format, args);
+}
 
 int SwgSyslogOptions() {
     int options = LOG_PID | LOG_CONS | LOG_ODELAY | LOG_NDELAY;
@@ -57,6 +71,6 @@ void CSSTrace::LogErrorEvent(const char* format, ...) {
     std::string withEnd = std::string(format) + "\n";
     va_list args;
     va_start(args, format);
-    vsyslog(LOG_ERR, withEnd.c_str(), args);
+    SwgVsyslog(LOG_ERR, withEnd.c_str(), args);
     va_end(args);
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdarg>
 #include <string>
 
 #include <boost/thread/recursive_mutex.hpp>
@@ -38,7 +39,8 @@ public:
     CSSTrace& operator=(const CSSTrace&) = delete;
 
     // Writes one line at m_messageLevel. Does nothing until initialised.
-    virtual void PrintDebugString(const char* format, ...) __attribute__((format(printf, 2, 3))) = 0;
+    virtual void PrintDebugString(const char* format, ...)
+        __attribute__((format(printf, 2, 3))) = 0;
     // Builds the line header (level name, thread id, local time) into `header`.
     virtual void GetLogMsgHeader(unsigned int level, std::string& header) = 0;
 
@@ -75,3 +77,14 @@ extern CSSTrace* g_pTraceObject;
 // syslog options of the process: LOG_PID|LOG_CONS|LOG_ODELAY|LOG_NDELAY, plus
 // LOG_PERROR when SWG_LOG_STDERR=1 so that every line also reaches standard error.
 int SwgSyslogOptions();
+
+// Where every line of the logging family goes: the trace object, LogErrorEvent and the
+// CAppLog logger. vsyslog by default; tests install a capture to read what would be
+// written. Writers may be called from any thread at once.
+using SwgSyslogWriter = void (*)(int priority, const char* format, va_list args);
+
+// Installs `writer` (nullptr restores vsyslog) and returns the previous one. Never fails.
+SwgSyslogWriter SwgSetSyslogWriter(SwgSyslogWriter writer);
+
+// Hands one line to the installed writer at `priority`. Never fails.
+void SwgVsyslog(int priority, const char* format, va_list args);

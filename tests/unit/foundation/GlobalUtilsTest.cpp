@@ -1,0 +1,338 @@
+// SPDX-License-Identifier: Apache-2.0
+// Free helpers: exact results and codes that other areas compare against.
+#include <arpa/inet.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "foundation/GlobalConst.h"
+#include "foundation/GlobalUtils.h"
+
+namespace {
+
+// Guards the length rule first and the ASCII-only folding.
+TEST(GlobalUtilsStrings, NocaseCompareTreatsLengthFirst) {
+    EXPECT_EQ(StringNocaseCompare("ABC", "abcd"), -1);
+    EXPECT_EQ(StringNocaseCompare("abcd", "ABC"), -1);
+    EXPECT_EQ(StringNocaseCompare("ABC", "abc"), 0);
+    EXPECT_EQ(StringNocaseCompare("", ""), 0);
+    EXPECT_EQ(StringNocaseCompare("0", "1"), -1);
+    EXPECT_EQ(StringNocaseCompare("1", "0"), 1);
+    EXPECT_NE(StringNocaseCompare("[", "{"), 0);  // only A-Z fold
+    EXPECT_NE(StringNocaseCompare("true", "TRUX"), 0);
+}
+
+// Guards the three trims, including texts made only of trimmed characters.
+TEST(GlobalUtilsStrings, TrimRemovesOnlyTheGivenCharactersAtTheEnds) {
+    std::string text = " \r\n value \t x\t\n";
+    StringTrim(text, " \r\n\t");
+    EXPECT_EQ(text, "value \t x");
+    text = "--a--";
+    StringTrimLeft(text, "-");
+    EXPECT_EQ(text, "a--");
+    text = "--a--";
+    StringTrimRight(text, "-");
+    EXPECT_EQ(text, "--a");
+    text = "    ";
+    StringTrim(text, " ");
+    EXPECT_EQ(text, "");
+    text = "abc";
+    StringTrim(text, "");
+    EXPECT_EQ(text, "abc");
+}
+
+// Guards the wildcard matcher, backtracking included.
+TEST(GlobalUtilsStrings, WildcardComparison) {
+    struct Case {
+        const char* text;
+        const char* pattern;
+        bool match;
+    } cases[] = {{"abc", "abc", true},
+                 {"abc", "ab", false},
+                 {"ab", "abc", false},
+                 {"abc", "a*c", true},
+                 {"abc", "*", true},
+                 {"", "*", true},
+                 {"", "", true},
+                 {"a", "", false},
+                 {"abc", "a*d", false},
+                 {"abcbc", "a*bc", true},
+                 {"a.example.com", "*.example.com", true},
+                 {"example.com", "*.example.com", false},
+                 {"xaybzc", "*a*b*c", true},
+                 {"xaybz", "*a*b*c", false},
+                 {"abc", "**b**", true}};
+    for (const Case& c : cases) {
+        EXPECT_EQ(compareWithWildStr(c.text, c.pattern), c.match) << c.text << " ~ " << c.pattern;
+    }
+}
+
+// Guards path joining with exactly one separator.
+TEST(GlobalUtilsPaths, ConcatenatePathUsesOneSeparator) {
+    EXPECT_EQ(ConcatenatePath("/opt/x", "SWGConfig.json", "/"), "/opt/x/SWGConfig.json");
+    EXPECT_EQ(ConcatenatePath("/opt/x/", "SWGConfig.json", "/"), "/opt/x/SWGConfig.json");
+    EXPECT_EQ(ConcatenatePath("/opt/x//", "/a", "/"), "/opt/x/a");
+    EXPECT_EQ(ConcatenatePath("", "a", "/"), "a");
+    EXPECT_EQ(ConcatenatePath("d", "", "/"), "d");
+    EXPECT_EQ(ConcatenatePath("d", "n", "::"), "d::n");
+    EXPECT_EQ(ConcatenatePath("d", "n", ""), "dn");
+}
+
+// Guards the data root switch that tests and the demo depend on.
+TEST(GlobalUtilsPaths, AllUsersPathFollowsDataRoot) {
+    std::string path = "stale";
+    unsetenv("SWG_DATA_ROOT");
+    EXPECT_TRUE(GetAllUsersAppDataPath(path));
+    EXPECT_EQ(path, "/opt");
+    setenv("SWG_DATA_ROOT", "/tmp/swg-root", 1);
+    EXPECT_TRUE(GetAllUsersAppDataPath(path));
+    EXPECT_EQ(path, "/tmp/swg-root");
+    setenv("SWG_DATA_ROOT", "", 1);
+    EXPECT_TRUE(GetAllUsersAppDataPath(path));
+    EXPECT_EQ(path, "/opt");
+    unsetenv("SWG_DATA_ROOT");
+    EXPECT_EQ(GetTempFolderPath(path), 0);
+    EXPECT_EQ(path, "/tmp");
+}
+
+// Guards the program's directory and file existence against the real file system.
+TEST(GlobalUtilsPaths, ExecutableDirectoryHoldsThisTestProgram) {
+    const std::string dir = GetExecutableDirectory();
+    ASSERT_FALSE(dir.empty());
+    EXPECT_EQ(dir.front(), '/');
+    EXPECT_NE(dir.back(), '/');
+    EXPECT_TRUE(DoesFileExist(dir + "/test_foundation"));
+    EXPECT_TRUE(DoesFileExist(dir));
+    EXPECT_FALSE(DoesFileExist(dir + "/no-such-file.json"));
+    EXPECT_FALSE(DoesFileExist(""));
+}
+
+// Guards HexEncode/HexDecode as a pair, and their refusals.
+TEST(GlobalUtilsHex, EncodeAndDecodeAreInverse) {
+    const unsigned char data[] = {0x00, 0x1F, 0xA0, 0xFF};
+    std::unique_ptr<char[]> text(HexEncode(data, 4));
+    ASSERT_NE(text, nullptr);
+    EXPECT_STREQ(text.get(), "001FA0FF");
+    std::vector<unsigned char> back;
+    EXPECT_TRUE(HexDecode(reinterpret_cast<const unsigned char*>("001fA0Ff"), 8, back));
+    EXPECT_EQ(back, std::vector<unsigned char>(data, data + 4));
+    EXPECT_EQ(HexEncode(nullptr, 4), nullptr);
+    EXPECT_EQ(HexEncode(data, -1), nullptr);
+    std::unique_ptr<char[]> empty(HexEncode(data, 0));
+    ASSERT_NE(empty, nullptr);
+    EXPECT_STREQ(empty.get(), "");
+    EXPECT_FALSE(HexDecode(reinterpret_cast<const unsigned char*>("ABC"), 3, back));
+    EXPECT_TRUE(back.empty());
+    EXPECT_FALSE(HexDecode(reinterpret_cast<const unsigned char*>("zz"), 2, back));
+    EXPECT_FALSE(HexDecode(nullptr, 2, back));
+}
+
+// Guards IsIPAddress: inet_addr's forms, the two refused addresses, and the value.
+TEST(GlobalUtilsAddresses, IsIPAddressFollowsInetAddr) {
+    struct Case {
+        const char* text;
+        bool ok;
+        unsigned int value;
+    } cases[] = {{"1.2.3.4", true, 0x01020304},
+                 {"0.0.0.0", false, 0},
+                 {"255.255.255.255", false, 0},
+                 {"1", true, 1},
+                 {"10.1", true, 0x0A000001},
+                 {"garbage", false, 0},
+                 {"", false, 0},
+                 {"256.1.1.1", false, 0},
+                 {"::1", false, 0},
+                 {"198.18.0.1", true, 0xC6120001}};
+    for (const Case& c : cases) {
+        unsigned int value = 0xDEADBEEF;
+        EXPECT_EQ(IsIPAddress(c.text, &value), c.ok) << c.text;
+        EXPECT_EQ(value, c.value) << c.text;
+    }
+    EXPECT_TRUE(IsIPAddress("127.0.0.1"));
+}
+
+// Guards the literal checks that decide between address and host name.
+TEST(GlobalUtilsAddresses, LiteralChecksByFamily) {
+    struct Case {
+        const char* text;
+        bool v6;
+        bool v4orV6;
+        bool validOrAny;
+    } cases[] = {
+        {"::1", true, true, true},      {"::", true, true, true},
+        {"fe80::1", true, true, true},  {"::ffff:10.0.0.0", true, true, true},
+        {"[::1]", false, false, false}, {"10.0.0.0", false, true, true},
+        {"0.0.0.0", false, true, true}, {"255.255.255.255", false, true, false},
+        {"1", false, false, true},      {"example.com", false, false, false},
+        {"", false, false, false},      {"1.2.3.4.5", false, false, false},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(IsIPv6Address(c.text), c.v6) << c.text;
+        EXPECT_EQ(IsIPv4orIPv6Address(c.text), c.v4orV6) << c.text;
+        EXPECT_EQ(IsValidOrAnyIPAddress(c.text), c.validOrAny) << c.text;
+    }
+}
+
+// Guards the address-to-text conversions of both families and the socket address.
+TEST(GlobalUtilsAddresses, AddressesToText) {
+    in_addr v4{};
+    ASSERT_EQ(inet_pton(AF_INET, "198.18.0.7", &v4), 1);
+    EXPECT_EQ(InaddrToAddress(v4), "198.18.0.7");
+    in6_addr v6{};
+    ASSERT_EQ(inet_pton(AF_INET6, "2001:db8:0:0::1", &v6), 1);
+    EXPECT_EQ(Inaddr6ToAddress(v6), "2001:db8::1");
+
+    sockaddr_in sin{};
+    sin.sin_family = AF_INET;
+    sin.sin_addr = v4;
+    sin.sin_port = htons(443);
+    EXPECT_EQ(SockaddrToAddress(reinterpret_cast<sockaddr*>(&sin)), "198.18.0.7");
+    sockaddr_in6 sin6{};
+    sin6.sin6_family = AF_INET6;
+    ASSERT_EQ(inet_pton(AF_INET6, "::ffff:1.2.3.4", &sin6.sin6_addr), 1);
+    EXPECT_EQ(SockaddrToAddress(reinterpret_cast<sockaddr*>(&sin6)), "::ffff:1.2.3.4");
+    sockaddr_un sun{};
+    sun.sun_family = AF_UNIX;
+    EXPECT_EQ(SockaddrToAddress(reinterpret_cast<sockaddr*>(&sun)), "");
+    EXPECT_EQ(SockaddrToAddress(nullptr), "");
+}
+
+// Guards the status-line reader and its 20-byte window.
+TEST(GlobalUtilsHttp, StatusCodeFromTheFirstTwentyBytes) {
+    struct Case {
+        const char* header;
+        int length;
+        int code;
+    } cases[] = {
+        {"HTTP/1.1 200 OK\r\n", 17, 200},
+        {"HTTP/1.0 302 Found\r\nLocation: x\r\n", 33, 302},
+        {"HTTP/1.1 503", 12, 503},
+        {"HTTP/1.1 200 OK", 10, 2},  // length cuts the code short
+        {"HTTP/1.1 200", 9, SWG_E_HTTP_NO_STATUS_CODE},
+        {"HTTP/1.1", 8, SWG_E_HTTP_NO_STATUS_CODE},
+        {"HTTP/1.1 OK 200", 15, SWG_E_HTTP_NO_STATUS_CODE},
+        {"HTTP/1.1234567890123456789 200", 30, SWG_E_HTTP_NO_STATUS_CODE},
+        {"", 0, SWG_E_HTTP_NO_STATUS_CODE},
+        {"HTTP/1.1 2000", 13, 200},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(GetStatusCodeFromHTTPHeader(c.header, c.length), c.code) << c.header;
+    }
+    EXPECT_EQ(GetStatusCodeFromHTTPHeader(nullptr, 10), SWG_E_HTTP_NO_STATUS_CODE);
+}
+
+// Guards URL splitting for the web client and the echo service probe.
+TEST(GlobalUtilsHttp, HostAndRequestFromUrl) {
+    struct Case {
+        const char* url;
+        int result;
+        const char* host;
+        const char* request;
+    } cases[] = {
+        {"http://echo.example/path?q=1", 0, "echo.example", "path?q=1"},
+        {"https://a.example:8080/x/y", 0, "a.example:8080", "x/y"},
+        {"a.example/x", 0, "a.example", "x"},
+        {"http://a.example/", 0, "a.example", ""},
+        {"http://a.example", SWG_E_HTTP_BAD_URL, "", ""},
+        {"http:///path", SWG_E_HTTP_BAD_URL, "", ""},
+        {"", SWG_E_HTTP_BAD_URL, "", ""},
+    };
+    for (const Case& c : cases) {
+        std::string host = "stale";
+        std::string request = "stale";
+        EXPECT_EQ(GetHostAndRequestFromURL(c.url, host, request), c.result) << c.url;
+        EXPECT_EQ(host, c.host) << c.url;
+        EXPECT_EQ(request, c.request) << c.url;
+    }
+}
+
+// Guards the captive portal domain: lower case, no scheme, www, port, path or query.
+TEST(GlobalUtilsHttp, DomainFromUrlIsBare) {
+    EXPECT_EQ(ExtractDomainFromUrl("HTTP://WWW.Portal.Example:8080/login?x=1"), "portal.example");
+    EXPECT_EQ(ExtractDomainFromUrl("https://portal.example?next=http://www.x"), "portal.example");
+    EXPECT_EQ(ExtractDomainFromUrl("portal.example/a:b"), "portal.example");
+    EXPECT_EQ(ExtractDomainFromUrl("/relative/path"), "");
+    EXPECT_EQ(ExtractDomainFromUrl(""), "");
+}
+
+// Guards the ETag reader: any case of the name, value kept with its quotes.
+TEST(GlobalUtilsHttp, EtagFromHeaders) {
+    std::string etag = "stale";
+    EXPECT_TRUE(GetEtagFromHTTPHeaders("HTTP/1.1 200 OK\r\nETag: \"abc\"\r\n\r\n", etag));
+    EXPECT_EQ(etag, "\"abc\"");
+    EXPECT_TRUE(GetEtagFromHTTPHeaders("HTTP/1.1 304 Not Modified\nETAG:W/\"v2\"\n", etag));
+    EXPECT_EQ(etag, "W/\"v2\"");
+    EXPECT_FALSE(GetEtagFromHTTPHeaders("HTTP/1.1 200 OK\r\nX-ETag: 1\r\n\r\n", etag));
+    EXPECT_EQ(etag, "");
+}
+
+// Guards the lookup and its fallback for codes without a phrase (30002 included).
+TEST(GlobalUtilsHttp, StatusCodeDefinitions) {
+    EXPECT_EQ(GetHTTPStatusCodeDef(302), "Found");
+    EXPECT_EQ(GetHTTPStatusCodeDef(499), "Unknown");
+    EXPECT_EQ(GetHTTPStatusCodeDef(SWG_E_HTTP_NO_STATUS_CODE), "Unknown");
+}
+
+// Guards the bounds-checked copies: errors, truncation refused, destination cleared.
+TEST(GlobalUtilsBounded, CopiesRefuseWhatDoesNotFit) {
+    char dest[4] = {'x', 'x', 'x', 'x'};
+    EXPECT_EQ(memcpy_s(dest, sizeof(dest), "abcd", 4), 0);
+    EXPECT_EQ(std::memcmp(dest, "abcd", 4), 0);
+    EXPECT_EQ(memcpy_s(dest, sizeof(dest), "abcde", 5), ERANGE);
+    EXPECT_EQ(dest[0], '\0');
+    EXPECT_EQ(memcpy_s(nullptr, 4, "a", 1), EINVAL);
+    EXPECT_EQ(memcpy_s(dest, sizeof(dest), nullptr, 1), EINVAL);
+
+    EXPECT_EQ(strcpy_s(dest, sizeof(dest), "abc"), 0);
+    EXPECT_STREQ(dest, "abc");
+    EXPECT_EQ(strcpy_s(dest, sizeof(dest), "abcd"), ERANGE);
+    EXPECT_STREQ(dest, "");
+    EXPECT_EQ(strcpy_s(dest, 0, "a"), EINVAL);
+    EXPECT_EQ(strcpy_s(dest, sizeof(dest), nullptr), EINVAL);
+
+    EXPECT_EQ(strnlen_s("abcdef", 4), 4u);
+    EXPECT_EQ(strnlen_s("ab", 4), 2u);
+    EXPECT_EQ(strnlen_s(nullptr, 4), 0u);
+    EXPECT_EQ(safe_strnlenA("abcdef", 3), 3u);
+    EXPECT_EQ(safe_strnlenA(nullptr, 3), 0u);
+}
+
+// Guards strlcpy/strlcat behaviour: truncated, terminated, length tried returned.
+TEST(GlobalUtilsBounded, SafeCopyAndAppendTruncate) {
+    char buffer[6];
+    EXPECT_EQ(safe_strlcpyA(buffer, "abc", sizeof(buffer)), 3u);
+    EXPECT_STREQ(buffer, "abc");
+    EXPECT_EQ(safe_strlcatA(buffer, "defgh", sizeof(buffer)), 8u);
+    EXPECT_STREQ(buffer, "abcde");
+    EXPECT_EQ(safe_strlcatA(buffer, "z", sizeof(buffer)), 6u);
+    EXPECT_STREQ(buffer, "abcde");
+    EXPECT_EQ(safe_strlcpyA(buffer, "0123456789", sizeof(buffer)), 10u);
+    EXPECT_STREQ(buffer, "01234");
+    char unterminated[3] = {'a', 'b', 'c'};
+    EXPECT_EQ(safe_strlcatA(unterminated, "d", sizeof(unterminated)), 4u);
+    EXPECT_EQ(std::memcmp(unterminated, "abc", 3), 0);
+    EXPECT_EQ(safe_strlcpyA(nullptr, "a", 2), 0u);
+}
+
+// Guards the formatting bound: the result counts what was stored, never more.
+TEST(GlobalUtilsBounded, SafeFormattingTruncatesAndReportsStored) {
+    char buffer[8];
+    EXPECT_EQ(safe_snprintfA(buffer, sizeof(buffer), "%d-%s", 42, "ok"), 5);
+    EXPECT_STREQ(buffer, "42-ok");
+    EXPECT_EQ(safe_snprintfA(buffer, sizeof(buffer), "%s", "0123456789"), 7);
+    EXPECT_STREQ(buffer, "0123456");
+    EXPECT_EQ(safe_snprintfA(buffer, 1, "%s", "x"), 0);
+    EXPECT_STREQ(buffer, "");
+    EXPECT_EQ(safe_snprintfA(buffer, 0, "%s", "x"), -1);
+    EXPECT_EQ(safe_snprintfA(nullptr, 8, "%s", "x"), -1);
+}
+
+}  // namespace
