@@ -13,6 +13,6 @@ void SwgSyslog(int priority, const char* format, ...) {
     openlog(g_szAPP_PROCESS_NAME, SwgSyslogOptions(), LOG_DAEMON);
     va_list args;
     va_start(args, format);
-    vsyslog(priority, format, args);
+    SwgVsyslog(priority, format, args);
     va_end(args);
 }
