@@ -15,10 +15,10 @@ public:
     CDnSocket(int family, int type, int protocol);
     ~CDnSocket() override;
 
-    int Send(const char* buffer, int length, int flags) override;
-    int SendComplete(const char* buffer, int length, int flags, bool stop) override;
-    int Recv(char* buffer, int length, int flags) override;
+    [[nodiscard]] int Send(const char* buffer, int length, int flags) override;
+    [[nodiscard]] int SendComplete(const char* buffer, int length, int flags, bool stop) override;
+    [[nodiscard]] int Recv(char* buffer, int length, int flags) override;
     int Shutdown(int how) override;
-    int Connect(const sockaddr* address, int length, long timeout) override;
+    [[nodiscard]] int Connect(const sockaddr* address, int length, long timeout) override;
     int CloseSocket() override;
 };

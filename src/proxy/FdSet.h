@@ -37,6 +37,7 @@ public:
     // The set as select() takes it.
     fd_set* Native() { return reinterpret_cast<fd_set*>(m_bits); }
 
+    // True for the descriptors a set can hold: 0 to 8191.
     static constexpr bool InRange(int fd) { return fd >= 0 && fd < kCapacity; }
 
 private:

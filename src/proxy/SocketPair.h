@@ -65,7 +65,7 @@ public:
     // seen at the head of the loop, SWG_RELAY_SIDE_FINISHED when a side ended with nothing
     // left to send, SWG_SOCKET_TIMEOUT when the flag was seen while waiting, -1 when the
     // buffered bytes could not be sent, or select's errno.
-    int ProxyLoop();
+    [[nodiscard]] int ProxyLoop();
 
     // True, with a trace line, when nothing is left to do: both sides finished, or one
     // finished with nothing queued for the other.
@@ -86,11 +86,15 @@ private:
 
     static constexpr int kBuffsPerDirection = 3;
 
+    // Enter `fd` in a set unless it is out of range, raising `maxFd` to it when entered.
     void EnterRead(int fd, int& maxFd);
     void EnterWrite(int fd, int& maxFd);
     // True while the front of m_to_local is a lone byte younger than the hold.
     bool IsSingleByteHeld() const;
+    // Counts bytes from the remote side and runs the callback once past 512.
     void NoteRemoteBytes(int count);
+    // One send from the front of `toSend` to `target`, for either direction; returns as
+    // SendToRemote and SendToLocal do.
     int SendFront(BuffList& toSend, BuffList& freeList, CDnVSocket& target, int& targetSk,
                   const BuffList& opposite, bool toRemote);
 

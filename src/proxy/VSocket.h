@@ -34,18 +34,18 @@ public:
     CDnVSocket& operator=(const CDnVSocket&) = delete;
 
     // One send of `length` bytes; returns the count sent or -1 with errno set.
-    virtual int Send(const char* buffer, int length, int flags) = 0;
+    [[nodiscard]] virtual int Send(const char* buffer, int length, int flags) = 0;
     // Sends all `length` bytes unless `stop` is true or `length` < 1 (then 0, nothing sent).
     // Returns the total, or -1 on failure (errno kept from the failing send).
-    virtual int SendComplete(const char* buffer, int length, int flags, bool stop) = 0;
+    [[nodiscard]] virtual int SendComplete(const char* buffer, int length, int flags, bool stop) = 0;
     // One recv into `buffer`; returns the count, 0 at end of stream, -1 with errno set.
     // Never looks at the line buffer.
-    virtual int Recv(char* buffer, int length, int flags) = 0;
+    [[nodiscard]] virtual int Recv(char* buffer, int length, int flags) = 0;
     // shutdown(2) of the descriptor; returns its result.
     virtual int Shutdown(int how) = 0;
     // Connects to `address`; `timeout` in seconds, -1 for m_dwTimeout. Returns 0, an errno
     // value, or SWG_SOCKET_TIMEOUT.
-    virtual int Connect(const sockaddr* address, int length, long timeout) = 0;
+    [[nodiscard]] virtual int Connect(const sockaddr* address, int length, long timeout) = 0;
     // Closes the descriptor; 0 when already closed, else the result of close(2).
     virtual int CloseSocket() = 0;
 
@@ -64,7 +64,7 @@ public:
     // Takes up to `length` bytes from the line buffer when it holds unread bytes, else one
     // Recv. Never mixes the two in one call, so it may return fewer bytes than both hold.
     // Returns the count, or Recv's result (0 at end of stream, -1 with errno).
-    int Receive(char* buffer, int length, int flags);
+    [[nodiscard]] int Receive(char* buffer, int length, int flags);
 
     // Unread buffered bytes, else FIONREAD on the descriptor. True with `readable` set when
     // anything is there. `error` (may be null) gets 0, or errno when FIONREAD fails.
@@ -98,18 +98,18 @@ public:
     // read. On timeout returns all that is buffered; on exit, size < 1, a failed or closed
     // read, returns empty. Bytes read stay buffered in every case. Starts by resetting the
     // buffer: the caller must hold nothing in it.
-    std::string PeekLine(int size, int timeoutMs, const std::atomic<bool>& exit);
+    [[nodiscard]] std::string PeekLine(int size, int timeoutMs, const std::atomic<bool>& exit);
     // Sets `line` to the next line, with its newline, from the buffer or else the descriptor,
     // blocking without limit. A partial line stays buffered. Returns 0, errno on a failed
     // read, or 1 when the peer closed; `line` is empty unless 0 is returned.
-    int ReceiveLine(std::string& line);
+    [[nodiscard]] int ReceiveLine(std::string& line);
     // Appends to `headers`, a byte at a time through Receive, up to and including the first
     // empty line (CR ignored). Returns the last read's result: 1, 0 at end of stream or -1.
-    int ReceiveHeaders(std::string& headers);
+    [[nodiscard]] int ReceiveHeaders(std::string& headers);
     // Sends the unread buffered bytes through target->SendComplete, with `exit` as its stop.
     // Returns 0 for a null target or nothing buffered, -1 on failure (buffer kept), else
     // the count sent, with the buffer reset.
-    int SendCompleteFromInternalBuffer(CDnVSocket* target, int flags, const std::atomic<bool>& exit);
+    [[nodiscard]] int SendCompleteFromInternalBuffer(CDnVSocket* target, int flags, const std::atomic<bool>& exit);
 
     // FIONBIO with `mode`: non-zero makes the descriptor non-blocking. Failures are ignored.
     void SetBlockingMode(unsigned long mode);
@@ -117,12 +117,12 @@ public:
     void SetSockOptions(int level, int name, const char* value, int length);
     // The timed connect: non-blocking connect, then a wait of `seconds` for writability.
     // Returns 0 (writable counts as connected), errno, or SWG_SOCKET_TIMEOUT.
-    int ConnectAsynchronously(const sockaddr* address, int length, unsigned int seconds);
+    [[nodiscard]] int ConnectAsynchronously(const sockaddr* address, int length, unsigned int seconds);
 
     // Waits with select for `socket` to turn writable (`mode` 2) or readable (`mode` 1).
     // Returns 0 when it did, SWG_SOCKET_TIMEOUT, errno when select fails, or 0x80070057 for
     // a descriptor outside 0..8191 or any other mode.
-    static int IsSocketAvailable(int socket, short mode, unsigned int seconds, unsigned int microseconds);
+    [[nodiscard]] static int IsSocketAvailable(int socket, short mode, unsigned int seconds, unsigned int microseconds);
 
     // getpeername(2) into `address`; `*length` in: its size, out: the size used. On failure
     // `*length` is set to 0.
