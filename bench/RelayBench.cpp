@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Relay throughput: bytes per second through one CSocketPair over loopback TCP, one way and both ways.
+// Relay throughput: bytes per second through one CSocketPair over loopback TCP, one way and both
+// ways.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -7,14 +8,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <boost/function.hpp>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <boost/function.hpp>
 
 #include "proxy/DnSocket.h"
 #include "proxy/SocketPair.h"
@@ -29,15 +29,16 @@ constexpr std::size_t kMaxMegabytes = 4096;
 // Each transfer gives up after this long, whatever its size.
 constexpr auto kTimeLimit = std::chrono::seconds(30);
 
-bool ConnectedPair(int& a, int& b)
-{
+bool ConnectedPair(int& a, int& b) {
     const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof(address);
-    bool ok = listener != -1 && ::bind(listener, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-              ::listen(listener, 1) == 0 && ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+    bool ok = listener != -1 &&
+              ::bind(listener, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+              ::listen(listener, 1) == 0 &&
+              ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) == 0;
     a = ok ? ::socket(AF_INET, SOCK_STREAM, 0) : -1;
     ok = ok && a != -1 && ::connect(a, reinterpret_cast<sockaddr*>(&address), length) == 0;
     b = ok ? ::accept(listener, nullptr, nullptr) : -1;
@@ -46,8 +47,7 @@ bool ConnectedPair(int& a, int& b)
 }
 
 // Sends `total` bytes on `fd`, stopping early at the deadline; returns the bytes sent.
-std::size_t Pump(int fd, std::size_t total, Clock::time_point deadline)
-{
+std::size_t Pump(int fd, std::size_t total, Clock::time_point deadline) {
     std::vector<char> chunk(kChunk, 'x');
     std::size_t sent = 0;
     while (sent < total && Clock::now() < deadline) {
@@ -59,8 +59,7 @@ std::size_t Pump(int fd, std::size_t total, Clock::time_point deadline)
 }
 
 // Reads until `total` bytes, end of stream or the deadline; returns the bytes read.
-std::size_t Drain(int fd, std::size_t total, Clock::time_point deadline)
-{
+std::size_t Drain(int fd, std::size_t total, Clock::time_point deadline) {
     std::vector<char> chunk(kChunk);
     std::size_t got = 0;
     while (got < total && Clock::now() < deadline) {
@@ -72,8 +71,7 @@ std::size_t Drain(int fd, std::size_t total, Clock::time_point deadline)
 }
 
 // Runs one relay and reports MB/s over the bytes that arrived.
-void Measure(const char* name, std::size_t bytes, bool bothWays)
-{
+void Measure(const char* name, std::size_t bytes, bool bothWays) {
     int client = -1, local = -1, remote = -1, server = -1;
     if (!ConnectedPair(client, local) || !ConnectedPair(remote, server)) {
         std::printf("%-10s setup failed\n", name);
@@ -107,15 +105,15 @@ void Measure(const char* name, std::size_t bytes, bool bothWays)
     ::close(client);
     ::close(server);
     const double megabytes = static_cast<double>(up + down) / (1024.0 * 1024.0);
-    std::printf("%-10s %8.1f MB in %6.2f s  %8.1f MB/s%s\n", name, megabytes, seconds, megabytes / seconds,
+    std::printf("%-10s %8.1f MB in %6.2f s  %8.1f MB/s%s\n", name, megabytes, seconds,
+                megabytes / seconds,
                 up + down < (bothWays ? 2 : 1) * bytes ? "  (time limit reached)" : "");
 }
 
 }  // namespace
 
 // Usage: RelayBench [megabytes per direction, default 256, at most 4096]
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     std::size_t megabytes = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : kDefaultMegabytes;
     if (megabytes == 0 || megabytes > kMaxMegabytes) megabytes = kDefaultMegabytes;
     utsname machine{};
@@ -125,8 +123,9 @@ int main(int argc, char** argv)
 #else
     const char* build = "debug";
 #endif
-    std::printf("relay throughput, %s %s %s, %u cores, %s build, %zu MB per direction\n", machine.sysname,
-                machine.release, machine.machine, std::thread::hardware_concurrency(), build, megabytes);
+    std::printf("relay throughput, %s %s %s, %u cores, %s build, %zu MB per direction\n",
+                machine.sysname, machine.release, machine.machine,
+                std::thread::hardware_concurrency(), build, megabytes);
     Measure("one-way", megabytes << 20, false);
     Measure("both-ways", megabytes << 20, true);
     return 0;

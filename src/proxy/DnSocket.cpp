@@ -11,18 +11,18 @@
 
 CDnSocket::CDnSocket(int socket) : CDnVSocket(socket) {}
 
-CDnSocket::CDnSocket(int family, int type, int protocol) : CDnVSocket(::socket(family, type, protocol)) {}
+CDnSocket::CDnSocket(int family, int type, int protocol)
+    : CDnVSocket(::socket(family, type, protocol)) {}
 
 CDnSocket::~CDnSocket() { (void)CloseSocket(); }
 
-int CDnSocket::Send(const char* buffer, int length, int /*flags*/)
-{
+int CDnSocket::Send(const char* buffer, int length, int /*flags*/) {
     // Callers' flags are ignored by design; MSG_NOSIGNAL only turns a gone peer into EPIPE.
-    return static_cast<int>(::send(m_socket.load(), buffer, static_cast<size_t>(length), MSG_NOSIGNAL));
+    return static_cast<int>(
+        ::send(m_socket.load(), buffer, static_cast<size_t>(length), MSG_NOSIGNAL));
 }
 
-int CDnSocket::SendComplete(const char* buffer, int length, int flags, bool stop)
-{
+int CDnSocket::SendComplete(const char* buffer, int length, int flags, bool stop) {
     if (length < 1 || stop) return 0;
     int total = 0;
     while (total < length) {
@@ -38,20 +38,21 @@ int CDnSocket::SendComplete(const char* buffer, int length, int flags, bool stop
         const int saved = errno;
         // EINTR is retried like EINPROGRESS: a signal is not a failure of the connection.
         if (saved == EINPROGRESS || saved == EINTR) continue;
-        if (saved != ECONNRESET) DNTRACE(ERR, "Socket : Failed to send %d bytes. Code : %d", length, saved);
+        if (saved != ECONNRESET)
+            DNTRACE(ERR, "Socket : Failed to send %d bytes. Code : %d", length, saved);
         errno = saved;
         return -1;
     }
     return total;
 }
 
-int CDnSocket::Recv(char* buffer, int length, int flags)
-{
+int CDnSocket::Recv(char* buffer, int length, int flags) {
     const int fd = m_socket.load();
     const int received = static_cast<int>(::recv(fd, buffer, static_cast<size_t>(length), flags));
     if (received == -1) {
         const int saved = errno;
-        if (saved != ECONNRESET) DNTRACE(ERR, "Socket : socket(%d) receive error. Code : %d", fd, saved);
+        if (saved != ECONNRESET)
+            DNTRACE(ERR, "Socket : socket(%d) receive error. Code : %d", fd, saved);
         errno = saved;
     }
     return received;
@@ -59,8 +60,7 @@ int CDnSocket::Recv(char* buffer, int length, int flags)
 
 int CDnSocket::Shutdown(int how) { return ::shutdown(m_socket.load(), how); }
 
-int CDnSocket::Connect(const sockaddr* address, int length, long timeout)
-{
+int CDnSocket::Connect(const sockaddr* address, int length, long timeout) {
     long wait = timeout;
     if (wait == -1 && m_dwTimeout.load() != 0) wait = static_cast<long>(m_dwTimeout.load());
     if (wait < 1) {
@@ -70,8 +70,7 @@ int CDnSocket::Connect(const sockaddr* address, int length, long timeout)
     return ConnectAsynchronously(address, length, static_cast<unsigned int>(wait));
 }
 
-int CDnSocket::CloseSocket()
-{
+int CDnSocket::CloseSocket() {
     // exchange: a close from another thread (to wake a blocked reader) and the owner's own
     // close must not both reach close(2) with the same, possibly reused, number.
     const int fd = m_socket.exchange(-1);

@@ -24,8 +24,7 @@ public:
     void Zero() { std::memset(m_bits, 0, sizeof(m_bits)); }
 
     // Enters `fd`; returns false, entering nothing, when it is negative or not below 8192.
-    bool Set(int fd)
-    {
+    bool Set(int fd) {
         if (!InRange(fd)) return false;
         m_bits[Word(fd)] |= Bit(fd);
         return true;

@@ -4,10 +4,9 @@
 
 #include <sys/select.h>
 
+#include <boost/date_time/posix_time/posix_time.hpp>
 #include <cerrno>
 #include <cstring>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
 
 #include "foundation/Trace.h"
 #include "proxy/VSocket.h"
@@ -22,15 +21,15 @@ constexpr long kSelectTimeoutUs = 500000;
 constexpr long kSingleByteHoldUs = 200000;
 constexpr std::uint32_t kCallbackThreshold = 512;
 
-void ResetBuff(SL_BUFF& buff)
-{
+void ResetBuff(SL_BUFF& buff) {
     buff.cur_len = 0;
     buff.cur_ptr = buff.data;
 }
 
 }  // namespace
 
-SL_BUFF::SL_BUFF() : cur_len(0), cur_ptr(data), max_len(kCapacity), data(), flag(false), recv_time() {}
+SL_BUFF::SL_BUFF()
+    : cur_len(0), cur_ptr(data), max_len(kCapacity), data(), flag(false), recv_time() {}
 
 CSocketPair::CSocketPair(CDnVSocket& remote, CDnVSocket& local, const std::atomic<bool>& exit,
                          boost::function<bool()>& callback)
@@ -40,20 +39,19 @@ CSocketPair::CSocketPair(CDnVSocket& remote, CDnVSocket& local, const std::atomi
       m_local_sk(local.GetSocket()),
       m_exit(&exit),
       m_sockId(++g_SockId),
-      m_callback(callback)
-{
+      m_callback(callback) {
     for (int i = 0; i < kBuffsPerDirection; ++i) {
         m_free_from_local.push_back(&m_buffs[i]);
         m_free_from_remote.push_back(&m_buffs[kBuffsPerDirection + i]);
     }
 }
 
-int CSocketPair::ProxyLoop()
-{
+int CSocketPair::ProxyLoop() {
     if (m_local->SendCompleteFromInternalBuffer(m_remote, 0, *m_exit) == -1) {
         const int saved = errno;
-        DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  SendCompleteFromInternalBuffer(), error=%u\n", m_sockId,
-                static_cast<unsigned>(saved));
+        DNTRACE(BRIDGE,
+                "(%u)Exiting on socket condition:  SendCompleteFromInternalBuffer(), error=%u\n",
+                m_sockId, static_cast<unsigned>(saved));
         return -1;
     }
     while (!m_exit->load() && !IsSocketExitConditions()) {
@@ -67,11 +65,11 @@ int CSocketPair::ProxyLoop()
     return 0;
 }
 
-bool CSocketPair::IsSocketExitConditions()
-{
+bool CSocketPair::IsSocketExitConditions() {
+    // Log texts stay whole, so that they can be searched for.
+    // clang-format off
     if (m_local_sk == -1 && m_remote_sk == -1) {
-        DNTRACE(BRIDGE,
-                "(%u)Exiting on socket condition:  (m_local_sk == INVALID_SOCKET) && (m_remote_sk == INVALID_SOCKET)\n",
+        DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  (m_local_sk == INVALID_SOCKET) && (m_remote_sk == INVALID_SOCKET)\n",
                 m_sockId);
         return true;
     }
@@ -85,31 +83,29 @@ bool CSocketPair::IsSocketExitConditions()
                 m_sockId);
         return true;
     }
+    // clang-format on
     return false;
 }
 
-void CSocketPair::EnterRead(int fd, int& maxFd)
-{
+void CSocketPair::EnterRead(int fd, int& maxFd) {
     if (m_read_set.Set(fd) && fd > maxFd) maxFd = fd;
 }
 
-void CSocketPair::EnterWrite(int fd, int& maxFd)
-{
+void CSocketPair::EnterWrite(int fd, int& maxFd) {
     if (m_write_set.Set(fd) && fd > maxFd) maxFd = fd;
 }
 
-bool CSocketPair::IsSingleByteHeld() const
-{
+bool CSocketPair::IsSingleByteHeld() const {
     if (m_to_local.empty()) return false;
     const SL_BUFF* front = m_to_local.front();
     if (front->cur_len != 1 || front->recv_time.is_special()) return false;
-    const boost::posix_time::time_duration age = boost::posix_time::microsec_clock::universal_time() - front->recv_time;
+    const boost::posix_time::time_duration age =
+        boost::posix_time::microsec_clock::universal_time() - front->recv_time;
     // A clock stepped back gives a negative age: release rather than hold without bound.
     return !age.is_negative() && age.total_microseconds() < kSingleByteHoldUs;
 }
 
-int CSocketPair::WaitOnSocketsSelect()
-{
+int CSocketPair::WaitOnSocketsSelect() {
     if (m_exit->load()) return SWG_SOCKET_TIMEOUT;
     for (;;) {
         m_read_set.Zero();
@@ -130,7 +126,8 @@ int CSocketPair::WaitOnSocketsSelect()
 
         timeval wait{};
         wait.tv_usec = static_cast<suseconds_t>(timeoutUs);
-        const int ready = ::select(maxFd + 1, m_read_set.Native(), m_write_set.Native(), nullptr, &wait);
+        const int ready =
+            ::select(maxFd + 1, m_read_set.Native(), m_write_set.Native(), nullptr, &wait);
         if (ready == -1) {
             const int saved = errno;
             DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  select got an error...\n", m_sockId);
@@ -141,8 +138,7 @@ int CSocketPair::WaitOnSocketsSelect()
     }
 }
 
-int CSocketPair::RecvFromLocal()
-{
+int CSocketPair::RecvFromLocal() {
     if (m_free_from_local.empty() || m_local_sk == -1 || !m_read_set.IsSet(m_local_sk)) return 0;
     SL_BUFF* buff = m_free_from_local.front();
     const int received = m_local->Recv(buff->data, static_cast<int>(buff->max_len), 0);
@@ -158,15 +154,16 @@ int CSocketPair::RecvFromLocal()
     m_local_sk = -1;
     if (!m_to_remote.empty()) return 0;
     if (received == 0)
-        DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  RecvFromLocal(), normal connection close\n", m_sockId);
+        DNTRACE(BRIDGE,
+                "(%u)Exiting on socket condition:  RecvFromLocal(), normal connection close\n",
+                m_sockId);
     else
         DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  RecvFromLocal(), error=%u\n", m_sockId,
                 static_cast<unsigned>(saved));
     return SWG_RELAY_SIDE_FINISHED;
 }
 
-int CSocketPair::RecvFromRemote()
-{
+int CSocketPair::RecvFromRemote() {
     if (m_free_from_remote.empty() || m_remote_sk == -1 || !m_read_set.IsSet(m_remote_sk)) return 0;
     const bool append = !m_to_local.empty() && m_to_local.back()->cur_len == 1;
     SL_BUFF* buff = append ? m_to_local.back() : m_free_from_remote.front();
@@ -185,12 +182,15 @@ int CSocketPair::RecvFromRemote()
         if (!append) ResetBuff(*buff);
         m_remote_sk = -1;
         if (!m_to_local.empty()) return 0;
+        // Log texts stay whole, so that they can be searched for.
+        // clang-format off
         if (received == 0)
             DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  RecvFromRemote(), exit on normal connection close\n",
                     m_sockId);
         else
-            DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  RecvFromRemote(), error=%u\n", m_sockId,
-                    static_cast<unsigned>(saved));
+            DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  RecvFromRemote(), error=%u\n",
+                    m_sockId, static_cast<unsigned>(saved));
+        // clang-format on
         return SWG_RELAY_SIDE_FINISHED;
     }
 
@@ -207,8 +207,7 @@ int CSocketPair::RecvFromRemote()
     return 0;
 }
 
-void CSocketPair::NoteRemoteBytes(int count)
-{
+void CSocketPair::NoteRemoteBytes(int count) {
     if (m_bCallbackDone) return;
     m_remoteBytes += static_cast<std::uint32_t>(count);
     if (m_remoteBytes <= kCallbackThreshold) return;
@@ -216,19 +215,16 @@ void CSocketPair::NoteRemoteBytes(int count)
     if (m_callback) (void)m_callback();
 }
 
-int CSocketPair::SendToRemote()
-{
+int CSocketPair::SendToRemote() {
     return SendFront(m_to_remote, m_free_from_local, *m_remote, m_remote_sk, m_to_local, true);
 }
 
-int CSocketPair::SendToLocal()
-{
+int CSocketPair::SendToLocal() {
     return SendFront(m_to_local, m_free_from_remote, *m_local, m_local_sk, m_to_remote, false);
 }
 
 int CSocketPair::SendFront(BuffList& toSend, BuffList& freeList, CDnVSocket& target, int& targetSk,
-                           const BuffList& opposite, bool toRemote)
-{
+                           const BuffList& opposite, bool toRemote) {
     if (toSend.empty() || targetSk == -1 || !m_write_set.IsSet(targetSk)) return 0;
     SL_BUFF* buff = toSend.front();
     if (buff->cur_len == 0) {
@@ -247,8 +243,8 @@ int CSocketPair::SendFront(BuffList& toSend, BuffList& freeList, CDnVSocket& tar
         targetSk = -1;
         if (!opposite.empty()) return 0;
         if (toRemote)
-            DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  SendToRemote(), error=%u\n", m_sockId,
-                    static_cast<unsigned>(saved));
+            DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  SendToRemote(), error=%u\n",
+                    m_sockId, static_cast<unsigned>(saved));
         else
             DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  SendToLocal(), error=%u\n", m_sockId,
                     static_cast<unsigned>(saved));

@@ -3,12 +3,11 @@
 #pragma once
 
 #include <atomic>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/function.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <list>
-
-#include <boost/date_time/posix_time/posix_time_types.hpp>
-#include <boost/function.hpp>
 
 #include "proxy/FdSet.h"
 

@@ -28,8 +28,7 @@ constexpr char kNewline = '\n';
 
 int InvalidArg() { return static_cast<int>(SWG_E_INVALIDARG); }
 
-int SetNonBlocking(int fd, unsigned long on)
-{
+int SetNonBlocking(int fd, unsigned long on) {
     int value = on != 0 ? 1 : 0;
     return ::ioctl(fd, FIONBIO, &value);
 }
@@ -47,8 +46,7 @@ long CDnVSocket::GetPeerX509Certificate(x509_st**) { return SWG_E_NOTIMPL; }
 long CDnVSocket::GetPeerX509StackOfCertificates(stack_st_X509**) { return SWG_E_NOTIMPL; }
 void CDnVSocket::FreeX509Certificate(x509_st*) {}
 
-int CDnVSocket::Receive(char* buffer, int length, int flags)
-{
+int CDnVSocket::Receive(char* buffer, int length, int flags) {
     const int unread = UnreadLength();
     if (unread <= 0) return Recv(buffer, length, flags);
     if (length < 1) return 0;
@@ -62,15 +60,13 @@ int CDnVSocket::Receive(char* buffer, int length, int flags)
     return unread;
 }
 
-bool CDnVSocket::IsDataAvailable(unsigned long& readable, int* error)
-{
+bool CDnVSocket::IsDataAvailable(unsigned long& readable, int* error) {
     if (error != nullptr) *error = 0;
     if (IsDataAvailableInBuffer(readable)) return true;
     return IsDataAvailableOnSocket(readable, error);
 }
 
-bool CDnVSocket::IsDataAvailableOnSocket(unsigned long& readable, int* error)
-{
+bool CDnVSocket::IsDataAvailableOnSocket(unsigned long& readable, int* error) {
     int count = 0;
     readable = 0;
     if (::ioctl(m_socket.load(), FIONREAD, &count) == -1) {
@@ -83,8 +79,7 @@ bool CDnVSocket::IsDataAvailableOnSocket(unsigned long& readable, int* error)
     return count != 0;
 }
 
-bool CDnVSocket::IsDataAvailableInBuffer(unsigned long& readable)
-{
+bool CDnVSocket::IsDataAvailableInBuffer(unsigned long& readable) {
     const int unread = UnreadLength();
     readable = unread > 0 ? static_cast<unsigned long>(unread) : 0;
     return unread > 0;
@@ -92,31 +87,27 @@ bool CDnVSocket::IsDataAvailableInBuffer(unsigned long& readable)
 
 bool CDnVSocket::IsLineAvailableInBuffer() { return m_buffer.find(kNewline) != std::string::npos; }
 
-long CDnVSocket::GetReadable()
-{
+long CDnVSocket::GetReadable() {
     int count = 0;
     if (::ioctl(m_socket.load(), FIONREAD, &count) == -1) return 0;
     return count;
 }
 
-void CDnVSocket::ResetBuffer()
-{
+void CDnVSocket::ResetBuffer() {
     m_buffer.erase();
     m_bufferLength = 0;
     m_bufferOffset = 0;
     m_buffer.reserve(kReservedBuffer);
 }
 
-bool CDnVSocket::AppendDataToBuffer(const char* data, int length)
-{
+bool CDnVSocket::AppendDataToBuffer(const char* data, int length) {
     if (data == nullptr || length < 1) return false;
     m_buffer.append(data, static_cast<size_t>(length));
     m_bufferLength += length;
     return true;
 }
 
-void CDnVSocket::PeekDataFromBuffer(std::string& out)
-{
+void CDnVSocket::PeekDataFromBuffer(std::string& out) {
     const int unread = UnreadLength();
     if (unread <= 0) {
         out.clear();
@@ -125,19 +116,18 @@ void CDnVSocket::PeekDataFromBuffer(std::string& out)
     out.assign(m_buffer, static_cast<size_t>(m_bufferOffset), static_cast<size_t>(unread));
 }
 
-void CDnVSocket::PeekLineFromBuffer(std::string& out, int end)
-{
+void CDnVSocket::PeekLineFromBuffer(std::string& out, int end) {
     if (end == -1) {
         const size_t found = m_buffer.find(kNewline, static_cast<size_t>(m_bufferOffset));
         if (found == std::string::npos) return;
         end = static_cast<int>(found);
     }
     if (end < m_bufferOffset || end >= m_bufferLength) return;
-    out.assign(m_buffer, static_cast<size_t>(m_bufferOffset), static_cast<size_t>(end - m_bufferOffset + 1));
+    out.assign(m_buffer, static_cast<size_t>(m_bufferOffset),
+               static_cast<size_t>(end - m_bufferOffset + 1));
 }
 
-std::string CDnVSocket::ExtractLineFromBuffer(int end)
-{
+std::string CDnVSocket::ExtractLineFromBuffer(int end) {
     std::string line;
     PeekLineFromBuffer(line, end);
     if (line.empty()) return line;
@@ -146,8 +136,7 @@ std::string CDnVSocket::ExtractLineFromBuffer(int end)
     return line;
 }
 
-std::string CDnVSocket::PeekLine(int size, int timeoutMs, const std::atomic<bool>& exit)
-{
+std::string CDnVSocket::PeekLine(int size, int timeoutMs, const std::atomic<bool>& exit) {
     if (size < 1) {
         DNTRACE(ERR, "Socket : Bad parameter size = %d", size);
         return std::string();
@@ -185,8 +174,7 @@ std::string CDnVSocket::PeekLine(int size, int timeoutMs, const std::atomic<bool
     return buffered;
 }
 
-int CDnVSocket::ReceiveLine(std::string& line)
-{
+int CDnVSocket::ReceiveLine(std::string& line) {
     line = ExtractLineFromBuffer(-1);
     if (!line.empty()) return 0;
     char chunk[kReceiveLineChunk];
@@ -207,8 +195,7 @@ int CDnVSocket::ReceiveLine(std::string& line)
     }
 }
 
-int CDnVSocket::ReceiveHeaders(std::string& headers)
-{
+int CDnVSocket::ReceiveHeaders(std::string& headers) {
     int lineLength = 0;  // bytes of the current line, CR left out
     for (;;) {
         char byte = 0;
@@ -224,27 +211,29 @@ int CDnVSocket::ReceiveHeaders(std::string& headers)
     }
 }
 
-int CDnVSocket::SendCompleteFromInternalBuffer(CDnVSocket* target, int flags, const std::atomic<bool>& exit)
-{
+int CDnVSocket::SendCompleteFromInternalBuffer(CDnVSocket* target, int flags,
+                                               const std::atomic<bool>& exit) {
     const int unread = UnreadLength();
     if (target == nullptr || unread <= 0) return 0;
-    const int sent = target->SendComplete(m_buffer.data() + m_bufferOffset, unread, flags, exit.load());
+    const int sent =
+        target->SendComplete(m_buffer.data() + m_bufferOffset, unread, flags, exit.load());
     if (sent == -1) return -1;
     ResetBuffer();
     return sent;
 }
 
-void CDnVSocket::SetBlockingMode(unsigned long mode) { (void)SetNonBlocking(m_socket.load(), mode); }
+void CDnVSocket::SetBlockingMode(unsigned long mode) {
+    (void)SetNonBlocking(m_socket.load(), mode);
+}
 
-void CDnVSocket::SetSockOptions(int level, int name, const char* value, int length)
-{
+void CDnVSocket::SetSockOptions(int level, int name, const char* value, int length) {
     (void)::setsockopt(m_socket.load(), level, name, value, static_cast<socklen_t>(length));
 }
 
-int CDnVSocket::ConnectAsynchronously(const sockaddr* address, int length, unsigned int seconds)
-{
+int CDnVSocket::ConnectAsynchronously(const sockaddr* address, int length, unsigned int seconds) {
     const int fd = m_socket.load();
-    if (SetNonBlocking(fd, 1) == -1) DNTRACE(ERR, "Socket : Failed to set socket to non-blocking mode");
+    if (SetNonBlocking(fd, 1) == -1)
+        DNTRACE(ERR, "Socket : Failed to set socket to non-blocking mode");
 
     int result = 0;
     if (::connect(fd, address, static_cast<socklen_t>(length)) == -1) {
@@ -257,8 +246,8 @@ int CDnVSocket::ConnectAsynchronously(const sockaddr* address, int length, unsig
     return result;
 }
 
-int CDnVSocket::IsSocketAvailable(int socket, short mode, unsigned int seconds, unsigned int microseconds)
-{
+int CDnVSocket::IsSocketAvailable(int socket, short mode, unsigned int seconds,
+                                  unsigned int microseconds) {
     if (!CFdSet::InRange(socket)) {
         DNTRACE(ERR, "Socket : Invalid socket (%d) as input", socket);
         return InvalidArg();
@@ -280,24 +269,21 @@ int CDnVSocket::IsSocketAvailable(int socket, short mode, unsigned int seconds, 
     return saved;
 }
 
-void CDnVSocket::GetPeerName(sockaddr* address, int* length)
-{
+void CDnVSocket::GetPeerName(sockaddr* address, int* length) {
     if (address == nullptr || length == nullptr) return;
     socklen_t size = *length > 0 ? static_cast<socklen_t>(*length) : 0;
     if (::getpeername(m_socket.load(), address, &size) == -1) size = 0;
     *length = static_cast<int>(size);
 }
 
-int CDnVSocket::NetworkToStringAddress(in_addr& address, std::string& out)
-{
+int CDnVSocket::NetworkToStringAddress(in_addr& address, std::string& out) {
     char text[INET_ADDRSTRLEN] = {};
     if (::inet_ntop(AF_INET, &address, text, sizeof(text)) == nullptr) return errno;
     out = text;
     return 0;
 }
 
-void CDnVSocket::GetPeerAddress(std::string& out)
-{
+void CDnVSocket::GetPeerAddress(std::string& out) {
     out.clear();
     sockaddr_storage peer{};
     int length = static_cast<int>(sizeof(peer));
@@ -309,7 +295,8 @@ void CDnVSocket::GetPeerAddress(std::string& out)
     }
     if (peer.ss_family == AF_INET6) {
         char text[INET6_ADDRSTRLEN] = {};
-        if (::inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6*>(&peer)->sin6_addr, text, sizeof(text)) != nullptr)
+        if (::inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6*>(&peer)->sin6_addr, text,
+                        sizeof(text)) != nullptr)
             out = text;
     }
 }

@@ -37,7 +37,8 @@ public:
     [[nodiscard]] virtual int Send(const char* buffer, int length, int flags) = 0;
     // Sends all `length` bytes unless `stop` is true or `length` < 1 (then 0, nothing sent).
     // Returns the total, or -1 on failure (errno kept from the failing send).
-    [[nodiscard]] virtual int SendComplete(const char* buffer, int length, int flags, bool stop) = 0;
+    [[nodiscard]] virtual int SendComplete(const char* buffer, int length, int flags,
+                                           bool stop) = 0;
     // One recv into `buffer`; returns the count, 0 at end of stream, -1 with errno set.
     // Never looks at the line buffer.
     [[nodiscard]] virtual int Recv(char* buffer, int length, int flags) = 0;
@@ -109,7 +110,8 @@ public:
     // Sends the unread buffered bytes through target->SendComplete, with `exit` as its stop.
     // Returns 0 for a null target or nothing buffered, -1 on failure (buffer kept), else
     // the count sent, with the buffer reset.
-    [[nodiscard]] int SendCompleteFromInternalBuffer(CDnVSocket* target, int flags, const std::atomic<bool>& exit);
+    [[nodiscard]] int SendCompleteFromInternalBuffer(CDnVSocket* target, int flags,
+                                                     const std::atomic<bool>& exit);
 
     // FIONBIO with `mode`: non-zero makes the descriptor non-blocking. Failures are ignored.
     void SetBlockingMode(unsigned long mode);
@@ -117,12 +119,14 @@ public:
     void SetSockOptions(int level, int name, const char* value, int length);
     // The timed connect: non-blocking connect, then a wait of `seconds` for writability.
     // Returns 0 (writable counts as connected), errno, or SWG_SOCKET_TIMEOUT.
-    [[nodiscard]] int ConnectAsynchronously(const sockaddr* address, int length, unsigned int seconds);
+    [[nodiscard]] int ConnectAsynchronously(const sockaddr* address, int length,
+                                            unsigned int seconds);
 
     // Waits with select for `socket` to turn writable (`mode` 2) or readable (`mode` 1).
     // Returns 0 when it did, SWG_SOCKET_TIMEOUT, errno when select fails, or 0x80070057 for
     // a descriptor outside 0..8191 or any other mode.
-    [[nodiscard]] static int IsSocketAvailable(int socket, short mode, unsigned int seconds, unsigned int microseconds);
+    [[nodiscard]] static int IsSocketAvailable(int socket, short mode, unsigned int seconds,
+                                               unsigned int microseconds);
 
     // getpeername(2) into `address`; `*length` in: its size, out: the size used. On failure
     // `*length` is set to 0.

@@ -15,27 +15,23 @@
 
 namespace swg_test {
 
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept
-{
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
     if (this != &other) Reset(other.Release());
     return *this;
 }
 
-int UniqueFd::Release()
-{
+int UniqueFd::Release() {
     const int fd = m_fd;
     m_fd = -1;
     return fd;
 }
 
-void UniqueFd::Reset(int fd)
-{
+void UniqueFd::Reset(int fd) {
     if (m_fd != -1) ::close(m_fd);
     m_fd = fd;
 }
 
-LoopbackListener ListenOnLoopback(int family, int backlog)
-{
+LoopbackListener ListenOnLoopback(int family, int backlog) {
     LoopbackListener listener;
     listener.fd.Reset(::socket(family, SOCK_STREAM, 0));
     if (listener.fd.Get() == -1) return listener;
@@ -51,20 +47,21 @@ LoopbackListener ListenOnLoopback(int family, int backlog)
         listener.length = sizeof(sockaddr_in);
     }
     auto* address = reinterpret_cast<sockaddr*>(&listener.address);
-    if (::bind(listener.fd.Get(), address, listener.length) == -1 || ::listen(listener.fd.Get(), backlog) == -1 ||
+    if (::bind(listener.fd.Get(), address, listener.length) == -1 ||
+        ::listen(listener.fd.Get(), backlog) == -1 ||
         ::getsockname(listener.fd.Get(), address, &listener.length) == -1)
         listener.fd.Reset();
     return listener;
 }
 
-TcpPair MakeTcpPair(int family)
-{
+TcpPair MakeTcpPair(int family) {
     TcpPair pair;
     LoopbackListener listener = ListenOnLoopback(family, 1);
     if (listener.fd.Get() == -1) return pair;
     UniqueFd client(::socket(family, SOCK_STREAM, 0));
     if (client.Get() == -1 ||
-        ::connect(client.Get(), reinterpret_cast<sockaddr*>(&listener.address), listener.length) == -1)
+        ::connect(client.Get(), reinterpret_cast<sockaddr*>(&listener.address), listener.length) ==
+            -1)
         return pair;
     UniqueFd server(::accept(listener.fd.Get(), nullptr, nullptr));
     if (server.Get() == -1) return pair;
@@ -75,14 +72,13 @@ TcpPair MakeTcpPair(int family)
 
 namespace {
 
-int RemainingMs(std::chrono::steady_clock::time_point deadline)
-{
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+int RemainingMs(std::chrono::steady_clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
     return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
-bool PollFor(int fd, short events, std::chrono::steady_clock::time_point deadline)
-{
+bool PollFor(int fd, short events, std::chrono::steady_clock::time_point deadline) {
     pollfd entry{fd, events, 0};
     for (;;) {
         const int ready = ::poll(&entry, 1, RemainingMs(deadline));
@@ -93,13 +89,13 @@ bool PollFor(int fd, short events, std::chrono::steady_clock::time_point deadlin
 
 }  // namespace
 
-bool WriteAll(int fd, const std::string& data, std::chrono::milliseconds timeout)
-{
+bool WriteAll(int fd, const std::string& data, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     std::size_t done = 0;
     while (done < data.size()) {
         if (!PollFor(fd, POLLOUT, deadline)) return false;
-        const ssize_t sent = ::send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t sent =
+            ::send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent > 0) {
             done += static_cast<std::size_t>(sent);
         } else if (sent == -1 && errno != EAGAIN && errno != EINTR) {
@@ -109,8 +105,7 @@ bool WriteAll(int fd, const std::string& data, std::chrono::milliseconds timeout
     return true;
 }
 
-bool ReadExactly(int fd, std::size_t count, std::string& out, std::chrono::milliseconds timeout)
-{
+bool ReadExactly(int fd, std::size_t count, std::string& out, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     out.clear();
     char chunk[65536];
@@ -128,19 +123,16 @@ bool ReadExactly(int fd, std::size_t count, std::string& out, std::chrono::milli
     return true;
 }
 
-bool WaitReadable(int fd, std::chrono::milliseconds timeout)
-{
+bool WaitReadable(int fd, std::chrono::milliseconds timeout) {
     return PollFor(fd, POLLIN, std::chrono::steady_clock::now() + timeout);
 }
 
-int PendingBytes(int fd)
-{
+int PendingBytes(int fd) {
     int count = 0;
     return ::ioctl(fd, FIONREAD, &count) == -1 ? -1 : count;
 }
 
-std::string PatternBytes(std::size_t count, unsigned seed)
-{
+std::string PatternBytes(std::size_t count, unsigned seed) {
     std::string bytes(count, '\0');
     std::uint32_t state = seed * 2654435761u + 1u;
     for (char& byte : bytes) {

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // CDnSocket sends, closes and connects, over socketpairs and loopback TCP.
-#include "proxy/DnSocket.h"
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,8 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
+#include "proxy/DnSocket.h"
 #include "support/SocketPeers.h"
 
 namespace {
@@ -27,8 +25,7 @@ struct StreamPair {
     std::unique_ptr<CDnSocket> sock;
 };
 
-StreamPair MakeStreamPair()
-{
+StreamPair MakeStreamPair() {
     int fds[2] = {-1, -1};
     StreamPair pair;
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) return pair;
@@ -38,8 +35,7 @@ StreamPair MakeStreamPair()
 }
 
 // A stop request must send nothing at all and still report success.
-TEST(DnSocketSendTest, SendCompleteWithStopOrNoLengthSendsNothing)
-{
+TEST(DnSocketSendTest, SendCompleteWithStopOrNoLengthSendsNothing) {
     StreamPair pair = MakeStreamPair();
     ASSERT_TRUE(pair.sock);
     EXPECT_EQ(pair.sock->SendComplete("data", 4, 0, true), 0);
@@ -49,13 +45,14 @@ TEST(DnSocketSendTest, SendCompleteWithStopOrNoLengthSendsNothing)
 }
 
 // A short send must be continued, not reported as the whole.
-TEST(DnSocketSendTest, SendCompleteDeliversBufferLargerThanSocketBuffers)
-{
+TEST(DnSocketSendTest, SendCompleteDeliversBufferLargerThanSocketBuffers) {
     StreamPair pair = MakeStreamPair();
     ASSERT_TRUE(pair.sock);
     const std::string payload = swg_test::PatternBytes(4 << 20, 7);
     std::string received;
-    std::thread reader([&] { EXPECT_TRUE(swg_test::ReadExactly(pair.peer.Get(), payload.size(), received, 20s)); });
+    std::thread reader([&] {
+        EXPECT_TRUE(swg_test::ReadExactly(pair.peer.Get(), payload.size(), received, 20s));
+    });
     EXPECT_EQ(pair.sock->SendComplete(payload.data(), static_cast<int>(payload.size()), 0, false),
               static_cast<int>(payload.size()));
     reader.join();
@@ -63,8 +60,7 @@ TEST(DnSocketSendTest, SendCompleteDeliversBufferLargerThanSocketBuffers)
 }
 
 // A gone peer must fail the send with -1, not kill the process with SIGPIPE.
-TEST(DnSocketSendTest, SendToClosedPeerFailsWithoutSignal)
-{
+TEST(DnSocketSendTest, SendToClosedPeerFailsWithoutSignal) {
     StreamPair pair = MakeStreamPair();
     ASSERT_TRUE(pair.sock);
     pair.peer.Reset();
@@ -76,8 +72,7 @@ TEST(DnSocketSendTest, SendToClosedPeerFailsWithoutSignal)
 }
 
 // A double close, or a destructor that leaks, would close a reused descriptor or run out of them.
-TEST(DnSocketLifetimeTest, CloseIsIdempotentAndDestructorCloses)
-{
+TEST(DnSocketLifetimeTest, CloseIsIdempotentAndDestructorCloses) {
     StreamPair pair = MakeStreamPair();
     ASSERT_TRUE(pair.sock);
     const int fd = pair.sock->GetSocket();
@@ -105,12 +100,12 @@ protected:
 
     // Fills the accept queue of a backlog-0 listener, so the next SYN is dropped and a
     // connect to it stays pending.
-    void FillBacklog(swg_test::LoopbackListener& listener)
-    {
+    void FillBacklog(swg_test::LoopbackListener& listener) {
         for (int i = 0; i < 8; ++i) {
             UniqueFd filler(::socket(Family(), SOCK_STREAM | SOCK_NONBLOCK, 0));
             ASSERT_NE(filler.Get(), -1);
-            ::connect(filler.Get(), reinterpret_cast<sockaddr*>(&listener.address), listener.length);
+            ::connect(filler.Get(), reinterpret_cast<sockaddr*>(&listener.address),
+                      listener.length);
             const int state = CDnVSocket::IsSocketAvailable(filler.Get(), 2, 0, 200000);
             m_fillers.push_back(std::move(filler));
             if (state == SWG_SOCKET_TIMEOUT) return;
@@ -119,13 +114,14 @@ protected:
     }
 
     // Measures one Connect to `listener`.
-    int TimedConnect(swg_test::LoopbackListener& listener, long timeout, std::chrono::milliseconds& took)
-    {
+    int TimedConnect(swg_test::LoopbackListener& listener, long timeout,
+                     std::chrono::milliseconds& took) {
         CDnSocket sock(Family(), SOCK_STREAM, 0);
         const auto start = std::chrono::steady_clock::now();
         const int result = sock.Connect(reinterpret_cast<sockaddr*>(&listener.address),
                                         static_cast<int>(listener.length), timeout);
-        took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+        took = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - start);
         return result;
     }
 
@@ -133,15 +129,18 @@ protected:
 };
 
 INSTANTIATE_TEST_SUITE_P(Families, ConnectTest, ::testing::Values(AF_INET, AF_INET6),
-                         [](const ::testing::TestParamInfo<int>& param) { return param.param == AF_INET ? "IPv4" : "IPv6"; });
+                         [](const ::testing::TestParamInfo<int>& param) {
+                             return param.param == AF_INET ? "IPv4" : "IPv6";
+                         });
 
 // A timed connect must leave the socket blocking, or later blocking reads would spin on EAGAIN.
-TEST_P(ConnectTest, TimedConnectSucceedsAndRestoresBlockingMode)
-{
+TEST_P(ConnectTest, TimedConnectSucceedsAndRestoresBlockingMode) {
     swg_test::LoopbackListener listener = swg_test::ListenOnLoopback(Family(), 4);
     ASSERT_NE(listener.fd.Get(), -1);
     CDnSocket sock(Family(), SOCK_STREAM, 0);
-    ASSERT_EQ(sock.Connect(reinterpret_cast<sockaddr*>(&listener.address), static_cast<int>(listener.length), 2), 0);
+    ASSERT_EQ(sock.Connect(reinterpret_cast<sockaddr*>(&listener.address),
+                           static_cast<int>(listener.length), 2),
+              0);
     EXPECT_EQ(::fcntl(sock.GetSocket(), F_GETFL) & O_NONBLOCK, 0);
     std::string peer;
     sock.GetPeerAddress(peer);
@@ -149,8 +148,7 @@ TEST_P(ConnectTest, TimedConnectSucceedsAndRestoresBlockingMode)
 }
 
 // A destination that never answers must give 60 after the timeout, not hang or fail early.
-TEST_P(ConnectTest, TimedConnectToFullBacklogTimesOut)
-{
+TEST_P(ConnectTest, TimedConnectToFullBacklogTimesOut) {
     swg_test::LoopbackListener listener = swg_test::ListenOnLoopback(Family(), 0);
     ASSERT_NE(listener.fd.Get(), -1);
     FillBacklog(listener);
@@ -161,8 +159,7 @@ TEST_P(ConnectTest, TimedConnectToFullBacklogTimesOut)
 }
 
 // Connect(-1) must take the shared timeout, so the gateway connect is bounded in both families.
-TEST_P(ConnectTest, DefaultTimeoutComesFromSharedSetting)
-{
+TEST_P(ConnectTest, DefaultTimeoutComesFromSharedSetting) {
     swg_test::LoopbackListener listener = swg_test::ListenOnLoopback(Family(), 0);
     ASSERT_NE(listener.fd.Get(), -1);
     FillBacklog(listener);
@@ -174,8 +171,7 @@ TEST_P(ConnectTest, DefaultTimeoutComesFromSharedSetting)
 }
 
 // A refused connect: errno on the blocking path; on the timed path the first read finds it.
-TEST_P(ConnectTest, RefusedConnectIsReportedOnEitherPath)
-{
+TEST_P(ConnectTest, RefusedConnectIsReportedOnEitherPath) {
     swg_test::LoopbackListener listener = swg_test::ListenOnLoopback(Family(), 1);
     ASSERT_NE(listener.fd.Get(), -1);
     listener.fd.Reset();  // nothing listens on that port now
@@ -183,7 +179,8 @@ TEST_P(ConnectTest, RefusedConnectIsReportedOnEitherPath)
     EXPECT_EQ(TimedConnect(listener, 0, took), ECONNREFUSED);
 
     CDnSocket sock(Family(), SOCK_STREAM, 0);
-    const int result = sock.Connect(reinterpret_cast<sockaddr*>(&listener.address), static_cast<int>(listener.length), 2);
+    const int result = sock.Connect(reinterpret_cast<sockaddr*>(&listener.address),
+                                    static_cast<int>(listener.length), 2);
     if (result == 0) {
         char byte = 0;
         EXPECT_EQ(sock.Recv(&byte, 1, 0), -1);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The relay end to end: a client and a server over loopback TCP, CSocketPair between them.
-#include "proxy/SocketPair.h"
-
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,9 +13,8 @@
 #include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
-
 #include "proxy/DnSocket.h"
+#include "proxy/SocketPair.h"
 #include "support/SocketPeers.h"
 
 namespace {
@@ -25,8 +23,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using swg_test::UniqueFd;
 
-long long MsBetween(Clock::time_point from, Clock::time_point to)
-{
+long long MsBetween(Clock::time_point from, Clock::time_point to) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(to - from).count();
 }
 
@@ -34,8 +31,7 @@ long long MsBetween(Clock::time_point from, Clock::time_point to)
 // pair on that thread's stack, as on a connection thread.
 class SocketPairTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         swg_test::TcpPair near = swg_test::MakeTcpPair(AF_INET);
         swg_test::TcpPair far = swg_test::MakeTcpPair(AF_INET);
         ASSERT_NE(near.a.Get(), -1);
@@ -48,8 +44,7 @@ protected:
 
     void TearDown() override { StopRelay(); }
 
-    void StartRelay()
-    {
+    void StartRelay() {
         m_relay = std::async(std::launch::async, [this] {
             boost::function<bool()> callback = [this] {
                 ++m_callbacks;
@@ -61,15 +56,14 @@ protected:
     }
 
     // The relay's result if it ended within `timeout`.
-    std::optional<int> RelayResult(std::chrono::milliseconds timeout)
-    {
-        if (!m_relay.valid() || m_relay.wait_for(timeout) != std::future_status::ready) return std::nullopt;
+    std::optional<int> RelayResult(std::chrono::milliseconds timeout) {
+        if (!m_relay.valid() || m_relay.wait_for(timeout) != std::future_status::ready)
+            return std::nullopt;
         return m_relay.get();
     }
 
     // Ends a relay that is still running the way the connection thread's Kill does.
-    void StopRelay()
-    {
+    void StopRelay() {
         if (!m_relay.valid()) return;
         m_exit = true;
         (void)m_local->Shutdown(SHUT_RDWR);
@@ -78,15 +72,13 @@ protected:
     }
 
     // Moves a relay socket to descriptor `target`.
-    void MoveTo(std::unique_ptr<CDnSocket>& sock, int target)
-    {
+    void MoveTo(std::unique_ptr<CDnSocket>& sock, int target) {
         const int moved = ::dup2(sock->GetSocket(), target);
         ASSERT_EQ(moved, target);
         sock = std::make_unique<CDnSocket>(moved);
     }
 
-    bool RaiseFileLimit(rlim_t needed)
-    {
+    bool RaiseFileLimit(rlim_t needed) {
         if (::getrlimit(RLIMIT_NOFILE, &m_savedLimit) != 0) return false;
         m_limitChanged = true;
         rlimit raised = m_savedLimit;
@@ -96,8 +88,7 @@ protected:
         return ::setrlimit(RLIMIT_NOFILE, &raised) == 0;
     }
 
-    ~SocketPairTest() override
-    {
+    ~SocketPairTest() override {
         if (m_limitChanged) ::setrlimit(RLIMIT_NOFILE, &m_savedLimit);
     }
 
@@ -113,8 +104,7 @@ protected:
 };
 
 // Lost, doubled or reordered bytes under load in either direction (buffer list bookkeeping).
-TEST_F(SocketPairTest, MultiMegabyteTransferBothWaysArrivesIntact)
-{
+TEST_F(SocketPairTest, MultiMegabyteTransferBothWaysArrivesIntact) {
     const std::string up = swg_test::PatternBytes(6 << 20, 1);
     const std::string down = swg_test::PatternBytes(6 << 20, 2);
     std::string gotUp;
@@ -122,7 +112,8 @@ TEST_F(SocketPairTest, MultiMegabyteTransferBothWaysArrivesIntact)
     StartRelay();
     std::thread clientWriter([&] { EXPECT_TRUE(swg_test::WriteAll(m_client.Get(), up, 60s)); });
     std::thread serverWriter([&] { EXPECT_TRUE(swg_test::WriteAll(m_server.Get(), down, 60s)); });
-    std::thread serverReader([&] { EXPECT_TRUE(swg_test::ReadExactly(m_server.Get(), up.size(), gotUp, 60s)); });
+    std::thread serverReader(
+        [&] { EXPECT_TRUE(swg_test::ReadExactly(m_server.Get(), up.size(), gotUp, 60s)); });
     EXPECT_TRUE(swg_test::ReadExactly(m_client.Get(), down.size(), gotDown, 60s));
     clientWriter.join();
     serverWriter.join();
@@ -136,8 +127,7 @@ TEST_F(SocketPairTest, MultiMegabyteTransferBothWaysArrivesIntact)
 }
 
 // Bytes read while sniffing must reach the remote side before anything read later.
-TEST_F(SocketPairTest, SniffedBytesReachRemoteFirst)
-{
+TEST_F(SocketPairTest, SniffedBytesReachRemoteFirst) {
     ASSERT_TRUE(m_local->AppendDataToBuffer("HEAD", 4));
     ASSERT_TRUE(swg_test::WriteAll(m_client.Get(), "TAIL", 1s));
     ASSERT_TRUE(swg_test::WaitReadable(m_local->GetSocket(), 1s));
@@ -148,8 +138,7 @@ TEST_F(SocketPairTest, SniffedBytesReachRemoteFirst)
 }
 
 // A failed flush of sniffed bytes must end the relay at once, before it reads anything more.
-TEST_F(SocketPairTest, FailedFlushEndsBeforeAnySelect)
-{
+TEST_F(SocketPairTest, FailedFlushEndsBeforeAnySelect) {
     ASSERT_TRUE(m_local->AppendDataToBuffer("HEAD", 4));
     ASSERT_TRUE(swg_test::WriteAll(m_client.Get(), "TAIL", 1s));
     ASSERT_TRUE(swg_test::WaitReadable(m_local->GetSocket(), 1s));
@@ -160,8 +149,7 @@ TEST_F(SocketPairTest, FailedFlushEndsBeforeAnySelect)
 }
 
 // A lone byte from the remote must be held about 200 ms, not sent at once nor kept for good.
-TEST_F(SocketPairTest, LoneRemoteByteIsDeliveredAfterTheHold)
-{
+TEST_F(SocketPairTest, LoneRemoteByteIsDeliveredAfterTheHold) {
     StartRelay();
     std::this_thread::sleep_for(50ms);
     const auto sent = Clock::now();
@@ -176,8 +164,7 @@ TEST_F(SocketPairTest, LoneRemoteByteIsDeliveredAfterTheHold)
 }
 
 // Bytes following a held byte must be appended behind it and reach the client in one write.
-TEST_F(SocketPairTest, LoneByteAndFollowingBytesReachClientInOneRead)
-{
+TEST_F(SocketPairTest, LoneByteAndFollowingBytesReachClientInOneRead) {
     const std::string rest = swg_test::PatternBytes(99, 3);
     StartRelay();
     std::this_thread::sleep_for(50ms);
@@ -192,11 +179,11 @@ TEST_F(SocketPairTest, LoneByteAndFollowingBytesReachClientInOneRead)
 }
 
 // The no-redirect exception must be removed once, at the 513th remote byte and not before.
-TEST_F(SocketPairTest, CallbackFiresOnceAfter512RemoteBytes)
-{
+TEST_F(SocketPairTest, CallbackFiresOnceAfter512RemoteBytes) {
     StartRelay();
     std::string got;
-    ASSERT_TRUE(swg_test::WriteAll(m_client.Get(), swg_test::PatternBytes(2000, 4), 1s));  // local bytes do not count
+    ASSERT_TRUE(swg_test::WriteAll(m_client.Get(), swg_test::PatternBytes(2000, 4),
+                                   1s));  // local bytes do not count
     ASSERT_TRUE(swg_test::ReadExactly(m_server.Get(), 2000, got, 2s));
     ASSERT_TRUE(swg_test::WriteAll(m_server.Get(), swg_test::PatternBytes(500, 5), 1s));
     ASSERT_TRUE(swg_test::ReadExactly(m_client.Get(), 500, got, 2s));
@@ -213,8 +200,7 @@ TEST_F(SocketPairTest, CallbackFiresOnceAfter512RemoteBytes)
 }
 
 // A remote that closes right after its data must not cut off what is still queued for the client.
-TEST_F(SocketPairTest, RemoteCloseAfterDataStillDeliversTheData)
-{
+TEST_F(SocketPairTest, RemoteCloseAfterDataStillDeliversTheData) {
     const std::string reply = swg_test::PatternBytes(40000, 8);
     ASSERT_TRUE(swg_test::WriteAll(m_server.Get(), reply, 1s));
     m_server.Reset();
@@ -230,15 +216,15 @@ TEST_F(SocketPairTest, RemoteCloseAfterDataStillDeliversTheData)
 }
 
 // A local half-close ends the relay (10058) without passing the half-close on: no Shutdown.
-TEST_F(SocketPairTest, LocalHalfCloseEndsRelayWithoutHalfClosingRemote)
-{
+TEST_F(SocketPairTest, LocalHalfCloseEndsRelayWithoutHalfClosingRemote) {
     StartRelay();
     std::string got;
     ASSERT_TRUE(swg_test::WriteAll(m_client.Get(), "REQ", 1s));
     ASSERT_TRUE(swg_test::ReadExactly(m_server.Get(), 3, got, 2s));
     ASSERT_EQ(::shutdown(m_client.Get(), SHUT_WR), 0);
     EXPECT_EQ(RelayResult(2s), SWG_RELAY_SIDE_FINISHED);
-    EXPECT_FALSE(swg_test::WaitReadable(m_server.Get(), 100ms)) << "remote saw a FIN from the relay";
+    EXPECT_FALSE(swg_test::WaitReadable(m_server.Get(), 100ms))
+        << "remote saw a FIN from the relay";
 
     // The response comes too late: the relay is gone, and the client only sees the close.
     ASSERT_TRUE(swg_test::WriteAll(m_server.Get(), "RESP", 1s));
@@ -248,8 +234,7 @@ TEST_F(SocketPairTest, LocalHalfCloseEndsRelayWithoutHalfClosingRemote)
 }
 
 // An idle relay must notice the exit flag within its select timeout.
-TEST_F(SocketPairTest, ExitFlagEndsIdleRelayWithinASecond)
-{
+TEST_F(SocketPairTest, ExitFlagEndsIdleRelayWithinASecond) {
     StartRelay();
     std::this_thread::sleep_for(100ms);
     const auto asked = Clock::now();
@@ -259,8 +244,7 @@ TEST_F(SocketPairTest, ExitFlagEndsIdleRelayWithinASecond)
 }
 
 // With exit already set nothing may be relayed, not even the sniffed bytes.
-TEST_F(SocketPairTest, ExitFlagSetBeforeStartRelaysNothing)
-{
+TEST_F(SocketPairTest, ExitFlagSetBeforeStartRelaysNothing) {
     ASSERT_TRUE(m_local->AppendDataToBuffer("HEAD", 4));
     m_exit = true;
     StartRelay();
@@ -269,10 +253,10 @@ TEST_F(SocketPairTest, ExitFlagSetBeforeStartRelaysNothing)
 }
 
 // Kill's way to stop a busy relay (descriptors shut down, flag set) must end it promptly.
-TEST_F(SocketPairTest, ShutdownUnderRunningRelayEndsIt)
-{
+TEST_F(SocketPairTest, ShutdownUnderRunningRelayEndsIt) {
     StartRelay();
-    ASSERT_TRUE(swg_test::WriteAll(m_server.Get(), swg_test::PatternBytes(300000, 9), 2s));  // client never reads
+    ASSERT_TRUE(swg_test::WriteAll(m_server.Get(), swg_test::PatternBytes(300000, 9),
+                                   2s));  // client never reads
     std::this_thread::sleep_for(100ms);
     m_exit = true;
     ASSERT_EQ(m_local->Shutdown(SHUT_RDWR), 0);
@@ -280,8 +264,7 @@ TEST_F(SocketPairTest, ShutdownUnderRunningRelayEndsIt)
 }
 
 // Descriptors above FD_SETSIZE must be relayed normally: glibc's fd_set would overflow there.
-TEST_F(SocketPairTest, RelaysDescriptorsAbove1023)
-{
+TEST_F(SocketPairTest, RelaysDescriptorsAbove1023) {
     if (!RaiseFileLimit(2100)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE";
     MoveTo(m_local, 2000);
     MoveTo(m_remote, 2001);
@@ -302,8 +285,7 @@ TEST_F(SocketPairTest, RelaysDescriptorsAbove1023)
 }
 
 // A descriptor of 8192 or more must never be entered in the sets, so that side is never served.
-TEST_F(SocketPairTest, DescriptorOf8192OrMoreIsNeverServed)
-{
+TEST_F(SocketPairTest, DescriptorOf8192OrMoreIsNeverServed) {
     if (!RaiseFileLimit(8300)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 8300";
     MoveTo(m_local, 8200);
     ASSERT_TRUE(swg_test::WriteAll(m_client.Get(), "ping", 1s));

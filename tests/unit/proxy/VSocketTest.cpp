@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The line buffer, line readers and waits of CDnVSocket, over real socketpairs.
-#include "proxy/VSocket.h"
-
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,10 +13,9 @@
 #include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
-
 #include "foundation/GlobalConst.h"
 #include "proxy/DnSocket.h"
+#include "proxy/VSocket.h"
 #include "support/SocketPeers.h"
 
 namespace {
@@ -31,25 +29,24 @@ constexpr int kInvalidArg = static_cast<int>(SWG_E_INVALIDARG);
 // The socket under test on one end of a stream socketpair; the test plays the peer.
 class VSocketTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         int fds[2] = {-1, -1};
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
         m_peer.Reset(fds[0]);
         m_sock = std::make_unique<CDnSocket>(fds[1]);
     }
 
-    void PeerSends(const std::string& bytes) { ASSERT_TRUE(swg_test::WriteAll(m_peer.Get(), bytes, 2s)); }
+    void PeerSends(const std::string& bytes) {
+        ASSERT_TRUE(swg_test::WriteAll(m_peer.Get(), bytes, 2s));
+    }
 
-    std::string Buffered()
-    {
+    std::string Buffered() {
         std::string out;
         m_sock->PeekDataFromBuffer(out);
         return out;
     }
 
-    std::string ReceiveOnce(int length)
-    {
+    std::string ReceiveOnce(int length) {
         std::string out(static_cast<size_t>(length), '\0');
         const int got = m_sock->Receive(out.data(), length, 0);
         out.resize(got > 0 ? static_cast<size_t>(got) : 0);
@@ -62,8 +59,7 @@ protected:
 };
 
 // Receive mixing buffered and socket bytes in one call would reorder or duplicate sniffed bytes.
-TEST_F(VSocketTest, ReceiveDrainsBufferBeforeSocketAndNeverMixesThem)
-{
+TEST_F(VSocketTest, ReceiveDrainsBufferBeforeSocketAndNeverMixesThem) {
     ASSERT_TRUE(m_sock->AppendDataToBuffer("abcd", 4));
     PeerSends("xyz");
     EXPECT_EQ(ReceiveOnce(2), "ab");
@@ -75,8 +71,7 @@ TEST_F(VSocketTest, ReceiveDrainsBufferBeforeSocketAndNeverMixesThem)
 }
 
 // A request line split across TCP segments must still be found, and nothing read may be lost.
-TEST_F(VSocketTest, PeekLineCollectsLineArrivingInPiecesAndKeepsEveryByte)
-{
+TEST_F(VSocketTest, PeekLineCollectsLineArrivingInPiecesAndKeepsEveryByte) {
     std::thread writer([this] {
         EXPECT_TRUE(swg_test::WriteAll(m_peer.Get(), "GET / HT", 1s));
         std::this_thread::sleep_for(40ms);
@@ -94,19 +89,20 @@ TEST_F(VSocketTest, PeekLineCollectsLineArrivingInPiecesAndKeepsEveryByte)
 }
 
 // A client that never ends its line must not hold the sniffer past its wait, nor lose its bytes.
-TEST_F(VSocketTest, PeekLineTimesOutWithPartialLineBuffered)
-{
+TEST_F(VSocketTest, PeekLineTimesOutWithPartialLineBuffered) {
     PeerSends("GET /partial");
     const auto start = std::chrono::steady_clock::now();
     const std::string line = m_sock->PeekLine(4, 60, m_exit);
-    EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count(), 50);
+    EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(
+                  std::chrono::steady_clock::now() - start)
+                  .count(),
+              50);
     EXPECT_EQ(line, "GET /partial");
     EXPECT_EQ(Buffered(), "GET /partial");
 }
 
 // Bad sizes, a closed peer and the exit flag must end PeekLine without consuming the socket.
-TEST_F(VSocketTest, PeekLineGivesNothingForBadSizeClosedPeerOrExit)
-{
+TEST_F(VSocketTest, PeekLineGivesNothingForBadSizeClosedPeerOrExit) {
     PeerSends("abc\n");
     EXPECT_EQ(m_sock->PeekLine(0, 100, m_exit), "");
     m_exit = true;
@@ -122,8 +118,7 @@ TEST_F(VSocketTest, PeekLineGivesNothingForBadSizeClosedPeerOrExit)
 }
 
 // A Kill during PeekLine's wait must end it long before its timeout.
-TEST_F(VSocketTest, PeekLineWaitEndsWhenExitIsSet)
-{
+TEST_F(VSocketTest, PeekLineWaitEndsWhenExitIsSet) {
     PeerSends("no newline");
     std::thread killer([this] {
         std::this_thread::sleep_for(50ms);
@@ -132,14 +127,16 @@ TEST_F(VSocketTest, PeekLineWaitEndsWhenExitIsSet)
     const auto start = std::chrono::steady_clock::now();
     const std::string line = m_sock->PeekLine(4, 20000, m_exit);
     killer.join();
-    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count(), 5000);
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(
+                  std::chrono::steady_clock::now() - start)
+                  .count(),
+              5000);
     EXPECT_EQ(Buffered(), "no newline");
     EXPECT_EQ(line, "no newline");
 }
 
 // A partial line must stay buffered and be completed by the next read, not dropped or doubled.
-TEST_F(VSocketTest, ReceiveLineKeepsPartialLineAndAppendsNextRead)
-{
+TEST_F(VSocketTest, ReceiveLineKeepsPartialLineAndAppendsNextRead) {
     ASSERT_TRUE(m_sock->AppendDataToBuffer("par", 3));
     PeerSends("tial\r\nnext");
     std::string line;
@@ -160,16 +157,14 @@ TEST_F(VSocketTest, ReceiveLineKeepsPartialLineAndAppendsNextRead)
 }
 
 // A read failure must come back as its errno, distinct from a close (1).
-TEST_F(VSocketTest, ReceiveLineReturnsErrnoOnFailedRead)
-{
+TEST_F(VSocketTest, ReceiveLineReturnsErrnoOnFailedRead) {
     ASSERT_EQ(m_sock->CloseSocket(), 0);
     std::string line;
     EXPECT_EQ(m_sock->ReceiveLine(line), EBADF);
 }
 
 // Header blocks must stop at the empty line (CRLF or bare LF) and leave the body unread.
-TEST_F(VSocketTest, ReceiveHeadersStopsAtEmptyLineAndLeavesBody)
-{
+TEST_F(VSocketTest, ReceiveHeadersStopsAtEmptyLineAndLeavesBody) {
     struct Case {
         const char* buffered;
         const char* sent;
@@ -186,7 +181,8 @@ TEST_F(VSocketTest, ReceiveHeadersStopsAtEmptyLineAndLeavesBody)
         SCOPED_TRACE(c.sent);
         m_sock->ResetBuffer();
         if (*c.buffered != '\0') {
-            ASSERT_TRUE(m_sock->AppendDataToBuffer(c.buffered, static_cast<int>(strlen(c.buffered))));
+            ASSERT_TRUE(
+                m_sock->AppendDataToBuffer(c.buffered, static_cast<int>(strlen(c.buffered))));
         }
         PeerSends(c.sent);
         std::string headers;
@@ -195,7 +191,8 @@ TEST_F(VSocketTest, ReceiveHeadersStopsAtEmptyLineAndLeavesBody)
         EXPECT_EQ(PendingBytes(m_sock->GetSocket()), c.bodyLeft);
         std::string body;
         if (c.bodyLeft > 0) {
-            ASSERT_TRUE(swg_test::ReadExactly(m_sock->GetSocket(), static_cast<size_t>(c.bodyLeft), body, 1s));
+            ASSERT_TRUE(swg_test::ReadExactly(m_sock->GetSocket(), static_cast<size_t>(c.bodyLeft),
+                                              body, 1s));
         }
     }
 
@@ -207,8 +204,7 @@ TEST_F(VSocketTest, ReceiveHeadersStopsAtEmptyLineAndLeavesBody)
 }
 
 // A peer that closed without sending must look like a silent one: no data and no error.
-TEST_F(VSocketTest, IsDataAvailableReportsClosedPeerAsNoDataNoError)
-{
+TEST_F(VSocketTest, IsDataAvailableReportsClosedPeerAsNoDataNoError) {
     unsigned long readable = 99;
     int error = -1;
     m_peer.Reset();
@@ -219,8 +215,7 @@ TEST_F(VSocketTest, IsDataAvailableReportsClosedPeerAsNoDataNoError)
 }
 
 // Buffered bytes must be reported ahead of the socket's, and a failed FIONREAD as its errno.
-TEST_F(VSocketTest, IsDataAvailableCountsBufferFirstAndReportsErrors)
-{
+TEST_F(VSocketTest, IsDataAvailableCountsBufferFirstAndReportsErrors) {
     unsigned long readable = 0;
     int error = -1;
     PeerSends("12345");
@@ -237,8 +232,7 @@ TEST_F(VSocketTest, IsDataAvailableCountsBufferFirstAndReportsErrors)
 }
 
 // Off-by-one in the line indices would hand the sniffer a line with a byte missing or extra.
-TEST_F(VSocketTest, LineHelpersUseOnlyTheUnreadPart)
-{
+TEST_F(VSocketTest, LineHelpersUseOnlyTheUnreadPart) {
     ASSERT_TRUE(m_sock->AppendDataToBuffer("ab\ncd\nef", 8));
     std::string out = "untouched";
     m_sock->PeekLineFromBuffer(out, 8);  // past the end
@@ -256,8 +250,7 @@ TEST_F(VSocketTest, LineHelpersUseOnlyTheUnreadPart)
 }
 
 // The relay's first step: sniffed bytes go out once, a failure keeps them, exit sends nothing.
-TEST_F(VSocketTest, SendCompleteFromInternalBufferFlushesOnceAndKeepsOnFailure)
-{
+TEST_F(VSocketTest, SendCompleteFromInternalBufferFlushesOnceAndKeepsOnFailure) {
     int fds[2] = {-1, -1};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
     UniqueFd targetPeer(fds[0]);
@@ -285,8 +278,7 @@ TEST_F(VSocketTest, SendCompleteFromInternalBufferFlushesOnceAndKeepsOnFailure)
 }
 
 // Out-of-range descriptors and modes must be refused before they reach a select set.
-TEST(IsSocketAvailableTest, RejectsBadDescriptorsAndModes)
-{
+TEST(IsSocketAvailableTest, RejectsBadDescriptorsAndModes) {
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(-1, 1, 0, 0), kInvalidArg);
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(8192, 1, 0, 0), kInvalidArg);
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(100000, 2, 0, 0), kInvalidArg);
@@ -299,8 +291,7 @@ TEST(IsSocketAvailableTest, RejectsBadDescriptorsAndModes)
 }
 
 // Readiness, timeout and a select failure must each give their own result.
-TEST(IsSocketAvailableTest, ReportsReadyTimeoutAndSelectError)
-{
+TEST(IsSocketAvailableTest, ReportsReadyTimeoutAndSelectError) {
     int fds[2] = {-1, -1};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
     UniqueFd a(fds[0]);
@@ -317,14 +308,14 @@ TEST(IsSocketAvailableTest, ReportsReadyTimeoutAndSelectError)
 }
 
 // Descriptors above FD_SETSIZE must work up to 8191: glibc's fd_set would overflow there.
-TEST(IsSocketAvailableTest, ServesDescriptorsAbove1023UpTo8191)
-{
+TEST(IsSocketAvailableTest, ServesDescriptorsAbove1023UpTo8191) {
     rlimit saved{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     rlimit raised = saved;
     if (raised.rlim_cur < 8192) raised.rlim_cur = 8192;
     if (raised.rlim_max < raised.rlim_cur) raised.rlim_max = raised.rlim_cur;
-    if (::setrlimit(RLIMIT_NOFILE, &raised) != 0) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 8192";
+    if (::setrlimit(RLIMIT_NOFILE, &raised) != 0)
+        GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 8192";
 
     int fds[2] = {-1, -1};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
