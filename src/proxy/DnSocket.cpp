@@ -17,7 +17,7 @@ CDnSocket::CDnSocket(int family, int type, int protocol)
 CDnSocket::~CDnSocket() { (void)CloseSocket(); }
 
 int CDnSocket::Send(const char* buffer, int length, int /*flags*/) {
-    // Callers' flags are ignored by design; MSG_NOSIGNAL only turns a gone peer into EPIPE.
+    // Callers' flags are ignored on purpose; MSG_NOSIGNAL only turns a gone peer into EPIPE.
     return static_cast<int>(
         ::send(m_socket.load(), buffer, static_cast<size_t>(length), MSG_NOSIGNAL));
 }

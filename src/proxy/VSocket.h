@@ -15,8 +15,8 @@ struct ssl_ctx_st;
 struct x509_st;
 struct stack_st_X509;
 
-// Result of a wait that timed out. It is the agent's own code, kept from the platform the
-// design started on, and deliberately not Linux's ETIMEDOUT.
+// Result of a wait that timed out: the agent's own fixed code, which callers and logs expect,
+// deliberately not Linux's ETIMEDOUT (110).
 constexpr int SWG_SOCKET_TIMEOUT = 60;
 
 // The line buffer lets the sniffing code read a client's first bytes and still hand every
