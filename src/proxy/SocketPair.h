@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+// CSocketPair: the select() relay that carries a connection's bytes both ways until one side ends.
+#pragma once
+
+#include <atomic>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/function.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+
+#include "proxy/FdSet.h"
+
+class CDnVSocket;
+
+// Result of a relay in which a side has finished and nothing is left to send, a normal
+// close included. The agent's own code, not an errno.
+constexpr int SWG_RELAY_SIDE_FINISHED = 10058;
+
+// Per-relay log id source; each CSocketPair takes the next value.
+extern std::atomic<std::uint32_t> g_SockId;
+
+// One relay buffer. Lives inside its CSocketPair; cur_ptr points into data, so it is
+// neither copied nor moved.
+struct SL_BUFF {
+    static constexpr std::size_t kCapacity = 16384;
+
+    SL_BUFF();
+    virtual ~SL_BUFF() = default;
+    SL_BUFF(const SL_BUFF&) = delete;
+    SL_BUFF& operator=(const SL_BUFF&) = delete;
+
+    std::size_t cur_len;  // bytes still to send
+    char* cur_ptr;        // first byte still to send
+    std::size_t max_len;  // always kCapacity
+    char data[kCapacity];
+    bool flag;
+    // When a one-byte read arrived (UTC); not_a_date_time until then.
+    boost::posix_time::ptime recv_time;
+};
+
+// Relays between a local socket (the diverted client) and a remote one (gateway or original
+// destination) on the calling thread, with one select loop and no further threads.
+//
+// All six buffers are members, so a pair costs about 96 KB of the thread's stack and the
+// loop allocates only list nodes. Neither socket is owned or closed, and neither is ever
+// shut down: when one side ends, the other learns it only when its owner closes it.
+//
+// Threading: every member runs on the constructing thread. Another thread may set the exit
+// flag (and close or shut down the descriptors); the loop then ends within about 500 ms.
+class CSocketPair {
+public:
+    // Copies both descriptors now; a descriptor of 8192 or more is never served. `exit` and
+    // both sockets must outlive the pair. `callback` is copied and called once, on this
+    // thread, when the remote side has sent more than 512 bytes; its result is ignored.
+    CSocketPair(CDnVSocket& remote, CDnVSocket& local, const std::atomic<bool>& exit,
+                boost::function<bool()>& callback);
+    virtual ~CSocketPair() = default;
+    CSocketPair(const CSocketPair&) = delete;
+    CSocketPair& operator=(const CSocketPair&) = delete;
+
+    // Sends what the local socket has buffered to the remote one, then relays until a side
+    // is finished or the exit flag is set. Returns 0 at an exit condition or with the flag
+    // seen at the head of the loop, SWG_RELAY_SIDE_FINISHED when a side ended with nothing
+    // left to send, SWG_SOCKET_TIMEOUT when the flag was seen while waiting, -1 when the
+    // buffered bytes could not be sent, or select's errno.
+    [[nodiscard]] int ProxyLoop();
+
+    // True, with a trace line, when nothing is left to do: both sides finished, or one
+    // finished with nothing queued for the other.
+    bool IsSocketExitConditions();
+    // Waits for the next readable or writable side. Returns 0 when there is one, errno
+    // when select fails, SWG_SOCKET_TIMEOUT when the exit flag is set.
+    int WaitOnSocketsSelect();
+    // Each of these does one read or write for its direction if select allowed it, and
+    // returns 0, or SWG_RELAY_SIDE_FINISHED when its side ended with nothing queued the
+    // other way.
+    int RecvFromLocal();
+    int RecvFromRemote();
+    int SendToRemote();
+    int SendToLocal();
+
+private:
+    using BuffList = std::list<SL_BUFF*>;
+
+    static constexpr int kBuffsPerDirection = 3;
+
+    // Enter `fd` in a set unless it is out of range, raising `maxFd` to it when entered.
+    void EnterRead(int fd, int& maxFd);
+    void EnterWrite(int fd, int& maxFd);
+    // True while the front of m_to_local is a lone byte younger than the hold.
+    bool IsSingleByteHeld() const;
+    // Counts bytes from the remote side and runs the callback once past 512.
+    void NoteRemoteBytes(int count);
+    // One send from the front of `toSend` to `target`, for either direction; returns as
+    // SendToRemote and SendToLocal do.
+    int SendFront(BuffList& toSend, BuffList& freeList, CDnVSocket& target, int& targetSk,
+                  const BuffList& opposite, bool toRemote);
+
+    CDnVSocket* m_remote;
+    CDnVSocket* m_local;
+    int m_remote_sk;  // -1 once the remote side is finished
+    int m_local_sk;   // -1 once the local side is finished
+    CFdSet m_write_set;
+    CFdSet m_read_set;
+    SL_BUFF m_buffs[2 * kBuffsPerDirection];
+    BuffList m_free_from_local;
+    BuffList m_to_remote;
+    BuffList m_free_from_remote;
+    BuffList m_to_local;
+    const std::atomic<bool>* m_exit;
+    std::uint32_t m_sockId;
+    std::uint32_t m_remoteBytes = 0;
+    bool m_bCallbackDone = false;
+    boost::function<bool()> m_callback;
+};

@@ -1,0 +1,337 @@
+// SPDX-License-Identifier: Apache-2.0
+// The line buffer, line readers and waits of CDnVSocket, over real socketpairs.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "foundation/GlobalConst.h"
+#include "proxy/DnSocket.h"
+#include "proxy/VSocket.h"
+#include "support/SocketPeers.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using swg_test::PendingBytes;
+using swg_test::UniqueFd;
+
+constexpr int kInvalidArg = static_cast<int>(SWG_E_INVALIDARG);
+
+// The socket under test on one end of a stream socketpair; the test plays the peer.
+class VSocketTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        int fds[2] = {-1, -1};
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        m_peer.Reset(fds[0]);
+        m_sock = std::make_unique<CDnSocket>(fds[1]);
+    }
+
+    void PeerSends(const std::string& bytes) {
+        ASSERT_TRUE(swg_test::WriteAll(m_peer.Get(), bytes, 2s));
+    }
+
+    std::string Buffered() {
+        std::string out;
+        m_sock->PeekDataFromBuffer(out);
+        return out;
+    }
+
+    std::string ReceiveOnce(int length) {
+        std::string out(static_cast<size_t>(length), '\0');
+        const int got = m_sock->Receive(out.data(), length, 0);
+        out.resize(got > 0 ? static_cast<size_t>(got) : 0);
+        return out;
+    }
+
+    UniqueFd m_peer;
+    std::unique_ptr<CDnSocket> m_sock;
+    std::atomic<bool> m_exit{false};
+};
+
+// Receive mixing buffered and socket bytes in one call would reorder or duplicate sniffed bytes.
+TEST_F(VSocketTest, ReceiveDrainsBufferBeforeSocketAndNeverMixesThem) {
+    ASSERT_TRUE(m_sock->AppendDataToBuffer("abcd", 4));
+    PeerSends("xyz");
+    EXPECT_EQ(ReceiveOnce(2), "ab");
+    EXPECT_EQ(ReceiveOnce(10), "cd");  // the rest of the buffer only, though the socket has more
+    EXPECT_EQ(ReceiveOnce(10), "xyz");
+    EXPECT_FALSE(m_sock->AppendDataToBuffer(nullptr, 3));
+    EXPECT_FALSE(m_sock->AppendDataToBuffer("q", 0));
+    EXPECT_EQ(Buffered(), "");
+}
+
+// A request line split across TCP segments must still be found, and nothing read may be lost.
+TEST_F(VSocketTest, PeekLineCollectsLineArrivingInPiecesAndKeepsEveryByte) {
+    std::thread writer([this] {
+        EXPECT_TRUE(swg_test::WriteAll(m_peer.Get(), "GET / HT", 1s));
+        std::this_thread::sleep_for(40ms);
+        EXPECT_TRUE(swg_test::WriteAll(m_peer.Get(), "TP/1.1\r\nHost: a\r\n", 1s));
+    });
+    const std::string line = m_sock->PeekLine(8, 2000, m_exit);
+    writer.join();
+    EXPECT_EQ(line, "GET / HTTP/1.1\r\n");
+
+    std::string received;
+    ASSERT_EQ(m_sock->ReceiveLine(received), 0);
+    EXPECT_EQ(received, "GET / HTTP/1.1\r\n");
+    ASSERT_EQ(m_sock->ReceiveLine(received), 0);
+    EXPECT_EQ(received, "Host: a\r\n");
+}
+
+// A client that never ends its line must not hold the sniffer past its wait, nor lose its bytes.
+TEST_F(VSocketTest, PeekLineTimesOutWithPartialLineBuffered) {
+    PeerSends("GET /partial");
+    const auto start = std::chrono::steady_clock::now();
+    const std::string line = m_sock->PeekLine(4, 60, m_exit);
+    EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(
+                  std::chrono::steady_clock::now() - start)
+                  .count(),
+              50);
+    EXPECT_EQ(line, "GET /partial");
+    EXPECT_EQ(Buffered(), "GET /partial");
+}
+
+// Bad sizes, a closed peer and the exit flag must end PeekLine without consuming the socket.
+TEST_F(VSocketTest, PeekLineGivesNothingForBadSizeClosedPeerOrExit) {
+    PeerSends("abc\n");
+    EXPECT_EQ(m_sock->PeekLine(0, 100, m_exit), "");
+    m_exit = true;
+    EXPECT_EQ(m_sock->PeekLine(4, 100, m_exit), "");
+    EXPECT_EQ(PendingBytes(m_sock->GetSocket()), 4);
+
+    std::string drained;
+    ASSERT_TRUE(swg_test::ReadExactly(m_sock->GetSocket(), 4, drained, 1s));
+    m_exit = false;
+    m_peer.Reset();
+    EXPECT_EQ(m_sock->PeekLine(4, 100, m_exit), "");
+    EXPECT_EQ(Buffered(), "");
+}
+
+// A Kill during PeekLine's wait must end it long before its timeout.
+TEST_F(VSocketTest, PeekLineWaitEndsWhenExitIsSet) {
+    PeerSends("no newline");
+    std::thread killer([this] {
+        std::this_thread::sleep_for(50ms);
+        m_exit = true;
+    });
+    const auto start = std::chrono::steady_clock::now();
+    const std::string line = m_sock->PeekLine(4, 20000, m_exit);
+    killer.join();
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(
+                  std::chrono::steady_clock::now() - start)
+                  .count(),
+              5000);
+    EXPECT_EQ(Buffered(), "no newline");
+    EXPECT_EQ(line, "no newline");
+}
+
+// A partial line must stay buffered and be completed by the next read, not dropped or doubled.
+TEST_F(VSocketTest, ReceiveLineKeepsPartialLineAndAppendsNextRead) {
+    ASSERT_TRUE(m_sock->AppendDataToBuffer("par", 3));
+    PeerSends("tial\r\nnext");
+    std::string line;
+    ASSERT_EQ(m_sock->ReceiveLine(line), 0);
+    EXPECT_EQ(line, "partial\r\n");
+    EXPECT_EQ(Buffered(), "next");
+
+    PeerSends(" one\na\nb\n");
+    ASSERT_EQ(m_sock->ReceiveLine(line), 0);
+    EXPECT_EQ(line, "next one\n");
+    m_peer.Reset();  // the remaining lines must come from the buffer, not the closed socket
+    ASSERT_EQ(m_sock->ReceiveLine(line), 0);
+    EXPECT_EQ(line, "a\n");
+    ASSERT_EQ(m_sock->ReceiveLine(line), 0);
+    EXPECT_EQ(line, "b\n");
+    EXPECT_EQ(m_sock->ReceiveLine(line), 1);
+    EXPECT_EQ(line, "");
+}
+
+// A read failure must come back as its errno, distinct from a close (1).
+TEST_F(VSocketTest, ReceiveLineReturnsErrnoOnFailedRead) {
+    ASSERT_EQ(m_sock->CloseSocket(), 0);
+    std::string line;
+    EXPECT_EQ(m_sock->ReceiveLine(line), EBADF);
+}
+
+// Header blocks must stop at the empty line (CRLF or bare LF) and leave the body unread.
+TEST_F(VSocketTest, ReceiveHeadersStopsAtEmptyLineAndLeavesBody) {
+    struct Case {
+        const char* buffered;
+        const char* sent;
+        const char* headers;
+        int result;
+        int bodyLeft;
+    };
+    const Case cases[] = {
+        {"", "HTTP/1.1 200 OK\r\nA: b\r\n\r\nBODY", "HTTP/1.1 200 OK\r\nA: b\r\n\r\n", 1, 4},
+        {"", "HTTP/1.0 200 OK\nA: b\n\nrest", "HTTP/1.0 200 OK\nA: b\n\n", 1, 4},
+        {"HTTP/1.1 2", "00 OK\r\n\r\n", "HTTP/1.1 200 OK\r\n\r\n", 1, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.sent);
+        m_sock->ResetBuffer();
+        if (*c.buffered != '\0') {
+            ASSERT_TRUE(
+                m_sock->AppendDataToBuffer(c.buffered, static_cast<int>(strlen(c.buffered))));
+        }
+        PeerSends(c.sent);
+        std::string headers;
+        EXPECT_EQ(m_sock->ReceiveHeaders(headers), c.result);
+        EXPECT_EQ(headers, c.headers);
+        EXPECT_EQ(PendingBytes(m_sock->GetSocket()), c.bodyLeft);
+        std::string body;
+        if (c.bodyLeft > 0) {
+            ASSERT_TRUE(swg_test::ReadExactly(m_sock->GetSocket(), static_cast<size_t>(c.bodyLeft),
+                                              body, 1s));
+        }
+    }
+
+    PeerSends("HTTP/1.1 200 OK\r\nA");
+    m_peer.Reset();
+    std::string cut;
+    EXPECT_EQ(m_sock->ReceiveHeaders(cut), 0);
+    EXPECT_EQ(cut, "HTTP/1.1 200 OK\r\nA");
+}
+
+// A peer that closed without sending must look like a silent one: no data and no error.
+TEST_F(VSocketTest, IsDataAvailableReportsClosedPeerAsNoDataNoError) {
+    unsigned long readable = 99;
+    int error = -1;
+    m_peer.Reset();
+    EXPECT_FALSE(m_sock->IsDataAvailable(readable, &error));
+    EXPECT_EQ(readable, 0u);
+    EXPECT_EQ(error, 0);
+    EXPECT_FALSE(m_sock->IsDataAvailable(readable, nullptr));
+}
+
+// Buffered bytes must be reported ahead of the socket's, and a failed FIONREAD as its errno.
+TEST_F(VSocketTest, IsDataAvailableCountsBufferFirstAndReportsErrors) {
+    unsigned long readable = 0;
+    int error = -1;
+    PeerSends("12345");
+    ASSERT_TRUE(swg_test::WaitReadable(m_sock->GetSocket(), 1s));
+    EXPECT_TRUE(m_sock->IsDataAvailable(readable, &error));
+    EXPECT_EQ(readable, 5u);
+    ASSERT_TRUE(m_sock->AppendDataToBuffer("ab", 2));
+    EXPECT_TRUE(m_sock->IsDataAvailable(readable, &error));
+    EXPECT_EQ(readable, 2u);
+
+    ASSERT_EQ(m_sock->CloseSocket(), 0);
+    EXPECT_FALSE(m_sock->IsDataAvailableOnSocket(readable, &error));
+    EXPECT_EQ(error, EBADF);
+}
+
+// Off-by-one in the line indices would hand the sniffer a line with a byte missing or extra.
+TEST_F(VSocketTest, LineHelpersUseOnlyTheUnreadPart) {
+    ASSERT_TRUE(m_sock->AppendDataToBuffer("ab\ncd\nef", 8));
+    std::string out = "untouched";
+    m_sock->PeekLineFromBuffer(out, 8);  // past the end
+    EXPECT_EQ(out, "untouched");
+    EXPECT_EQ(m_sock->ExtractLineFromBuffer(-1), "ab\n");
+    m_sock->PeekLineFromBuffer(out, 1);  // already consumed
+    EXPECT_EQ(out, "untouched");
+    m_sock->PeekLineFromBuffer(out, 4);
+    EXPECT_EQ(out, "cd");
+    EXPECT_EQ(m_sock->ExtractLineFromBuffer(7), "cd\nef");
+    EXPECT_EQ(Buffered(), "");
+    EXPECT_EQ(m_sock->ExtractLineFromBuffer(-1), "");
+    ASSERT_TRUE(m_sock->AppendDataToBuffer("gh\n", 3));
+    EXPECT_EQ(m_sock->ExtractLineFromBuffer(-1), "gh\n");
+}
+
+// The relay's first step: sniffed bytes go out once, a failure keeps them, exit sends nothing.
+TEST_F(VSocketTest, SendCompleteFromInternalBufferFlushesOnceAndKeepsOnFailure) {
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    UniqueFd targetPeer(fds[0]);
+    CDnSocket target(fds[1]);
+
+    EXPECT_EQ(m_sock->SendCompleteFromInternalBuffer(&target, 0, m_exit), 0);  // nothing buffered
+    ASSERT_TRUE(m_sock->AppendDataToBuffer("sniffed", 7));
+    EXPECT_EQ(m_sock->SendCompleteFromInternalBuffer(nullptr, 0, m_exit), 0);
+
+    ASSERT_EQ(target.Shutdown(SHUT_WR), 0);
+    EXPECT_EQ(m_sock->SendCompleteFromInternalBuffer(&target, 0, m_exit), -1);
+    EXPECT_EQ(Buffered(), "sniffed");
+
+    CDnSocket second(::dup(m_peer.Get()));
+    EXPECT_EQ(m_sock->SendCompleteFromInternalBuffer(&second, 0, m_exit), 7);
+    EXPECT_EQ(Buffered(), "");
+    std::string got;
+    ASSERT_TRUE(swg_test::ReadExactly(m_sock->GetSocket(), 7, got, 1s));
+    EXPECT_EQ(got, "sniffed");
+
+    ASSERT_TRUE(m_sock->AppendDataToBuffer("late", 4));
+    m_exit = true;
+    EXPECT_EQ(m_sock->SendCompleteFromInternalBuffer(&second, 0, m_exit), 0);
+    EXPECT_FALSE(swg_test::WaitReadable(m_sock->GetSocket(), 50ms));
+}
+
+// Out-of-range descriptors and modes must be refused before they reach a select set.
+TEST(IsSocketAvailableTest, RejectsBadDescriptorsAndModes) {
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(-1, 1, 0, 0), kInvalidArg);
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(8192, 1, 0, 0), kInvalidArg);
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(100000, 2, 0, 0), kInvalidArg);
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    UniqueFd a(fds[0]);
+    UniqueFd b(fds[1]);
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 0, 0, 0), kInvalidArg);
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 3, 0, 0), kInvalidArg);
+}
+
+// Readiness, timeout and a select failure must each give their own result.
+TEST(IsSocketAvailableTest, ReportsReadyTimeoutAndSelectError) {
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    UniqueFd a(fds[0]);
+    UniqueFd b(fds[1]);
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 1, 0, 20000), SWG_SOCKET_TIMEOUT);
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 2, 0, 20000), 0);
+    ASSERT_TRUE(swg_test::WriteAll(b.Get(), "x", 1s));
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 1, 1, 0), 0);
+
+    const int closed = ::dup(a.Get());
+    ASSERT_NE(closed, -1);
+    ::close(closed);
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(closed, 1, 0, 1000), EBADF);
+}
+
+// Descriptors above FD_SETSIZE must work up to 8191: glibc's fd_set would overflow there.
+TEST(IsSocketAvailableTest, ServesDescriptorsAbove1023UpTo8191) {
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit raised = saved;
+    if (raised.rlim_cur < 8192) raised.rlim_cur = 8192;
+    if (raised.rlim_max < raised.rlim_cur) raised.rlim_max = raised.rlim_cur;
+    if (::setrlimit(RLIMIT_NOFILE, &raised) != 0)
+        GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 8192";
+
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    UniqueFd a(fds[0]);
+    UniqueFd b(fds[1]);
+    for (const int high : {2000, 8191}) {
+        SCOPED_TRACE(high);
+        UniqueFd moved(::dup2(a.Get(), high));
+        ASSERT_EQ(moved.Get(), high);
+        EXPECT_EQ(CDnVSocket::IsSocketAvailable(high, 1, 0, 20000), SWG_SOCKET_TIMEOUT);
+        ASSERT_TRUE(swg_test::WriteAll(b.Get(), "x", 1s));
+        EXPECT_EQ(CDnVSocket::IsSocketAvailable(high, 1, 1, 0), 0);
+        char byte = 0;
+        ASSERT_EQ(::recv(high, &byte, 1, 0), 1);
+    }
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+}
+
+}  // namespace
