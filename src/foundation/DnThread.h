@@ -26,8 +26,12 @@
 // Destruction: the destructor stops and joins the thread only when it is running and Kill was
 // called; otherwise it detaches it. A derived class whose thread uses the derived object must
 // therefore Kill and Wait before its own destructor returns.
+//
+// A derived class that overrides one of the two Wait operations adds `using CDnThread::Wait;`
+// so that the other stays callable through the derived type (C++ name hiding).
 class CDnThread {
 public:
+    // Named "Thread", period 1000 ms, not running; no system thread until StartThread.
     CDnThread();
     CDnThread(const CDnThread&) = delete;
     CDnThread& operator=(const CDnThread&) = delete;
@@ -57,7 +61,8 @@ public:
     // The thread's body; `arg` is null. Runs on the new thread, inside KickIt.
     virtual long ActualThreadProc(void* arg) = 0;
 
-    // The thread's recursive lock, for derived classes and their owners.
+    // The thread's recursive lock, for derived classes and their owners. Lock blocks until
+    // held; a failure is a programming error and raises the boost lock error.
     void Lock() { m_lock.lock(); }
     void Unlock() { m_lock.unlock(); }
 

@@ -43,13 +43,17 @@ public:
         }
     }
     long ActualThreadProc(void*) override {
+        // After Kill the derived part may already be destroyed (the destructor test): from
+        // then on only the base's exit event and locals are touched.
+        std::atomic<bool>* left = m_left;
+        condition_event& exitEvent = exit_event;
         runningInside = m_isRunning.load();
         ++entries;
         entered.notify();
-        while (!exit_event.is_signal_all()) exit_event.wait();
-        if (m_left != nullptr) {
+        while (!exitEvent.is_signal_all()) exitEvent.wait();
+        if (left != nullptr) {
             std::this_thread::sleep_for(std::chrono::milliseconds(30));
-            *m_left = true;
+            *left = true;
         }
         return 0;
     }
