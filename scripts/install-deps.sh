@@ -13,7 +13,7 @@ libssl-dev openssl
 libcjson-dev
 libnftables-dev nftables
 gettext
-iproute2 iputils-ping procps curl socat psmisc util-linux kmod
+iproute2 iputils-ping procps curl socat psmisc util-linux kmod python3
 "
 
 missing=""
