@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <openssl/bio.h>
 #include <openssl/ec.h>
+#include <openssl/encoder.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
@@ -39,6 +40,25 @@ std::string MakeKeyPem(EVP_PKEY* key, bool privatePart) {
 
 std::string RsaPem(unsigned bits, bool privatePart) {
     return MakeKeyPem(EVP_RSA_gen(bits), privatePart);
+}
+
+// The sample public key as a PKCS#1 "BEGIN RSA PUBLIC KEY" block.
+std::string Pkcs1PublicPem(const std::string& spkiPem) {
+    BIO* in = BIO_new_mem_buf(spkiPem.data(), static_cast<int>(spkiPem.size()));
+    EVP_PKEY* key = PEM_read_bio_PUBKEY(in, nullptr, nullptr, nullptr);
+    BIO_free(in);
+    OSSL_ENCODER_CTX* encoder =
+        OSSL_ENCODER_CTX_new_for_pkey(key, EVP_PKEY_PUBLIC_KEY, "PEM", "type-specific", nullptr);
+    unsigned char* data = nullptr;
+    std::size_t length = 0;
+    std::string pem;
+    if (encoder != nullptr && OSSL_ENCODER_to_data(encoder, &data, &length) == 1) {
+        pem.assign(reinterpret_cast<char*>(data), length);
+    }
+    OPENSSL_free(data);
+    OSSL_ENCODER_CTX_free(encoder);
+    EVP_PKEY_free(key);
+    return pem;
 }
 
 std::string EcPublicPem() { return MakeKeyPem(EVP_EC_gen("P-256"), false); }
@@ -192,8 +212,8 @@ TEST_F(LicenceHeaderTest, WrongPrivateKeyFails) {
     EXPECT_FALSE(DecodeLicenceHeader(keyId, payload, otherKey, identity, error));
     EXPECT_FALSE(error.empty());
     EXPECT_TRUE(identity.strOrgId.empty());
-    // A 4096-bit key fails on the size of the wrapped key before any decryption.
-    EXPECT_FALSE(DecodeLicenceHeader(keyId, payload, RsaPem(4096, true), identity, error));
+    // A 3072-bit key fails on the size of the wrapped key before any decryption.
+    EXPECT_FALSE(DecodeLicenceHeader(keyId, payload, RsaPem(3072, true), identity, error));
     EXPECT_NE(error.find("size"), std::string::npos) << error;
 }
 
@@ -240,7 +260,7 @@ TEST_F(LicenceHeaderTest, UnusablePrivateKeysFailCleanly) {
     EXPECT_FALSE(error.empty());
 }
 
-// Configurations may carry the key as a bare base64 body or with escaped line ends.
+// Configurations may carry the key as a bare base64 body, with escaped line ends, or in PKCS#1.
 TEST_F(LicenceHeaderTest, PublicKeyInConfigurationForms) {
     std::string body;
     std::istringstream lines(m_org.strpKeyPem);
@@ -252,7 +272,9 @@ TEST_F(LicenceHeaderTest, PublicKeyInConfigurationForms) {
          at = escaped.find('\n', at + 2)) {
         escaped.replace(at, 1, "\\n");
     }
-    for (const std::string& form : {body, escaped}) {
+    const std::string pkcs1 = Pkcs1PublicPem(m_org.strpKeyPem);
+    ASSERT_NE(pkcs1.find("BEGIN RSA PUBLIC KEY"), std::string::npos) << pkcs1;
+    for (const std::string& form : {body, escaped, pkcs1}) {
         m_org.strpKeyPem = form;
         std::string keyId, payload;
         ASSERT_NO_FATAL_FAILURE(Build(keyId, payload));
