@@ -2,13 +2,6 @@
 // Sealing and opening of the licence header: RSA-OAEP wraps a fresh AES-256-GCM key.
 #include "upstream/LicenceHeader.h"
 
-#include <cstring>
-#include <ctime>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <utility>
-
 #include <cjson/cJSON.h>
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
@@ -17,6 +10,13 @@
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 #include <openssl/rsa.h>
+
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
 
 #include "foundation/Trace.h"
 
@@ -151,8 +151,8 @@ SharedPkey ParseRsaKey(const std::string& text, bool isPrivate, std::string& err
     const std::string pem = NormalisePem(text, isPrivate);
     EVP_PKEY* raw = nullptr;
     const int selection = isPrivate ? EVP_PKEY_KEYPAIR : EVP_PKEY_PUBLIC_KEY;
-    std::unique_ptr<OSSL_DECODER_CTX, DecoderCtxDeleter> decoder(OSSL_DECODER_CTX_new_for_pkey(
-        &raw, "PEM", nullptr, nullptr, selection, nullptr, nullptr));
+    std::unique_ptr<OSSL_DECODER_CTX, DecoderCtxDeleter> decoder(
+        OSSL_DECODER_CTX_new_for_pkey(&raw, "PEM", nullptr, nullptr, selection, nullptr, nullptr));
     if (!decoder) {
         error = OpenSslFailure("cannot set up the PEM decoder");
         return nullptr;
@@ -218,12 +218,14 @@ SharedPkey PublicKeyFor(const OrgInfoRecord& org, std::string& error) {
     const CLicenceKeyCache::Entry entry = KeyCache().Get(org.strpKeyPem, false, fresh);
     if (!entry.key) {
         error = entry.error;
-        if (fresh) DNTRACE(WARN, "Licence : public key %s cannot be used: %s",
-                           org.strpKeyId.c_str(), entry.error.c_str());
+        if (fresh)
+            DNTRACE(WARN, "Licence : public key %s cannot be used: %s", org.strpKeyId.c_str(),
+                    entry.error.c_str());
         return nullptr;
     }
-    if (fresh) DNTRACE(LIC, "Licence : public key %s loaded, %d bits", org.strpKeyId.c_str(),
-                       EVP_PKEY_get_bits(entry.key.get()));
+    if (fresh)
+        DNTRACE(LIC, "Licence : public key %s loaded, %d bits", org.strpKeyId.c_str(),
+                EVP_PKEY_get_bits(entry.key.get()));
     return entry.key;
 }
 
@@ -280,7 +282,8 @@ bool UnwrapKey(EVP_PKEY* key, const Bytes& wrapped, Bytes& aesKey, std::string& 
     aesKey.assign(static_cast<std::size_t>(EVP_PKEY_get_size(key)), 0);
     std::size_t length = aesKey.size();
     if (EVP_PKEY_decrypt(ctx.get(), aesKey.data(), &length, wrapped.data(), wrapped.size()) != 1) {
-        error = OpenSslFailure("cannot unwrap the content key (wrong private key or changed value)");
+        error =
+            OpenSslFailure("cannot unwrap the content key (wrong private key or changed value)");
         return false;
     }
     aesKey.resize(length);
@@ -296,8 +299,9 @@ bool UnwrapKey(EVP_PKEY* key, const Bytes& wrapped, Bytes& aesKey, std::string& 
 bool AesGcm(bool seal, const Bytes& key, const Bytes& iv, const std::string& aad, const Bytes& in,
             Bytes& out, Bytes& tag) {
     CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-    if (!ctx || EVP_CipherInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr,
-                                  seal ? 1 : 0) != 1 ||
+    if (!ctx ||
+        EVP_CipherInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr, seal ? 1 : 0) !=
+            1 ||
         EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(iv.size()),
                             nullptr) != 1 ||
         EVP_CipherInit_ex(ctx.get(), nullptr, nullptr, key.data(), iv.data(), -1) != 1) {
@@ -350,10 +354,10 @@ bool MakePlaintext(const OrgInfoRecord& org, const std::string& interfaceAddress
     if (added && !interfaceAddress.empty()) {
         added = cJSON_AddStringToObject(root, "ip", interfaceAddress.c_str()) != nullptr;
     }
-    added = added &&
-            cJSON_AddNumberToObject(root, "ts", static_cast<double>(std::time(nullptr))) !=
-                nullptr &&
-            cJSON_AddStringToObject(root, "nonce", Base64Encode(nonce).c_str()) != nullptr;
+    added =
+        added &&
+        cJSON_AddNumberToObject(root, "ts", static_cast<double>(std::time(nullptr))) != nullptr &&
+        cJSON_AddStringToObject(root, "nonce", Base64Encode(nonce).c_str()) != nullptr;
     char* printed = added ? cJSON_PrintUnformatted(root) : nullptr;
     if (printed == nullptr) {
         error = "System Out Of Memory while building the licence payload";
@@ -364,8 +368,8 @@ bool MakePlaintext(const OrgInfoRecord& org, const std::string& interfaceAddress
     OPENSSL_cleanse(printed, length);
     cJSON_free(printed);
     if (plain.size() > kLicenceMaxPlaintext) {
-        error = "identity too long for the licence header (" + std::to_string(plain.size()) +
-                " bytes)";
+        error =
+            "identity too long for the licence header (" + std::to_string(plain.size()) + " bytes)";
         return false;
     }
     return true;
@@ -394,8 +398,7 @@ bool ReadPlaintext(const Bytes& plain, LicenceIdentity& out, std::string& error)
         return false;
     }
     if (!cJSON_IsNumber(timestamp) || !JsonString(root, "org", out.strOrgId) ||
-        !JsonString(root, "device", out.strDeviceId) ||
-        !JsonString(root, "user", out.strUserId) ||
+        !JsonString(root, "device", out.strDeviceId) || !JsonString(root, "user", out.strUserId) ||
         !JsonString(root, "overlay", out.strOverlayUser) ||
         !JsonString(root, "nonce", out.strNonce)) {
         error = "payload lacks a member";

@@ -184,7 +184,8 @@ std::string UsageText() {
            "control file lines: <glob over host:port or host/path> <fault mode or pass>...\n";
 }
 
-std::vector<FaultRule> ParseFaultRules(const std::string& text, std::vector<std::string>& problems) {
+std::vector<FaultRule> ParseFaultRules(const std::string& text,
+                                       std::vector<std::string>& problems) {
     std::vector<FaultRule> rules;
     std::istringstream lines(text);
     int number = 0;

@@ -15,14 +15,22 @@ namespace {
 
 const char* ReasonPhrase(int status) {
     switch (status) {
-        case 400: return "Bad Request";
-        case 403: return "Forbidden";
-        case 407: return "Proxy Authentication Required";
-        case 500: return "Internal Server Error";
-        case 502: return "Bad Gateway";
-        case 503: return "Service Unavailable";
-        case 504: return "Gateway Timeout";
-        default: return "Error";
+        case 400:
+            return "Bad Request";
+        case 403:
+            return "Forbidden";
+        case 407:
+            return "Proxy Authentication Required";
+        case 500:
+            return "Internal Server Error";
+        case 502:
+            return "Bad Gateway";
+        case 503:
+            return "Service Unavailable";
+        case 504:
+            return "Gateway Timeout";
+        default:
+            return "Error";
     }
 }
 
@@ -58,8 +66,7 @@ void CGatewaySession::Run() {
                                         ? "CONNECT " + m_head.LogTarget()
                                         : "HTTP " + m_head.Method() + " " + m_head.LogTarget();
         m_log.Write({request, LicenceLine()});
-        if (faults.slowMs > 0 &&
-            WaitFor(-1, 0, faults.slowMs, m_stopFd) == WaitResult::Stopped) {
+        if (faults.slowMs > 0 && WaitFor(-1, 0, faults.slowMs, m_stopFd) == WaitResult::Stopped) {
             Result("result stopped");
             return;
         }
@@ -155,14 +162,14 @@ bool CGatewaySession::AnswerByFault(const Faults& faults) {
 
 void CGatewaySession::SendStatus(int status, bool via, const std::string& detail) {
     const std::string title = std::to_string(status) + " " + ReasonPhrase(status);
-    const std::string body = "<html><head><title>" + title + "</title></head><body><h1>" +
-                             title + "</h1><p>swg-test-gateway: " + detail +
-                             "</p></body></html>";
+    const std::string body = "<html><head><title>" + title + "</title></head><body><h1>" + title +
+                             "</h1><p>swg-test-gateway: " + detail + "</p></body></html>";
     std::string reply = "HTTP/1.1 " + title + "\r\n";
     if (via) reply += ViaLine();
     if (status == 407) reply += "Proxy-Authenticate: Basic realm=\"swg-test-gateway\"\r\n";
-    reply += "Content-Type: text/html; charset=utf-8\r\nContent-Length: " +
-             std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+    reply +=
+        "Content-Type: text/html; charset=utf-8\r\nContent-Length: " + std::to_string(body.size()) +
+        "\r\nConnection: close\r\n\r\n" + body;
     SendAll(m_client, reply, m_options.timeoutMs, m_stopFd);
     CloseClient(true);
 }

@@ -24,7 +24,8 @@ constexpr std::size_t kRelayChunk = 16 * 1024;
 using Clock = std::chrono::steady_clock;
 
 int MsLeft(Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     return left.count() < 0 ? 0 : static_cast<int>(left.count());
 }
 
@@ -140,7 +141,8 @@ WaitResult WaitFor(int fd, short events, int timeoutMs, int stopFd) {
         pollfd fds[2] = {{fd, events, 0}, {stopFd, POLLIN, 0}};
         const int count = fd < 0 ? 1 : 2;
         pollfd* first = fd < 0 ? &fds[1] : &fds[0];
-        const int result = poll(first, static_cast<nfds_t>(count), timeoutMs < 0 ? -1 : MsLeft(deadline));
+        const int result =
+            poll(first, static_cast<nfds_t>(count), timeoutMs < 0 ? -1 : MsLeft(deadline));
         if (result < 0 && errno == EINTR) continue;
         if (result < 0) return WaitResult::Failed;
         if (fds[1].revents != 0) return WaitResult::Stopped;
@@ -270,9 +272,14 @@ void Relay(int client, int upstream, int stopFd) {
         // Read a side only while its last chunk is delivered: the buffers stay bounded.
         const short clientWants = static_cast<short>(
             (up.reading && up.pending.empty() ? POLLIN : 0) | (down.pending.empty() ? 0 : POLLOUT));
-        const short upstreamWants = static_cast<short>(
-            (down.reading && down.pending.empty() ? POLLIN : 0) | (up.pending.empty() ? 0 : POLLOUT));
-        pollfd fds[3] = {{client, clientWants, 0}, {upstream, upstreamWants, 0}, {stopFd, POLLIN, 0}};
+        const short upstreamWants =
+            static_cast<short>((down.reading && down.pending.empty() ? POLLIN : 0) |
+                               (up.pending.empty() ? 0 : POLLOUT));
+        // A side with nothing to do is left out (negative fd): poll reports POLLHUP even
+        // unasked, and a hung-up side waiting for the other would spin.
+        pollfd fds[3] = {{clientWants != 0 ? client : -1, clientWants, 0},
+                         {upstreamWants != 0 ? upstream : -1, upstreamWants, 0},
+                         {stopFd, POLLIN, 0}};
         if (poll(fds, 3, -1) < 0) {
             if (errno == EINTR) continue;
             return;

@@ -17,8 +17,7 @@ WaitResult WaitFor(int fd, short events, int timeoutMs, int stopFd);
 // Opens a TCP socket bound to `address`; listens on it unless `refuse`, so that with
 // `refuse` connects are answered with RST. On success returns the descriptor and the bound
 // address as "host:port" ("[v6]:port") in `bound`; on failure -1 with a reason in `error`.
-int OpenListener(const ListenAddress& address, bool refuse, std::string& bound,
-                 std::string& error);
+int OpenListener(const ListenAddress& address, bool refuse, std::string& bound, std::string& error);
 
 // Connects to `host`:`port` (numeric or a name), trying each address, within `timeoutMs`.
 // Unless `anyDestination`, only loopback and test-network addresses are tried (127.0.0.0/8,

@@ -118,7 +118,8 @@ std::string CRequestHead::Without(const std::vector<std::string>& drop) const {
     std::string block = m_requestLine;
     for (std::size_t i = 0; i < m_headers.size(); ++i) {
         bool dropped = false;
-        for (const std::string& name : drop) dropped = dropped || SameName(m_headers[i].first, name);
+        for (const std::string& name : drop)
+            dropped = dropped || SameName(m_headers[i].first, name);
         if (!dropped) block += m_rawLines[i];
     }
     return block + "\r\n";

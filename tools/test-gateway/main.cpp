@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <cstdio>
+#include <exception>
 #include <string>
 
 #include "GatewayLog.h"
@@ -35,7 +36,13 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
 
     testgw::CTestGateway gateway(options, log);
-    if (!gateway.Start(error)) {
+    bool started = false;
+    try {
+        started = gateway.Start(error);
+    } catch (const std::exception& caught) {
+        error = std::string("cannot start: ") + caught.what();  // threads could not be created
+    }
+    if (!started) {
         fprintf(stderr, "swg-test-gateway: %s\n", error.c_str());
         return 1;
     }

@@ -1,12 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // Licence header: sealing with the public key and opening with the private key.
-#include "upstream/LicenceHeader.h"
-
-#include <ctime>
-#include <fstream>
-#include <sstream>
-#include <thread>
-
 #include <gtest/gtest.h>
 #include <openssl/bio.h>
 #include <openssl/ec.h>
@@ -14,6 +7,13 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
+
+#include <ctime>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "upstream/LicenceHeader.h"
 
 namespace {
 

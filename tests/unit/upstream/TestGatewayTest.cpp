@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // swg-test-gateway as tests see it: tunnels, forwarding, licence log lines, fault modes, stop.
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -13,8 +14,6 @@
 #include <fstream>
 #include <future>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "support/GatewayProcess.h"
 #include "support/SocketPeers.h"
@@ -70,8 +69,8 @@ Ending ReadToEnd(int fd, std::string& out, std::chrono::milliseconds timeout = 5
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     out.clear();
     for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0 || !swg_test::WaitReadable(fd, left)) return Ending::Timeout;
         char buffer[4096];
         const ssize_t got = recv(fd, buffer, sizeof(buffer), 0);
@@ -104,7 +103,8 @@ private:
                 char buffer[8192];
                 const ssize_t got = recv(peer.Get(), buffer, sizeof(buffer), 0);
                 if (got <= 0 ||
-                    !swg_test::WriteAll(peer.Get(), std::string(buffer, static_cast<std::size_t>(got)), 5s)) {
+                    !swg_test::WriteAll(peer.Get(),
+                                        std::string(buffer, static_cast<std::size_t>(got)), 5s)) {
                     break;
                 }
             }
@@ -129,7 +129,8 @@ public:
                        swg_test::ReadExactly(peer.Get(), 1, byte, 5s)) {
                     block += byte;
                 }
-                swg_test::WriteAll(peer.Get(), "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok", 5s);
+                swg_test::WriteAll(peer.Get(), "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok",
+                                   5s);
             }
             m_block.set_value(block);
         });
@@ -167,8 +168,9 @@ protected:
 
     // Starts the gateway on an IPv4 loopback port with the sample key and `extra` flags.
     void StartGateway(std::vector<std::string> extra = {}) {
-        std::vector<std::string> args = {"--listen", "127.0.0.1:0", "--log", LogPath(),
-                                          "--timeout", "3000", "--max-connections", "4"};
+        std::vector<std::string> args = {
+            "--listen", "127.0.0.1:0",       "--log", LogPath(), "--timeout",
+            "3000",     "--max-connections", "4"};
         args.insert(args.end(), extra.begin(), extra.end());
         std::string error;
         ASSERT_TRUE(m_gateway.Start(kGatewayBinary, args, OutputPath(), 10s, error)) << error;
@@ -222,7 +224,8 @@ TEST_F(TestGatewayTest, ConnectTunnelsBytesBothWaysWithVia) {
     const std::string target = "127.0.0.1:" + std::to_string(echo.Port());
     ASSERT_TRUE(swg_test::WriteAll(client.Get(), ConnectRequest(target), 5s));
     std::string reply;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), kConnected.size() + kVia.size() + 2, reply, 5s));
+    ASSERT_TRUE(
+        swg_test::ReadExactly(client.Get(), kConnected.size() + kVia.size() + 2, reply, 5s));
     EXPECT_EQ(reply, kConnected + kVia + "\r\n");
 
     const std::string payload = swg_test::PatternBytes(300 * 1024, 7);
@@ -253,7 +256,8 @@ TEST_F(TestGatewayTest, ConnectToBracketedIPv6Destination) {
     const std::string target = "[::1]:" + std::to_string(echo.Port());
     ASSERT_TRUE(swg_test::WriteAll(client.Get(), ConnectRequest(target) + "ping", 5s));
     std::string reply;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), kConnected.size() + kVia.size() + 6, reply, 5s));
+    ASSERT_TRUE(
+        swg_test::ReadExactly(client.Get(), kConnected.size() + kVia.size() + 6, reply, 5s));
     EXPECT_EQ(reply, kConnected + kVia + "\r\nping");
     EXPECT_TRUE(LogHas("CONNECT " + target));
 }
@@ -265,7 +269,8 @@ TEST_F(TestGatewayTest, LicenceHeaderIsDecodedAndLogged) {
     ASSERT_NO_FATAL_FAILURE(StartGateway({"--key", kPrivateKey}));
     const std::string target = "127.0.0.1:" + std::to_string(echo.Port());
     UniqueFd client = Client();
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), ConnectRequest(target, LicenceLines("198.18.0.2")), 5s));
+    ASSERT_TRUE(
+        swg_test::WriteAll(client.Get(), ConnectRequest(target, LicenceLines("198.18.0.2")), 5s));
     std::string reply;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), kConnected.size(), reply, 5s));
     EXPECT_EQ(reply, kConnected);
@@ -320,8 +325,8 @@ TEST_F(TestGatewayTest, HttpRequestIsForwardedWithoutLicenceLines) {
                                 "\r\nAccept: */*\r\n" + LicenceLines() + "\r\n";
     const std::string reply = Exchange(request);
     EXPECT_EQ(reply, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
-    EXPECT_EQ(origin.Received(), "GET /index.html?token=secret HTTP/1.1\r\nHost: " + host +
-                                     "\r\nAccept: */*\r\n\r\n");
+    EXPECT_EQ(origin.Received(),
+              "GET /index.html?token=secret HTTP/1.1\r\nHost: " + host + "\r\nAccept: */*\r\n\r\n");
     EXPECT_TRUE(LogHas("HTTP GET " + host + "/index.html"));
     EXPECT_EQ(swg_test::CountLinesWith(LogPath(), "secret"), 0);
     EXPECT_TRUE(LogHas("licence ok org=org-4711"));
@@ -341,7 +346,8 @@ TEST_P(TestGatewayStatusTest, StatusFaultAnswersWithHtmlBody) {
     const std::size_t bodyAt = reply.find("\r\n\r\n");
     ASSERT_NE(bodyAt, std::string::npos);
     const std::string body = reply.substr(bodyAt + 4);
-    EXPECT_NE(reply.find("Content-Length: " + std::to_string(body.size()) + "\r\n"), std::string::npos)
+    EXPECT_NE(reply.find("Content-Length: " + std::to_string(body.size()) + "\r\n"),
+              std::string::npos)
         << reply;
     EXPECT_EQ(body.rfind("<html>", 0), 0u) << body;
     EXPECT_EQ(reply.find("Proxy-Authenticate: Basic") != std::string::npos, status == 407) << reply;
@@ -471,7 +477,8 @@ TEST_P(TestGatewayStopTest, SignalEndsOpenTunnelsAndExitsCleanly) {
     std::ofstream(control) << "slow.test:* slow=600000 status=403\n";
     ASSERT_NO_FATAL_FAILURE(StartGateway({"--control", control}));
     UniqueFd tunnel = Client();
-    ASSERT_TRUE(swg_test::WriteAll(tunnel.Get(), ConnectRequest("127.0.0.1:" + std::to_string(echo.Port())), 5s));
+    ASSERT_TRUE(swg_test::WriteAll(tunnel.Get(),
+                                   ConnectRequest("127.0.0.1:" + std::to_string(echo.Port())), 5s));
     std::string reply;
     ASSERT_TRUE(swg_test::ReadExactly(tunnel.Get(), kConnected.size(), reply, 5s));
     UniqueFd slowed = Client();
