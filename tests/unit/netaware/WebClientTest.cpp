@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -345,26 +346,42 @@ TEST(WebClientHeaderValueTest, FindsHeaderInAnyCaseAndGivesLowerCaseValue) {
     EXPECT_EQ(CWebClient::GetHeaderValue("Via: 1.1 e_proxy_2", "via:"), "1.1 e_proxy_2");
 }
 
-// The short form goes to port 80 of the URL's host. Port 80 on loopback is shared with the
-// rest of the machine, so the server lives in a network namespace of this test's own.
-TEST(WebClientNamespaceTest, ShortFormFetchesFromPort80OfTheUrlHost) {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root for a network namespace";
-    std::string skipReason;
-    Download d;
-    std::string request;
+// Runs `body` on a thread of its own inside a new network namespace with only loopback, up.
+// Returns why that could not be done, or "" when `body` ran.
+std::string RunInOwnNetworkNamespace(const std::function<void()>& body) {
+    if (::geteuid() != 0) return "needs root for a network namespace";
+    std::string failure;
     std::thread inNamespace([&] {
         // Only this thread enters the new namespace; the test's other threads stay out.
         if (::unshare(CLONE_NEWNET) != 0) {
-            skipReason = std::string("unshare: ") + std::strerror(errno);
+            failure = std::string("unshare: ") + std::strerror(errno);
             return;
         }
         swg_test::UniqueFd control(::socket(AF_INET, SOCK_DGRAM, 0));
         ifreq lo{};
         std::strncpy(lo.ifr_name, "lo", IFNAMSIZ - 1);
-        if (::ioctl(control.Get(), SIOCGIFFLAGS, &lo) != 0) return;
+        if (::ioctl(control.Get(), SIOCGIFFLAGS, &lo) != 0) {
+            failure = "cannot read the flags of lo";
+            return;
+        }
         lo.ifr_flags = static_cast<short>(lo.ifr_flags | IFF_UP);
-        if (::ioctl(control.Get(), SIOCSIFFLAGS, &lo) != 0) return;
+        if (::ioctl(control.Get(), SIOCSIFFLAGS, &lo) != 0) {
+            failure = "cannot bring lo up";
+            return;
+        }
+        body();
+    });
+    inNamespace.join();
+    return failure;
+}
 
+// The short form goes to port 80 of the URL's host. Port 80 on loopback is shared with the
+// rest of the machine, so the server lives in a network namespace of this test's own.
+TEST(WebClientNamespaceTest, ShortFormFetchesFromPort80OfTheUrlHost) {
+    Download d;
+    std::string request;
+    bool listening = false;
+    const std::string skip = RunInOwnNetworkNamespace([&] {
         swg_test::UniqueFd listener(::socket(AF_INET, SOCK_STREAM, 0));
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -373,18 +390,33 @@ TEST(WebClientNamespaceTest, ShortFormFetchesFromPort80OfTheUrlHost) {
         if (::bind(listener.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
             ::listen(listener.Get(), 4) != 0)
             return;
+        listening = true;
         ScriptedHttpServer server(std::move(listener), "HTTP/1.1 204 No Content\r\n\r\n",
                                   After::Close);
         d.result = CWebClient::DownloadHTTPURL("http://127.0.0.1/generate_204", d.headers,
                                                d.body, 2, AF_INET);
         request = server.Request();
     });
-    inNamespace.join();
-    if (!skipReason.empty()) GTEST_SKIP() << skipReason;
+    if (!skip.empty()) GTEST_SKIP() << skip;
+    ASSERT_TRUE(listening);
     EXPECT_EQ(d.result, 0);
     EXPECT_EQ(d.headers, "HTTP/1.1 204 No Content\r\n\r\n");
     EXPECT_EQ(request,
               "GET /generate_204 HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+}
+
+// A name the resolver cannot answer fails the connect with the resolver's reason. The
+// namespace has no route out, so the query never leaves this host.
+TEST(WebClientNamespaceTest, UnresolvableNameFailsBeforeAnySocket) {
+    long result = 0;
+    const std::string skip = RunInOwnNetworkNamespace([&] {
+        CWebClient client;
+        result = client.Connect("no-such-host.invalid", 80, 1, AF_INET);
+        EXPECT_EQ(client.ReceiveData(nullptr, 0), -1);  // no socket was kept
+    });
+    if (!skip.empty()) GTEST_SKIP() << skip;
+    EXPECT_NE(result, 0);
+    EXPECT_NE(result, SWG_E_POINTER);
 }
 
 }  // namespace
