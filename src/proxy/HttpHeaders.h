@@ -30,9 +30,9 @@ public:
     // when a read failed), 1 when `exit` was seen first, or 0x80004003 for a null socket.
     // Blocks until the block ends, the peer closes or the socket is closed under it.
     [[nodiscard]] long Read(CDnVSocket* socket, const std::atomic<bool>& exit, int limit);
-    // Sends the lines and the ending CRLF in one SendComplete, with `exit` as its stop (the
-    // lines already joined when `exit` is seen go out). Returns 0, -1 when the send failed,
-    // or 0x80070057 for a null socket or a block not marked complete.
+    // Sends the lines and the ending CRLF in one SendComplete, with `exit` as its stop, so
+    // nothing goes out once `exit` is set. Returns 0 (also when stopped), -1 when the send
+    // failed, or 0x80070057 for a null socket or a block not marked complete.
     [[nodiscard]] long Write(CDnVSocket* socket, const std::atomic<bool>& exit);
     // The value of the first header `name` (any case), trimmed of spaces, tabs, CR and LF;
     // empty when there is none.
