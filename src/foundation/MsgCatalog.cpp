@@ -2,10 +2,9 @@
 // MsgCatalog: the language of the service's environment and lookups in its catalogue.
 #include "foundation/MsgCatalog.h"
 
+#include <boost/thread/lock_guard.hpp>
 #include <clocale>
 #include <cstdlib>
-
-#include <boost/thread/lock_guard.hpp>
 
 #include "foundation/Gettext.h"
 #include "foundation/GlobalUtils.h"

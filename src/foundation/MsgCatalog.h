@@ -2,9 +2,8 @@
 // MsgCatalog: translated texts for the pages the agent sends to a browser.
 #pragma once
 
-#include <string>
-
 #include <boost/thread/recursive_mutex.hpp>
+#include <string>
 
 // Looks texts up in the catalogue "<data>/trevo/trevoclient/l10n/<language>/LC_MESSAGES/
 // Linkmantle.mo", where <data> is GetAllUsersAppDataPath() and the language comes from the

@@ -8,11 +8,12 @@
 
 class CDnVSocket;
 
-// The header lines SendHeader can write; the value is placed as shown.
+// The header lines SendHeader can write; the value is placed as shown. The colon after
+// CONNECT belongs to the format.
 enum eHTTP_METHOD_TYPE {
     HTTP_METHOD_GET = 1,            // "GET /" + value + " HTTP/1.1\r\n"
     HTTP_METHOD_HOST = 2,           // "Host: " + value + "\r\n"
-    HTTP_METHOD_CONNECT = 3,        // "CONNECT: " + value + " HTTP/1.1\r\n" (the colon is part of it)
+    HTTP_METHOD_CONNECT = 3,        // "CONNECT: " + value + " HTTP/1.1\r\n"
     HTTP_METHOD_IF_NONE_MATCH = 4,  // "If-None-Match: " + value + "\r\n"
 };
 
@@ -99,5 +100,5 @@ protected:
     std::unique_ptr<CDnVSocket> m_pSocket;  // null until connected
     uintptr_t m_ipv4Address = 0;            // network byte order
     uint8_t m_ipv6Address[16] = {};
-    uint16_t m_port = 0;                    // host byte order
+    uint16_t m_port = 0;  // host byte order
 };

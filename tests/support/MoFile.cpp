@@ -5,9 +5,8 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <fstream>
-
 #include <boost/filesystem.hpp>
+#include <fstream>
 
 namespace swg_test {
 
@@ -53,7 +52,7 @@ std::string BuildMoFile(std::vector<MoEntry> entries, const MoOptions& options) 
     PutWord(file, count, options.bigEndian);
     PutWord(file, originalsAt, options.bigEndian);
     PutWord(file, translationsAt, options.bigEndian);
-    PutWord(file, 0, options.bigEndian);         // hash table size
+    PutWord(file, 0, options.bigEndian);          // hash table size
     PutWord(file, stringsAt, options.bigEndian);  // hash table offset (no table)
     return file + originals + translations + strings;
 }

@@ -14,10 +14,10 @@ struct MoEntry {
 };
 
 struct MoOptions {
-    bool bigEndian = false;        // byte order of every 32-bit word, the magic included
-    uint32_t magic = 0x950412DE;   // as the writer means it, before byte order
+    bool bigEndian = false;       // byte order of every 32-bit word, the magic included
+    uint32_t magic = 0x950412DE;  // as the writer means it, before byte order
     uint32_t revision = 0;
-    bool sortOriginals = true;     // false keeps the given order (an unsorted, broken table)
+    bool sortOriginals = true;  // false keeps the given order (an unsorted, broken table)
 };
 
 // A complete .mo file: header, both descriptor tables, no hash table, then the strings,

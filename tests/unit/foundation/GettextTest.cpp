@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The tsc_ gettext functions over .mo catalogues that the tests write themselves.
-#include "foundation/Gettext.h"
-
 #include <gtest/gtest.h>
 
 #include <clocale>
@@ -9,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "foundation/Gettext.h"
 #include "support/MoFile.h"
 
 namespace {
@@ -99,7 +98,7 @@ TEST_P(GettextByteOrderTest, BinarySearchFindsEveryEntryOfALargeTableAndNothingE
 INSTANTIATE_TEST_SUITE_P(ByteOrders, GettextByteOrderTest, ::testing::Values(false, true),
                          [](const ::testing::TestParamInfo<bool>& param) {
                              return param.param ? std::string("BigEndian")
-                                               : std::string("LittleEndian");
+                                                : std::string("LittleEndian");
                          });
 
 // A file of another kind, or of a later revision, must be passed over, not misread.
@@ -185,8 +184,7 @@ TEST_F(GettextTest, NoLookupWithoutLanguageOrWithInvalidCategory) {
     EXPECT_EQ(std::string(tsc_dcgettext(kDomain, "Unknown", LC_ALL, "de")), "Unknown");
     EXPECT_EQ(std::string(tsc_dcgettext(kDomain, "Unknown", 99, "de")), "Unknown");
     EXPECT_EQ(tsc_gettextl(nullptr, "de"), nullptr);
-    EXPECT_EQ(std::string(tsc_dngettext(kDomain, "one file", "%d files", 2, nullptr)),
-              "%d files");
+    EXPECT_EQ(std::string(tsc_dngettext(kDomain, "one file", "%d files", 2, nullptr)), "%d files");
 }
 
 // Domains: a rebinding to another folder must drop the catalogue mapped from the old one,

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// MsgCatalog: language from the environment, catalogue under the data path, the shipped German texts.
-#include "foundation/MsgCatalog.h"
-
+// MsgCatalog: language from the environment, catalogue under the data path, the shipped German
+// texts.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "ThreadTestSupport.h"
+#include "foundation/MsgCatalog.h"
 #include "support/MoFile.h"
 
 namespace {
@@ -54,10 +54,10 @@ protected:
     std::string LocaleDir() const { return m_data.Path() + "/trevo/trevoclient/l10n"; }
 
     void WriteGerman(const std::string& language) {
-        ASSERT_TRUE(swg_test::WriteCatalogue(
-            LocaleDir(), language, "Linkmantle",
-            BuildMoFile({{"", "Content-Type: text/plain; charset=UTF-8\n"},
-                         {"Connection Failure", "Verbindungsfehler"}})));
+        ASSERT_TRUE(
+            swg_test::WriteCatalogue(LocaleDir(), language, "Linkmantle",
+                                     BuildMoFile({{"", "Content-Type: text/plain; charset=UTF-8\n"},
+                                                  {"Connection Failure", "Verbindungsfehler"}})));
     }
 
     static std::string Message(const char* key) {
@@ -166,8 +166,8 @@ TEST_F(MsgCatalogTest, SetCatalogChecksTheCharsetOfTheMappedCatalogue) {
     ScopedEnvironment::Set("LANG", "de_DE");
     ASSERT_TRUE(swg_test::WriteCatalogue(
         LocaleDir(), "de", "Linkmantle",
-        BuildMoFile({{"", "Content-Type: text/plain; charset=ISO-8859-1\n"},
-                     {"Unknown", "Unbekannt"}})));
+        BuildMoFile(
+            {{"", "Content-Type: text/plain; charset=ISO-8859-1\n"}, {"Unknown", "Unbekannt"}})));
     ASSERT_TRUE(swg_test::WriteCatalogue(
         LocaleDir(), "de", "Other",
         BuildMoFile({{"", "Content-Type: text/plain; charset=UTF-8\n"}, {"Unknown", "x"}})));

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// CWebClient against scripted HTTP servers on loopback port 0 (and port 80 in a namespace of its own).
-#include "netaware/WebClient.h"
-
+// CWebClient against scripted HTTP servers on loopback port 0 (and port 80 in a namespace of its
+// own).
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -21,6 +20,7 @@
 
 #include "foundation/GlobalConst.h"
 #include "foundation/GlobalUtils.h"
+#include "netaware/WebClient.h"
 #include "platform/SocketMark.h"
 #include "proxy/VSocket.h"
 #include "support/ScriptedHttpServer.h"
@@ -107,14 +107,13 @@ TEST_P(WebClientStatusTest, AnyStatusIsReturnedAsReceivedWithoutFollowing) {
 
 INSTANTIATE_TEST_SUITE_P(
     Replies, WebClientStatusTest,
-    ::testing::Values(
-        StatusCase{"HTTP/1.1 204 No Content\r\n\r\n", 204, ""},
-        StatusCase{"HTTP/1.1 302 Found\r\nLocation: http://portal.example/login\r\n"
-                   "Content-Length: 0\r\n\r\n",
-                   302, ""},
-        StatusCase{"HTTP/1.1 404 Not Found\r\nContent-Length: 9\r\n\r\nnot found", 404,
-                   "not found"},
-        StatusCase{"HTTP/1.0 500 Internal Server Error\r\n\r\noops", 500, "oops"}));
+    ::testing::Values(StatusCase{"HTTP/1.1 204 No Content\r\n\r\n", 204, ""},
+                      StatusCase{"HTTP/1.1 302 Found\r\nLocation: http://portal.example/login\r\n"
+                                 "Content-Length: 0\r\n\r\n",
+                                 302, ""},
+                      StatusCase{"HTTP/1.1 404 Not Found\r\nContent-Length: 9\r\n\r\nnot found",
+                                 404, "not found"},
+                      StatusCase{"HTTP/1.0 500 Internal Server Error\r\n\r\noops", 500, "oops"}));
 
 // A chunked body is handed over as it came, chunk sizes included.
 TEST_F(WebClientTest, ChunkedBodyIsNotDecoded) {
@@ -189,9 +188,9 @@ TEST_F(WebClientTest, RefusedConnectionFailsAtConnectOrAtSend) {
     EXPECT_EQ(CWebClient::DownloadHTTPURL("http://127.0.0.1/", false, "", port, headers, body, -1,
                                           AF_INET),
               ECONNREFUSED);
-    EXPECT_EQ(m_trace.Count(ERR, "WebClient : Failed to Connect. Error: " +
-                                     std::to_string(ECONNREFUSED)),
-              1);
+    EXPECT_EQ(
+        m_trace.Count(ERR, "WebClient : Failed to Connect. Error: " + std::to_string(ECONNREFUSED)),
+        1);
 
     EXPECT_EQ(CWebClient::DownloadHTTPURL("http://127.0.0.1/", false, "", port, headers, body, 2,
                                           AF_INET),
@@ -260,9 +259,9 @@ TEST_F(WebClientTest, ConnectByNameLiteralAndAddress) {
     {
         ScriptedHttpServer server(AF_INET, "", After::Close);
         CWebClient client;
-        EXPECT_EQ(client.Connect(static_cast<unsigned long>(::inet_addr("127.0.0.1")),
-                                 server.Port(), 2),
-                  0);
+        EXPECT_EQ(
+            client.Connect(static_cast<unsigned long>(::inet_addr("127.0.0.1")), server.Port(), 2),
+            0);
     }
     CWebClient client;
     EXPECT_EQ(client.Connect(nullptr, 80, 2, AF_INET), SWG_E_INVALIDARG);
@@ -393,8 +392,8 @@ TEST(WebClientNamespaceTest, ShortFormFetchesFromPort80OfTheUrlHost) {
         listening = true;
         ScriptedHttpServer server(std::move(listener), "HTTP/1.1 204 No Content\r\n\r\n",
                                   After::Close);
-        d.result = CWebClient::DownloadHTTPURL("http://127.0.0.1/generate_204", d.headers,
-                                               d.body, 2, AF_INET);
+        d.result = CWebClient::DownloadHTTPURL("http://127.0.0.1/generate_204", d.headers, d.body,
+                                               2, AF_INET);
         request = server.Request();
     });
     if (!skip.empty()) GTEST_SKIP() << skip;

@@ -1,21 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // CDnHttpHeaders over real sockets: split reads, bare newlines, the body behind the block, exit.
-#include "proxy/HttpHeaders.h"
-
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <atomic>
+#include <boost/function.hpp>
 #include <chrono>
 #include <future>
 #include <memory>
 #include <string>
 #include <thread>
 
-#include <boost/function.hpp>
-
 #include "foundation/GlobalConst.h"
 #include "proxy/DnSocket.h"
+#include "proxy/HttpHeaders.h"
 #include "proxy/SocketPair.h"
 #include "support/SocketPeers.h"
 
@@ -109,9 +107,8 @@ TEST_F(HttpHeadersTest, SecondHostIsIgnoredByHeaderValueButWrittenOut) {
     EXPECT_EQ(m_headers.HeaderValue("Hos"), "");  // a name, not a prefix of one
     EXPECT_EQ(m_headers.HeaderValue("Cookie"), "");
 
-    auto second = m_headers.LeftFind("HOST:", std::next(m_headers.LeftFind(
-                                                  "host:", m_headers.m_lines.begin(), false)),
-                                     false);
+    auto second = m_headers.LeftFind(
+        "HOST:", std::next(m_headers.LeftFind("host:", m_headers.m_lines.begin(), false)), false);
     ASSERT_NE(second, m_headers.m_lines.end());
     EXPECT_EQ(*second, "host: second.example\r\n");
 
@@ -209,8 +206,8 @@ TEST_F(HttpHeadersTest, BodyBehindTheBlockReachesTheRelayFirst) {
 // Large cookies make blocks longer than the limit callers pass; the block must be read whole.
 TEST_F(HttpHeadersTest, LimitDoesNotCutALargeBlock) {
     std::string block = "GET / HTTP/1.1\r\n";
-    for (int i = 0; i < 100; ++i) block += "Cookie: c" + std::to_string(i) + "=" +
-                                           std::string(1000, 'v') + "\r\n";
+    for (int i = 0; i < 100; ++i)
+        block += "Cookie: c" + std::to_string(i) + "=" + std::string(1000, 'v') + "\r\n";
     block += "\r\n";
     std::thread client([&] { EXPECT_TRUE(swg_test::WriteAll(m_peer.Get(), block, 5s)); });
     const long result = m_headers.Read(m_sock.get(), m_exit, 64000);
