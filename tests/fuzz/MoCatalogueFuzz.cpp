@@ -2,10 +2,12 @@
 // Fuzz target: the .mo catalogue reader, given any bytes as the catalogue of one language.
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -22,6 +24,16 @@ const std::string& Folder() {
         ::mkdir((made + "/xx/LC_MESSAGES").c_str(), 0700);
         return made;
     }();
+    static const bool cleanupRegistered = [] {
+        std::atexit([] {
+            ::unlink((folder + "/xx/LC_MESSAGES/Fuzz.mo").c_str());
+            ::rmdir((folder + "/xx/LC_MESSAGES").c_str());
+            ::rmdir((folder + "/xx").c_str());
+            ::rmdir(folder.c_str());
+        });
+        return true;
+    }();
+    (void)cleanupRegistered;
     return folder;
 }
 
