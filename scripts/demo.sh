@@ -44,7 +44,7 @@ step() { printf '\n==== %s\n' "$*"; }
 step "Installing packages and building (release)"
 ./scripts/install-deps.sh
 cmake --preset release >/dev/null
-cmake --build --preset release --target tsc_swgagent swg-test-gateway swg_catalogues
+cmake --build --preset release --target tsc_swgagent swg-test-gateway swg_catalogs
 bin="$root/build/release"
 agent="$bin/src/tsc_swgagent"
 gateway="$bin/tools/test-gateway/swg-test-gateway"

@@ -6,12 +6,12 @@
 #include "foundation/GlobalUtils.h"
 #include "foundation/Trace.h"
 #include "proxy/VSocket.h"
+#include "upstream/LicenceHeader.h"
 
 namespace {
 
 // The two header names of the licence header component, which the agent adds itself.
-// TODO(lead): take both from upstream/LicenceHeader.h once that component lands.
-constexpr const char* kReservedHeaderNames[] = {"X-SWG-Licence-Id", "X-SWG-Licence"};
+constexpr const char* kReservedHeaderNames[] = {kLicenceKeyIdHeader, kLicencePayloadHeader};
 
 constexpr char kCrlf[] = "\r\n";
 
