@@ -109,7 +109,8 @@ public:
     // stamps the IPv4 list now. Any thread (m_cacheLock).
     void CacheResolvedIPList(const std::string& host, const std::vector<unsigned int>& addresses);
     // The same for the IPv6 list.
-    void CacheResolvedIPV6List(const std::string& host, const std::vector<unsigned char>& addresses);
+    void CacheResolvedIPV6List(const std::string& host,
+                               const std::vector<unsigned char>& addresses);
     // Empties the redirector's own name cache, if there is a redirector; logs the outcome.
     void sendClearDNSCacheCommand();
     // The clock of the cache stamps (null: the system clock); must outlive its use. For tests.
