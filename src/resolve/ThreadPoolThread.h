@@ -51,14 +51,16 @@ public:
 
     using CDnThread::Wait;
 
-    // Under the lock: Kill every idle worker, every active one, then the timer. True when all
-    // said true. Does not wait.
+    // Tells the timer to stop, then under the lock Kills every idle and every active worker.
+    // True when all said true. Does not wait.
     bool Kill() override {
+        // The timer's exit event goes first: a GetThread(true) holds the lock while it waits,
+        // and that event is what ends its wait and lets go of the lock.
+        bool all = CDnTimerThread::Kill();
         Holder hold(m_lock);
-        bool all = true;
         for (T* worker : m_idle) all = worker->Kill() && all;
         for (T* worker : m_active) all = worker->Kill() && all;
-        return CDnTimerThread::Kill() && all;
+        return all;
     }
     // Joins every idle and active worker under the lock, then the timer without it. Blocks for
     // as long as a worker's lookup takes. Returns 0.
