@@ -1,18 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // The lookup service on the C library's own resolver, in private mount and network namespaces.
 //
-// A forked child unshares its mount and network namespaces, bind-mounts its own hosts,
-// resolv.conf and nsswitch.conf over those in /etc, brings up its private loopback and binds a
-// name server on 127.0.0.1:53 that never answers. Names in the hosts file resolve from the file;
-// any other name goes to that silent server and nowhere else: the namespace has no other
-// interface. Checks run in the child and their failures come back over a pipe.
-#include <dirent.h>
+// A child process (this test binary, started again for this one test) unshares its mount and
+// network namespaces, bind-mounts its own hosts, resolv.conf and nsswitch.conf over those in /etc,
+// brings up its private loopback and binds a name server on 127.0.0.1:53 that never answers. Names
+// in the hosts file resolve from the file; any other name goes to that silent server and nowhere
+// else: the namespace has no other interface. Checks run in the child and their failures come back
+// over a pipe.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
+#include <spawn.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -37,6 +39,9 @@ using swg_test::Ipv4;
 using swg_test::Ipv6;
 
 constexpr int kChildSkipped = 77;
+// Set in the child's environment: the folder of its files, and the descriptor of the pipe.
+const char kChildDirVariable[] = "SWG_RESOLVE_NAMESPACE_DIR";
+const char kChildPipeVariable[] = "SWG_RESOLVE_NAMESPACE_PIPE";
 constexpr unsigned int kChildAlarmSeconds = 60;
 
 const char kHosts[] =
@@ -54,17 +59,6 @@ const char kSlowName[] = "slow.swg.test";
 const char kSlowQname[] = "\x04slow\x03swg\x04test";
 
 std::string Errno(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
-
-int ThreadCount() {
-    int count = 0;
-    if (DIR* tasks = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(tasks)) {
-            if (entry->d_name[0] != '.') ++count;
-        }
-        closedir(tasks);
-    }
-    return count;
-}
 
 // Failures of the checks in the child, one per line.
 class ChildChecks {
@@ -240,6 +234,7 @@ void WriteFile(const std::string& path, const char* text) {
 class SystemResolverTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        if (getenv(kChildDirVariable) != nullptr) return;  // the child uses its parent's folder
         char pattern[] = "/tmp/swg-resolve-XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         dir = pattern;
@@ -248,6 +243,7 @@ protected:
         WriteFile(dir + "/nsswitch.conf", kNsswitch);
     }
     void TearDown() override {
+        if (dir.empty()) return;
         for (const char* name : {"/hosts", "/resolv.conf", "/nsswitch.conf"}) {
             unlink((dir + name).c_str());
         }
@@ -257,23 +253,52 @@ protected:
     std::string dir;
 };
 
+// Starts this binary again, running only the current test, as the namespace child. A fresh
+// process rather than a plain fork: the child starts threads, which is not safe after forking a
+// process that has threads of its own (as the sanitizers' runtimes do).
+pid_t SpawnChild(const std::string& dir, int pipeWrite, int pipeRead) {
+    const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter =
+        std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
+    std::vector<std::string> environment;
+    for (char** entry = environ; *entry != nullptr; ++entry) environment.emplace_back(*entry);
+    environment.push_back(std::string(kChildDirVariable) + "=" + dir);
+    environment.push_back(std::string(kChildPipeVariable) + "=" + std::to_string(pipeWrite));
+    std::vector<char*> envp;
+    for (std::string& entry : environment) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    std::string program = "/proc/self/exe";
+    std::vector<char*> argv = {program.data(), const_cast<char*>(filter.c_str()), nullptr};
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addclose(&actions, pipeRead);
+    // The child's own test report would only repeat what comes back over the pipe.
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t child = -1;
+    if (posix_spawn(&child, program.c_str(), &actions, nullptr, argv.data(), envp.data()) != 0) {
+        child = -1;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    return child;
+}
+
 // Guards the real path end to end: names from a hosts file resolve forward and back through
 // getaddrinfo and getnameinfo on the pool, and a name the resolver cannot answer in time gives
 // 60 while its worker waits out the resolver.
 TEST_F(SystemResolverTest, HostsFileNamesResolveAndUnansweredNameTimesOut) {
+    if (const char* childDir = getenv(kChildDirVariable)) {
+        const char* pipeText = getenv(kChildPipeVariable);
+        _exit(RunChild(childDir, pipeText != nullptr ? atoi(pipeText) : -1));
+    }
     if (geteuid() != 0) GTEST_SKIP() << "needs root to create mount and network namespaces";
-    // The child starts threads; after fork that is safe only if this process has just one.
-    ASSERT_EQ(ThreadCount(), 1) << "a thread of an earlier test is still running";
 
     int pipeEnds[2];
     ASSERT_EQ(pipe(pipeEnds), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        close(pipeEnds[0]);
-        _exit(RunChild(dir, pipeEnds[1]));
-    }
+    const pid_t child = SpawnChild(dir, pipeEnds[1], pipeEnds[0]);
     close(pipeEnds[1]);
+    if (child < 0) close(pipeEnds[0]);
+    ASSERT_GT(child, 0) << "cannot start the child";
     std::string report;
     char chunk[256];
     ssize_t length = 0;
