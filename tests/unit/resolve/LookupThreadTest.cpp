@@ -229,22 +229,6 @@ TEST_F(LookupThreadTest, WorkerReleasedMidLookupTurnsIdleOnlyAfterTheCallReturns
     Release();
 }
 
-// Guards the timeout path: a new job must not show the error of the job before it while its
-// own lookup is still running, or a timed-out lookup would report a stale failure.
-TEST_F(LookupThreadTest, NewJobClearsThePreviousError) {
-    ASSERT_EQ(worker.Start(done, std::string("missing.swg.test"), false), 0);
-    AwaitResult();
-    ASSERT_EQ(worker.GetLastError(), EAI_NONAME);
-    Release();
-
-    resolver.CloseGate();
-    ASSERT_EQ(worker.Start(done, std::string("missing.swg.test"), false), 0);
-    ASSERT_TRUE(resolver.WaitHeld(1));
-    EXPECT_EQ(worker.GetLastError(), 0);
-    EXPECT_FALSE(worker.ResultEvent().is_signal_all()) << "result event left from the last job";
-    worker.SetIdle();
-}
-
 // Guards shutdown: a worker held with results (its caller never let go) ends on Kill.
 TEST_F(LookupThreadTest, KillEndsAWorkerThatHoldsResults) {
     resolver.SetAddresses("gw.swg.test", {"198.18.0.10"});
