@@ -57,13 +57,18 @@ protected:
         EXPECT_TRUE(pool->Initialize());
         return pool;
     }
-    // One finished job on `worker`, handed back as its caller would.
-    void RunJob(Pool& pool, CDnLookupThread* worker) {
+    // One finished job on `worker`, handed back as its caller would; the worker is not touched
+    // after SetIdle (a running timer may trim it from then on).
+    void HandBack(Pool& pool, CDnLookupThread* worker) {
         ASSERT_NE(worker, nullptr);
         ASSERT_EQ(worker->Start(pool.PoolEvent(), std::string("gw.swg.test"), true), 0);
         condition_event* result[1] = {&worker->ResultEvent()};
         ASSERT_EQ(condition_event_group::WaitForMultipleObjects(1, result, false, kGuardMs), 0);
         worker->SetIdle();
+    }
+    // As HandBack, then waits until the worker has turned idle. Only without a running timer.
+    void RunJob(Pool& pool, CDnLookupThread* worker) {
+        HandBack(pool, worker);
         ASSERT_TRUE(WaitUntil([&] { return worker->work_state == CDnEventThread::kIdle; }));
     }
     static std::size_t Total(Pool& pool) { return pool.IdleCount() + pool.ActiveCount(); }
@@ -154,7 +159,7 @@ TEST_F(ThreadPoolThreadTest, RunningTimerShrinksThePoolAfterABurst) {
     ASSERT_EQ(pool->StartThread(), 0);
     std::vector<CDnLookupThread*> workers;
     for (int i = 0; i < 4; ++i) workers.push_back(pool->GetThread(false, nullptr));
-    for (CDnLookupThread* worker : workers) RunJob(*pool, worker);
+    for (CDnLookupThread* worker : workers) HandBack(*pool, worker);
     EXPECT_TRUE(WaitUntil([&] { return Total(*pool) == 1; }));
     pool->Kill();
     pool->Wait();
@@ -254,7 +259,7 @@ TEST_F(ThreadPoolThreadTest, DeinitializeDestroysWorkersAndSetsReuseValues) {
     resolver.SetAddresses("gw.swg.test", {"198.18.0.10"});
     auto pool = MakePool(3, 7, 5000);
     ASSERT_EQ(pool->StartThread(), 0);
-    RunJob(*pool, pool->GetThread(false, nullptr));
+    HandBack(*pool, pool->GetThread(false, nullptr));
     ASSERT_NE(pool->GetThread(false, nullptr), nullptr);
     pool->Kill();
     pool->Wait();
@@ -267,7 +272,7 @@ TEST_F(ThreadPoolThreadTest, DeinitializeDestroysWorkersAndSetsReuseValues) {
 
     ASSERT_TRUE(pool->Initialize());
     ASSERT_EQ(pool->StartThread(), 0);
-    RunJob(*pool, pool->GetThread(false, nullptr));
+    HandBack(*pool, pool->GetThread(false, nullptr));
 }
 
 }  // namespace
