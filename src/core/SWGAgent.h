@@ -20,6 +20,7 @@ class ISocketRedirectorApi;
 class CServerSideCommunicator;
 class CServiceStats;
 class IHashManager;
+class IClock;
 
 // Run state of the service and, separately, of the redirector. 0 is not used.
 enum AgentRunState : int32_t {
@@ -93,6 +94,27 @@ public:
     void OnKdfDisruption() override;
     void OnPlannedKdfDisruptionStart(PlannedDisruption what) override;
     void OnPlannedKdfDisruptionComplete(PlannedDisruption what) override;
+    // Asks the redirector to empty its own name cache; the caller holds m_redirectorLock and
+    // has checked the handle. True when ClearDnsCache returned 0.
+    bool ClearRedirectorDnsCache();
+
+    // ---- name resolution -------------------------------------------------------------
+    // The cached IPv4 addresses (network order) of `host`, or an empty list when `host` is not
+    // the cached host or the list is 31 seconds old or more; a miss empties the IPv4 list.
+    // Any thread (m_cacheLock).
+    std::vector<unsigned int> GetCachedResolvedIPList(const std::string& host);
+    // The same for the IPv6 list (16 bytes per address, end to end).
+    std::vector<unsigned char> GetCachedResolvedIPv6List(const std::string& host);
+    // Stores `addresses` as the IPv4 list, makes `host` the cached host of both lists and
+    // stamps the IPv4 list now. Any thread (m_cacheLock).
+    void CacheResolvedIPList(const std::string& host, const std::vector<unsigned int>& addresses);
+    // The same for the IPv6 list.
+    void CacheResolvedIPV6List(const std::string& host,
+                               const std::vector<unsigned char>& addresses);
+    // Empties the redirector's own name cache, if there is a redirector; logs the outcome.
+    void sendClearDNSCacheCommand();
+    // The clock of the cache stamps (null: the system clock); must outlive its use. For tests.
+    void SetCacheClock(IClock* clock);
 
     // ---- network awareness -----------------------------------------------------------
     // Looks at the interfaces; 0 or 2 when something changed that matters.
@@ -168,6 +190,7 @@ public:
     boost::posix_time::ptime m_resolvedIPv6Time;
     boost::posix_time::ptime m_resolvedIPv4Time;
     std::string resolved_host;
+    IClock* m_pCacheClock = nullptr;  // null: SystemClock()
 
     // Best interface names and addresses.
     std::string m_bestInterfaceV4;

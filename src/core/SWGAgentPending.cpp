@@ -21,6 +21,8 @@ bool CSWGAgent::RestartKDF(unsigned char /*reason*/) { return true; }
 void CSWGAgent::OnKdfDisruption() {}
 void CSWGAgent::OnPlannedKdfDisruptionStart(PlannedDisruption /*what*/) {}
 void CSWGAgent::OnPlannedKdfDisruptionComplete(PlannedDisruption /*what*/) {}
+// TODO(lead): call ClearDnsCache on the redirector handle; without one nothing is cleared.
+bool CSWGAgent::ClearRedirectorDnsCache() { return false; }
 
 // TODO(lead): listeners; until they land no connection is accepted.
 bool CSWGAgent::CreateListeners(long& error) {

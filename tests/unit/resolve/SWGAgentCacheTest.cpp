@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+// Tests of the agent's one-host address caches and the redirector's name-cache command.
+#include <gtest/gtest.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <string>
+#include <vector>
+
+#include "FakeAddressResolver.h"
+#include "core/SWGAgent.h"
+#include "unit/foundation/ThreadTestSupport.h"
+
+namespace {
+
+using boost::posix_time::milliseconds;
+using boost::posix_time::seconds;
+using swg_test::FakeClock;
+using swg_test::Ipv4;
+
+const std::vector<unsigned int> kHostA4 = {Ipv4("198.18.0.10"), Ipv4("198.18.0.11")};
+const std::vector<unsigned int> kHostB4 = {Ipv4("198.18.0.20")};
+const std::vector<unsigned char> kHostA6 = swg_test::Ipv6("2001:db8::10");
+const std::vector<unsigned char> kHostB6 = swg_test::Ipv6("2001:db8::20");
+
+class SWGAgentCacheTest : public ::testing::Test {
+protected:
+    SWGAgentCacheTest() : start(clock.UniversalTime()) { agent.SetCacheClock(&clock); }
+    ~SWGAgentCacheTest() override { agent.SetCacheClock(nullptr); }
+
+    // Moves the fake clock to `offset` after the start of the test.
+    void At(const boost::posix_time::time_duration& offset) { clock.Set(start + offset); }
+
+    FakeClock clock;
+    const boost::posix_time::ptime start;
+    CSWGAgent agent;
+};
+
+// Guards the 31-second lifetime (a hit at 30.9 s, a miss at 31 s) and that a miss empties the
+// list for good: a later get inside the old lifetime still finds nothing.
+TEST_F(SWGAgentCacheTest, EntryLivesJustUnder31Seconds) {
+    agent.CacheResolvedIPList("a.swg.test", kHostA4);
+    agent.CacheResolvedIPV6List("a.swg.test", kHostA6);
+
+    At(milliseconds(30900));
+    EXPECT_EQ(agent.GetCachedResolvedIPList("a.swg.test"), kHostA4);
+    EXPECT_EQ(agent.GetCachedResolvedIPv6List("a.swg.test"), kHostA6);
+
+    At(seconds(31));
+    EXPECT_TRUE(agent.GetCachedResolvedIPList("a.swg.test").empty());
+    EXPECT_TRUE(agent.GetCachedResolvedIPv6List("a.swg.test").empty());
+
+    At(seconds(5));
+    EXPECT_TRUE(agent.GetCachedResolvedIPList("a.swg.test").empty()) << "miss did not empty";
+    EXPECT_TRUE(agent.GetCachedResolvedIPv6List("a.swg.test").empty()) << "miss did not empty";
+}
+
+// Guards the one-host rule: a get for another host empties that family's list (even though it
+// was fresh) and leaves the other family and the cached host alone.
+TEST_F(SWGAgentCacheTest, GetForAnotherHostEmptiesThatFamilyOnly) {
+    agent.CacheResolvedIPList("a.swg.test", kHostA4);
+    agent.CacheResolvedIPV6List("a.swg.test", kHostA6);
+    At(seconds(1));
+
+    EXPECT_TRUE(agent.GetCachedResolvedIPList("b.swg.test").empty());
+    EXPECT_TRUE(agent.GetCachedResolvedIPList("a.swg.test").empty());
+    EXPECT_EQ(agent.GetCachedResolvedIPv6List("a.swg.test"), kHostA6);
+
+    EXPECT_TRUE(agent.GetCachedResolvedIPv6List("A.swg.test").empty()) << "host match is exact";
+    EXPECT_TRUE(agent.GetCachedResolvedIPv6List("a.swg.test").empty());
+}
+
+// Guards the shared key as designed: caching one family for host B makes B the host of both
+// lists, so a get for B of the other family returns A's addresses within 31 s of A's stamp.
+TEST_F(SWGAgentCacheTest, SharedKeyServesTheOtherFamilysAddressesForTheNewHost) {
+    agent.CacheResolvedIPList("a.swg.test", kHostA4);
+    At(seconds(5));
+    agent.CacheResolvedIPV6List("b.swg.test", kHostB6);
+
+    At(seconds(30));
+    EXPECT_EQ(agent.GetCachedResolvedIPList("b.swg.test"), kHostA4);
+    EXPECT_EQ(agent.GetCachedResolvedIPv6List("b.swg.test"), kHostB6);
+    At(seconds(31));
+    EXPECT_TRUE(agent.GetCachedResolvedIPList("b.swg.test").empty()) << "A's stamp decides";
+    EXPECT_EQ(agent.GetCachedResolvedIPv6List("b.swg.test"), kHostB6);
+
+    agent.CacheResolvedIPList("a.swg.test", kHostB4);
+    EXPECT_TRUE(agent.GetCachedResolvedIPv6List("b.swg.test").empty());
+}
+
+// Guards the unset entry: an empty host equals the unset cached host, and the age test then
+// refuses a list that was never stamped. Stored for "", the entry hits like any other.
+TEST_F(SWGAgentCacheTest, EmptyHostNeedsAStampedEntry) {
+    agent.m_resolvedIPv4List = kHostA4;
+    EXPECT_TRUE(agent.GetCachedResolvedIPList("").empty());
+    agent.CacheResolvedIPList("", kHostB4);
+    EXPECT_EQ(agent.GetCachedResolvedIPList(""), kHostB4);
+}
+
+// Guards against an entry that lives on for as long as the wall clock was set back.
+TEST_F(SWGAgentCacheTest, EntryStampedInTheFutureIsAMiss) {
+    At(seconds(60));
+    agent.CacheResolvedIPList("a.swg.test", kHostA4);
+    At(seconds(0));
+    EXPECT_TRUE(agent.GetCachedResolvedIPList("a.swg.test").empty());
+}
+
+// Guards the command without a redirector: it reports that it could not clear anything.
+TEST(SWGAgentDnsCacheCommandTest, WithoutRedirectorLogsThatNothingWasCleared) {
+    swg_test::RecordingTrace trace;
+    CSWGAgent agent;
+    agent.sendClearDNSCacheCommand();
+    EXPECT_EQ(trace.Count(
+                  ERR, "CSWGAgent: SocketRedirectorApi is null, couldn't complete clear DNS cache"),
+              1);
+    EXPECT_EQ(trace.CountPrefix(TRACE, "CSWGAgent: ClearDnsCache call"), 0);
+}
+
+}  // namespace
