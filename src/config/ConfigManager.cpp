@@ -234,6 +234,7 @@ void CConfigManager::updateCurrentConfig() {
         // Nothing here takes "config_error" back; the next state update does.
         m_agent.SendSWGState("config_error", kStateUpdateNormal);
         DNTRACE(TRACE, "UpdateCurrentConfig: Failed to load updated config file");
+        ++m_reloadCount;
         return;
     }
     current = m_agent.GetOrgInfo();
@@ -265,7 +266,10 @@ void CConfigManager::updateCurrentConfig() {
     if ((consequences & kGatewayName) != 0) m_agent.SetActiveTowerName();
     if ((consequences & kStateFile) != 0) (void)m_agent.UpdateSWGStateFile();
     if ((consequences & kFips) != 0) m_agent.UpdateFedRampMode();
+    ++m_reloadCount;
 }
+
+unsigned int CConfigManager::ReloadCount() const { return m_reloadCount; }
 
 int CConfigManager::MonitorConfigChangesProc() {
     DNTRACE(THREAD, "CConfigManager::MonitorConfigChangesProc ==>");
@@ -360,18 +364,19 @@ bool CConfigManager::WaitAndHandle(WatchState& watch) {
                 result, strerror(error));
         return false;
     }
-    if (m_bExitMonitor) return false;
-    if (result == 0) {
-        DNTRACE(THREAD, "MonitorConfigChangesProc: event count = %d", result);
-        HandleTimeout(watch);
-        return true;
-    }
-    if ((waits[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
+    if (result > 0 && (waits[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
         DNTRACE(THREAD, "MonitorConfigChangesProc: event count = %d", result);
         DNTRACE(TRACE, "MonitorConfigChangesProc: pipe event so exit");
         m_bExitMonitor = true;
         ClosePipe();
         return false;
+    }
+    // A stop that raced the timeout: the pending reload is dropped as the pipe would drop it.
+    if (m_bExitMonitor) return false;
+    if (result == 0) {
+        DNTRACE(THREAD, "MonitorConfigChangesProc: event count = %d", result);
+        HandleTimeout(watch);
+        return true;
     }
     HandleInotifyEvents(watch);
     return true;

@@ -48,6 +48,8 @@ public:
     // Waits up to `timeoutMs` for the monitor thread to end. True when it has ended or was
     // never started.
     bool WaitForMonitorEnd(unsigned int timeoutMs);
+    // Number of reloads run to their end, bad ones included. Any thread.
+    unsigned int ReloadCount() const;
 
     // Fields in their fixed order.
     bool m_bThreadStarted = false;
@@ -83,6 +85,7 @@ private:
     const std::string m_folder;
     const unsigned int m_quietPeriodMs;
     std::mutex m_pipeLock;
+    std::atomic<unsigned int> m_reloadCount{0};
 };
 
 // The process-wide monitor, started by the agent as the last act of its start and stopped
