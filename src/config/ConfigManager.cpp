@@ -6,10 +6,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <exception>
 #include <utility>
@@ -205,6 +207,14 @@ bool CConfigManager::WaitForMonitorEnd(unsigned int timeoutMs) {
 }
 
 void CConfigManager::ThreadMain() {
+    // The process's signal handlers log; this thread leaves them to the others, so that a
+    // stop signal never interrupts it inside the system log or a reload.
+    sigset_t blocked;
+    sigfillset(&blocked);
+    for (const int synchronous : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
+        sigdelset(&blocked, synchronous);
+    }
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     try {
         (void)MonitorConfigChangesProc();
     } catch (const std::exception& e) {

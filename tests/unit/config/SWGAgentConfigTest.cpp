@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -225,6 +227,29 @@ TEST(UpdateFedRampMode, SwitchesOffAndLeavesAModeInForce) {
     agent.UpdateFedRampMode();
     EXPECT_FALSE(agent.m_bFipsModeApplied);
     EXPECT_TRUE(capture.LinesWith("Failed").empty());
+}
+
+// Guards the shipped sample: it loads, names the gateway by domain with one anycast
+// address, and carries the throwaway public key exactly as the key file holds it.
+TEST(SampleConfiguration, LoadsWithTheTestKey) {
+    const std::string sample = std::string(SWG_SOURCE_DIR) + "/packaging/sample";
+    std::ifstream keyFile(sample + "/licence-test-public.pem");
+    const std::string key((std::istreambuf_iterator<char>(keyFile)),
+                          std::istreambuf_iterator<char>());
+    ASSERT_FALSE(key.empty());
+    swg_test::SyslogCapture quiet;
+    CSWGAgent agent;
+    OrgInfoRecord info;
+    ASSERT_TRUE(agent.LoadOrgInfoFromFolder(sample, info));
+    EXPECT_EQ(info.strpKeyPem, key);
+    EXPECT_EQ(info.strpKeyId, "sample-key-1");
+    EXPECT_EQ(info.strSWGDomain, "gateway.swg.test");
+    EXPECT_EQ(info.qstrSWGAnycastListV4, std::deque<std::string>{"198.18.0.10"});
+    EXPECT_EQ(info.strWebTrafficMonitorPortList, "80,443");
+    EXPECT_TRUE(info.bFailOpen);
+    EXPECT_FALSE(info.bDefaultLogLevel);
+    agent.SetOrgInfo(info);
+    EXPECT_EQ(agent.GetSWGProxyName(false), "gateway.swg.test");
 }
 
 }  // namespace
