@@ -3,6 +3,7 @@
 // stored and which consequences run in which order. Run on the test's thread, no watch.
 #include "config/ConfigManager.h"
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -118,6 +119,8 @@ const FieldCase kFieldCases[] = {
      "SWG trusted server fingerprint changed", {"OnBackoffStateChange"}},
 };
 
+void PrintTo(const FieldCase& c, std::ostream* out) { *out << c.path; }
+
 class ConfigFieldChangeTest : public ConfigReloadTest,
                               public ::testing::WithParamInterface<FieldCase> {};
 
@@ -135,7 +138,14 @@ TEST_P(ConfigFieldChangeTest, ChangeIsLoggedStoredAndActedOn) {
     EXPECT_TRUE(m_agent.Calls().empty()) << "the changed record was not stored whole";
 }
 
-INSTANTIATE_TEST_SUITE_P(Fields, ConfigFieldChangeTest, ::testing::ValuesIn(kFieldCases));
+INSTANTIATE_TEST_SUITE_P(Fields, ConfigFieldChangeTest, ::testing::ValuesIn(kFieldCases),
+                         [](const ::testing::TestParamInfo<FieldCase>& param) {
+                             std::string name = param.param.path;
+                             for (char& c : name) {
+                                 if (c == '/') c = '_';
+                             }
+                             return name;
+                         });
 
 // Guards the trace mask switch: done at once during the comparison, before the record is
 // stored, with the default mask for "0" and the full mask otherwise.

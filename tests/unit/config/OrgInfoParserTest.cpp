@@ -7,6 +7,7 @@
 
 #include <climits>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -158,6 +159,8 @@ const KeyCase kKeyCases[] = {
     {"OverrideOnlyReadsItsThreeKeys", "{}", R"({"orgConfig":{"swgDomain":"g"}})", kDomain, ""},
 };
 
+void PrintTo(const KeyCase& c, std::ostream* out) { *out << c.name; }
+
 class OrgInfoKeyFormTest : public ::testing::TestWithParam<KeyCase> {};
 
 // Guards each key form against the JSON shapes a foreign writer may put there: a value of
@@ -232,6 +235,8 @@ const ValidityCase kValidityCases[] = {
     {"NumberInOptionalStringStaysValid", "orgConfig/swgEchoService", "5", true},
     {"EmptyUserIdAndListsStayValid", "identity/adUserId", R"("")", true},
 };
+
+void PrintTo(const ValidityCase& c, std::ostream* out) { *out << c.name; }
 
 class OrgInfoValidityTest : public ::testing::TestWithParam<ValidityCase> {};
 

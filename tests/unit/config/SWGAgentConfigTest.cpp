@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -174,6 +175,8 @@ const ProxyNameCase kProxyNameCases[] = {
     {"HostnameLast", "", "", {}, {}, "h.swg.test", false, false, "h.swg.test"},
     {"EmptyWhenNothingGiven", "", "", {}, {}, "", false, true, ""},
 };
+
+void PrintTo(const ProxyNameCase& c, std::ostream* out) { *out << c.name; }
 
 class SWGProxyNameTest : public ::testing::TestWithParam<ProxyNameCase> {};
 
