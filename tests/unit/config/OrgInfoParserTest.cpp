@@ -363,48 +363,4 @@ TEST(OrgInfoParser, MessagesNameTheOtherValue) {
     EXPECT_EQ(texts, expected);
 }
 
-// Guards that the full configuration used by the other tests reads every key.
-TEST(OrgInfoParser, FullConfigurationFillsEveryMember) {
-    swg_test::SyslogCapture quiet;
-    OrgInfoRecord info;
-    ASSERT_TRUE(ParseOrgInfo(config_test::FullConfig(), "", info));
-    EXPECT_EQ(info.strOrgId, "org-1");
-    EXPECT_EQ(info.strPstrUserId, "user-1");
-    EXPECT_EQ(info.strDeviceId, "dev-1");
-    EXPECT_EQ(info.strOverlayUser, "Hov");
-    EXPECT_EQ(info.strHostname, "host.swg.test");
-    EXPECT_EQ(info.strpKeyPem, "PEM-1");
-    EXPECT_EQ(info.strpKeyId, "key-1");
-    EXPECT_EQ(info.strExceptionList, "198.18.1.0/24;*.local");
-    EXPECT_EQ(info.strInclusionList, "198.18.0.0/24");
-    EXPECT_EQ(info.strWebTrafficMonitorPortList, "80,443,8080");
-    EXPECT_EQ(info.strSWGAnycast, "198.18.0.9");
-    EXPECT_EQ(Joined(info.qstrSWGAnycastListV4), "198.18.0.10|198.18.0.11");
-    EXPECT_EQ(Joined(info.qstrSWGAnycastListV6), "2001:db8::10");
-    EXPECT_EQ(info.strSWGDomain, "gateway.swg.test");
-    EXPECT_EQ(info.strSWGEchoService, "http://echo.swg.test/echo");
-    EXPECT_EQ(info.strTrustedServer, "trusted.swg.test");
-    EXPECT_EQ(info.strTrustedServerFingerprint, "AB:CD");
-    EXPECT_EQ(info.nTrustedServerPort, 8443);
-    EXPECT_FALSE(info.bDefaultLogLevel);
-    EXPECT_FALSE(info.bIPv6Enabled);
-    EXPECT_FALSE(info.bFailOpen);
-    EXPECT_TRUE(info.bDnsBackoff);
-    EXPECT_TRUE(info.bSwgHonorTND);
-    EXPECT_TRUE(info.bBackoffOnLMTrustedNetwork);
-    EXPECT_FALSE(info.bBackoffOnLMVpn);
-    EXPECT_TRUE(info.bBackoffOnCustomerTrustedNetwork);
-    EXPECT_TRUE(info.bCustomerNetworkProbeRecurses);
-    EXPECT_TRUE(info.bAutotuning);
-    EXPECT_FALSE(info.bFedDeployment);
-    EXPECT_EQ(info.strDnsBackoffReason, "probe");
-    EXPECT_EQ(info.strVpnIpv4State, "connected");
-    EXPECT_EQ(info.strVpnIpv4Type, "tunnel_all");
-    EXPECT_EQ(info.strVpnIpv6State, "disconnected");
-    EXPECT_EQ(info.strVpnIpv6Type, "split");
-    EXPECT_EQ(info.strVpnTnd, "trusted");
-    EXPECT_EQ(info.strVpnNes, "captive_portal_detected");
-    EXPECT_EQ(info.strCustomerNetworkProbeDomain, "probe.swg.test");
-}
-
 }  // namespace
