@@ -20,10 +20,10 @@ bool GetSWGConfigFolder(std::string& folder);
 
 // Outcome of ReadConfigText.
 enum class ConfigReadResult {
-    Read,       // `text` holds the whole file
-    NotOpened,  // missing, not a regular file (directory, FIFO, device) or no permission
-    ReadFailed, // opened, but read failed
-    TooLarge,   // more than kMaxConfigFileBytes
+    Read,        // `text` holds the whole file
+    NotOpened,   // missing, not a regular file (directory, FIFO, device) or no permission
+    ReadFailed,  // opened, but read failed
+    TooLarge,    // more than kMaxConfigFileBytes
 };
 
 // Reads the whole regular file at `path` into `text` (replaced). Never blocks on a FIFO

@@ -10,15 +10,14 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/thread/thread.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <exception>
 #include <utility>
 #include <vector>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/thread/thread.hpp>
 
 #include "config/ConfigFiles.h"
 #include "core/SWGAgent.h"
@@ -29,14 +28,14 @@
 namespace {
 // The file: written in place, closed after writing, unlinked or renamed away. IN_ATTRIB
 // is how an unlink shows while some other process still holds the file open.
-constexpr uint32_t kFileMask = IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE_SELF | IN_MOVE_SELF |
-                               IN_ATTRIB;
+constexpr uint32_t kFileMask =
+    IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ATTRIB;
 // The folder: entries come and go (a replacement by rename is a move in).
 constexpr uint32_t kFolderMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
                                  IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr int kChangeCountWithFile = 3;
 constexpr int kChangeCountNoFile = 2;
-constexpr int kStateUpdateNormal = 0;      // SWG_STATE_UPDATE_NORMAL
+constexpr int kStateUpdateNormal = 0;       // SWG_STATE_UPDATE_NORMAL
 constexpr unsigned char kRulesRefresh = 0;  // reason_rules_refresh
 constexpr unsigned int kDestructorWaitMs = 5000;
 
@@ -104,8 +103,7 @@ const FieldRule kFieldRules[] = {
     {"Ipv6 VPN Type changed", SWG_NOCASE(strVpnIpv6Type), kBackoff},
     {" Customer Network Probe Domain changed", SWG_NOCASE(strCustomerNetworkProbeDomain), 0},
     {"Overlay User changed", SWG_NOCASE(strOverlayUser), 0},
-    {"Customer Network Probe Recurses config changed", SWG_EXACT(bCustomerNetworkProbeRecurses),
-     0},
+    {"Customer Network Probe Recurses config changed", SWG_EXACT(bCustomerNetworkProbeRecurses), 0},
     {"FIPS mode changed", SWG_EXACT(bFedDeployment), kFips},
     {"SWG trusted server config changed", SWG_EXACT(strTrustedServer), kBackoff},
     {"SWG trusted server port changed", SWG_EXACT(nTrustedServerPort), kBackoff},
@@ -200,9 +198,8 @@ void CConfigManager::StopMonitorThread() {
 
 bool CConfigManager::WaitForMonitorEnd(unsigned int timeoutMs) {
     if (!m_bThreadStarted) return true;
-    const boost::posix_time::ptime deadline =
-        boost::posix_time::microsec_clock::universal_time() +
-        boost::posix_time::milliseconds(timeoutMs);
+    const boost::posix_time::ptime deadline = boost::posix_time::microsec_clock::universal_time() +
+                                              boost::posix_time::milliseconds(timeoutMs);
     return m_stopEvent.timed_wait(deadline);
 }
 
@@ -370,7 +367,8 @@ bool CConfigManager::WaitAndHandle(WatchState& watch) {
         const int error = errno;
         // A signal for the process may land on this thread: not a failure of the watch.
         if (error == EINTR) return true;
-        DNTRACE(ERR, "MonitorConfigChangesProc: An error occurred (event count %d).  Error was '%s'",
+        DNTRACE(ERR,
+                "MonitorConfigChangesProc: An error occurred (event count %d).  Error was '%s'",
                 result, strerror(error));
         return false;
     }
@@ -420,8 +418,7 @@ void CConfigManager::HandleInotifyEvents(WatchState& watch) {
         if (m_bExitMonitor) return;
         if ((event.mask & IN_Q_OVERFLOW) != 0) {
             // Events were lost: look at the folder and treat the file as changed.
-            DNTRACE(WARN, "MonitorConfigChangesProc: unknown event: %d (%x)", event.wd,
-                    event.mask);
+            DNTRACE(WARN, "MonitorConfigChangesProc: unknown event: %d (%x)", event.wd, event.mask);
             HandleFolderEvent(watch);
             if (watch.changeCount == kChangeCountWithFile) HandleFileEvent(watch);
         } else if ((event.mask & IN_IGNORED) != 0) {
@@ -466,7 +463,8 @@ void CConfigManager::HandleFolderEvent(WatchState& watch) {
     DNTRACE(THREAD, "MonitorConfigChangesProc: changecount %d found config %d", watch.changeCount,
             found ? 1 : 0);
     if (watch.changeCount == kChangeCountNoFile && found) {
-        (void)ArmFileWatch(watch, "MonitorConfigChangesProc: .... wait couple seconds before acting");
+        (void)ArmFileWatch(watch,
+                           "MonitorConfigChangesProc: .... wait couple seconds before acting");
     } else if (watch.changeCount == kChangeCountWithFile && !found) {
         DNTRACE(TRACE, "MonitorConfigChangesProc: config file not found in dir");
         if (m_fileDescriptor != -1) {

@@ -2,12 +2,11 @@
 // The key forms of the configuration file and the order in which its keys are read.
 #include "config/OrgInfoParser.h"
 
+#include <cjson/cJSON.h>
 #include <syslog.h>
 
 #include <memory>
 #include <mutex>
-
-#include <cjson/cJSON.h>
 
 #include "foundation/DirectSyslog.h"
 #include "foundation/GlobalUtils.h"
@@ -106,7 +105,8 @@ void ReadIdentity(const cJSON* identity, OrgInfoRecord& info) {
         Log("\nSWG : Overlay user ID : " + info.strOverlayUser);
     }
     if (ReadBool(identity, "isFedDeployment", info.bFedDeployment)) {
-        Log(info.bFedDeployment ? "\nSWG : FIPS mode is enabled." : "\nSWG : FIPS mode is disabled");
+        Log(info.bFedDeployment ? "\nSWG : FIPS mode is enabled."
+                                : "\nSWG : FIPS mode is disabled");
     }
 }
 
@@ -210,8 +210,8 @@ void ReadDnsBackoff(const cJSON* dnsBackoff, OrgInfoRecord& info) {
     }
 }
 
-void ReadVpnFamily(const cJSON* vpnDetails, const char* key, const char* family,
-                   std::string& state, std::string& type) {
+void ReadVpnFamily(const cJSON* vpnDetails, const char* key, const char* family, std::string& state,
+                   std::string& type) {
     const cJSON* details = Item(vpnDetails, key);
     if (!cJSON_IsObject(details)) return;
     if (ReadString(details, "state", state)) {
@@ -283,7 +283,8 @@ bool IsOrgInfoValid(const OrgInfoRecord& info) {
 
 bool ParseOrgInfo(const std::string& configText, const std::string& overrideText,
                   OrgInfoRecord& info) {
-    if (!ParseOrgInfoText(configText, [&overrideText] { return overrideText; }, info)) {
+    if (!ParseOrgInfoText(
+            configText, [&overrideText] { return overrideText; }, info)) {
         return false;
     }
     return IsOrgInfoValid(info);

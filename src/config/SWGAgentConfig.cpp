@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // The agent's side of the configuration: loading, accessors, gateway name, FIPS mode and
 // the monitor's start and stop.
-#include <string>
-
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/provider.h>
+
+#include <string>
 
 #include "config/ConfigFiles.h"
 #include "config/ConfigManager.h"

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // The reload of CConfigManager: which field changes are seen, how they are logged, what is
 // stored and which consequences run in which order. Run on the test's thread, no watch.
-#include "config/ConfigManager.h"
+#include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <ostream>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "ConfigTestSupport.h"
+#include "config/ConfigManager.h"
 #include "foundation/SSFileTrace.h"
 #include "foundation/Trace.h"
 #include "support/SyslogCapture.h"
@@ -67,56 +67,91 @@ const FieldCase kFieldCases[] = {
     {"identity/deviceId", R"("dev-2")", "Device id changed", {}},
     {"commonConfig/swgHosts", R"("host2.swg.test")", "strHostname changed", {"SetActiveTowerName"}},
     {"orgConfig/swgAnycast", R"("198.18.0.8")", "strSWGAnycast changed", {"SetActiveTowerName"}},
-    {"orgConfig/swgAnycastList/v4", R"(["198.18.0.11","198.18.0.10"])",
-     "qstrSWGAnycastListV4 changed", {"SetActiveTowerName"}},
-    {"orgConfig/swgAnycastList/v6", R"(["2001:db8::10","2001:db8::11"])",
-     "qstrSWGAnycastListV6 changed", {"SetActiveTowerName"}},
-    {"orgConfig/swgDomain", R"("gw2.swg.test")", "strSWGDomain changed",
+    {"orgConfig/swgAnycastList/v4",
+     R"(["198.18.0.11","198.18.0.10"])",
+     "qstrSWGAnycastListV4 changed",
+     {"SetActiveTowerName"}},
+    {"orgConfig/swgAnycastList/v6",
+     R"(["2001:db8::10","2001:db8::11"])",
+     "qstrSWGAnycastListV6 changed",
+     {"SetActiveTowerName"}},
+    {"orgConfig/swgDomain",
+     R"("gw2.swg.test")",
+     "strSWGDomain changed",
      {"SetActiveTowerName", "UpdateSWGStateFile"}},
     {"orgConfig/swgEchoService", R"("http://echo2.swg.test/")", "strSWGEchoService changed", {}},
     {"identity/orgId", R"("org-2")", "strOrgId changed", {}},
     {"commonConfig/rsaPubKey", R"("PEM-2")", "strpKeyPem changed", {}},
     {"identity/adUserId", R"("user-2")", "strPstrUserId changed", {}},
-    {"orgConfig/inclusionList", R"(["198.18.2.0/24"])", "strInclusionList changed",
+    {"orgConfig/inclusionList",
+     R"(["198.18.2.0/24"])",
+     "strInclusionList changed",
      {"RestartKDF:0", "UpdateSWGStateFile"}},
-    {"orgConfig/exceptionList", R"(["198.18.1.0/24"])", "strExceptionList changed",
+    {"orgConfig/exceptionList",
+     R"(["198.18.1.0/24"])",
+     "strExceptionList changed",
      {"RestartKDF:0", "UpdateSWGStateFile"}},
-    {"orgConfig/webTrafficMonitorPorts", R"(["8080","8443"])",
-     "strWebTrafficMonitorPortList changed", {"RestartKDF:0"}},
+    {"orgConfig/webTrafficMonitorPorts",
+     R"(["8080","8443"])",
+     "strWebTrafficMonitorPortList changed",
+     {"RestartKDF:0"}},
     {"deviceConfig/autotuning", R"("0")", "autotuning config changed", {}},
     {"orgConfig/failOpen", R"("1")", "failOpen config changed", {}},
     {"orgConfig/swgHonorTND", R"("0")", "swgHonorTND config changed", {"OnBackoffStateChange"}},
     {"dnsBackoff/dns4/backedOff", "false", "DNSBackOff config changed", {"OnBackoffStateChange"}},
-    {"dnsBackoff/dns4/reason", R"("other")", "DNSBackOff Reason changed",
+    {"dnsBackoff/dns4/reason", R"("other")", "DNSBackOff Reason changed", {"OnBackoffStateChange"}},
+    {"orgConfig/backoffOnLMTrustedNetwork",
+     R"("0")",
+     "BackoffOnLMTrustedNetwork Config changed",
      {"OnBackoffStateChange"}},
-    {"orgConfig/backoffOnLMTrustedNetwork", R"("0")", "BackoffOnLMTrustedNetwork Config changed",
+    {"orgConfig/backoffOnLMVpn",
+     R"("1")",
+     "BackoffOnLMVpn Config changed",
      {"OnBackoffStateChange"}},
-    {"orgConfig/backoffOnLMVpn", R"("1")", "BackoffOnLMVpn Config changed",
+    {"orgConfig/backoffOnCustomerTrustedNetwork",
+     R"("0")",
+     "BackoffOnCustomerTrustedNetwork Config changed",
      {"OnBackoffStateChange"}},
-    {"orgConfig/backoffOnCustomerTrustedNetwork", R"("0")",
-     "BackoffOnCustomerTrustedNetwork Config changed", {"OnBackoffStateChange"}},
     {"vpnDetails/tnd", R"("untrusted")", "VPN TND value changed", {"OnBackoffStateChange"}},
     {"vpnDetails/network_state", R"("normal")", "VPN NES value changed", {}},
-    {"vpnDetails/vpn_ipv4/state", R"("disconnected")", "Ipv4 VPN State changed",
+    {"vpnDetails/vpn_ipv4/state",
+     R"("disconnected")",
+     "Ipv4 VPN State changed",
      {"OnBackoffStateChange"}},
-    {"vpnDetails/vpn_ipv4/vpn_type", R"("split")", "Ipv4 VPN Type changed",
+    {"vpnDetails/vpn_ipv4/vpn_type",
+     R"("split")",
+     "Ipv4 VPN Type changed",
      {"OnBackoffStateChange"}},
-    {"vpnDetails/vpn_ipv6/state", R"("connected")", "Ipv6 VPN State changed",
+    {"vpnDetails/vpn_ipv6/state",
+     R"("connected")",
+     "Ipv6 VPN State changed",
      {"OnBackoffStateChange"}},
-    {"vpnDetails/vpn_ipv6/vpn_type", R"("tunnel_all")", "Ipv6 VPN Type changed",
+    {"vpnDetails/vpn_ipv6/vpn_type",
+     R"("tunnel_all")",
+     "Ipv6 VPN Type changed",
      {"OnBackoffStateChange"}},
-    {"customerTrustedNetwork/customerNetworkProbeDomain", R"("probe2.swg.test")",
-     " Customer Network Probe Domain changed", {}},
+    {"customerTrustedNetwork/customerNetworkProbeDomain",
+     R"("probe2.swg.test")",
+     " Customer Network Probe Domain changed",
+     {}},
     {"identity/overlayUser", R"("ov2")", "Overlay User changed", {}},
-    {"customerTrustedNetwork/customerNetworkProbeRecurses", "false",
-     "Customer Network Probe Recurses config changed", {}},
+    {"customerTrustedNetwork/customerNetworkProbeRecurses",
+     "false",
+     "Customer Network Probe Recurses config changed",
+     {}},
     {"identity/isFedDeployment", "true", "FIPS mode changed", {"UpdateFedRampMode"}},
-    {"orgConfig/swgTrustedServer", R"("Trusted.swg.test")", "SWG trusted server config changed",
+    {"orgConfig/swgTrustedServer",
+     R"("Trusted.swg.test")",
+     "SWG trusted server config changed",
      {"OnBackoffStateChange"}},
-    {"orgConfig/swgTrustedServerPort", "9443", "SWG trusted server port changed",
+    {"orgConfig/swgTrustedServerPort",
+     "9443",
+     "SWG trusted server port changed",
      {"OnBackoffStateChange"}},
-    {"orgConfig/swgTrustedServerFingerprint", R"("ab:cd")",
-     "SWG trusted server fingerprint changed", {"OnBackoffStateChange"}},
+    {"orgConfig/swgTrustedServerFingerprint",
+     R"("ab:cd")",
+     "SWG trusted server fingerprint changed",
+     {"OnBackoffStateChange"}},
 };
 
 void PrintTo(const FieldCase& c, std::ostream* out) { *out << c.path; }
@@ -170,9 +205,8 @@ TEST_F(ConfigReloadTest, ConsequencesRunOnceEachInTheirOrder) {
                             "SetActiveTowerName", "UpdateSWGStateFile", "UpdateFedRampMode"};
     EXPECT_EQ(ReloadWith(config), expected);
     const std::vector<std::string> lines = {
-        "strSWGDomain changed\n",       "strInclusionList changed\n",
-        "strExceptionList changed\n",   "swgHonorTND config changed\n",
-        "VPN TND value changed\n",      "FIPS mode changed\n",
+        "strSWGDomain changed\n",       "strInclusionList changed\n", "strExceptionList changed\n",
+        "swgHonorTND config changed\n", "VPN TND value changed\n",    "FIPS mode changed\n",
     };
     EXPECT_EQ(ChangeLines(), lines);
     EXPECT_EQ(m_capture
@@ -190,7 +224,7 @@ TEST_F(ConfigReloadTest, FailedRestartIsLoggedAndTheRestGoesOn) {
     EXPECT_EQ(ReloadWith(config), (Calls{"SetOrgInfo", "RestartKDF:0", "OnBackoffStateChange"}));
     const auto failures = m_capture.LinesWith("UpdateCurrentConfig: Failed to restart KDF");
     ASSERT_EQ(failures.size(), 1u);
-    EXPECT_EQ(failures[0].priority, 3);
+    EXPECT_EQ(failures[0].priority, LOG_ERR);
 }
 
 // Guards the comparison rules: letter case alone is no change, except for the trusted
@@ -202,8 +236,8 @@ TEST_F(ConfigReloadTest, WhatCountsAsAChange) {
     EXPECT_TRUE(ReloadWith(EditConfig(FullConfig(), "orgConfig/exceptionList",
                                       R"(["198.18.1.0/24","*.LOCAL"])"))
                     .empty());
-    EXPECT_TRUE(ReloadWith(EditConfig(FullConfig(), "commonConfig/rsaPubKeyId", R"("key-2")"))
-                    .empty());
+    EXPECT_TRUE(
+        ReloadWith(EditConfig(FullConfig(), "commonConfig/rsaPubKeyId", R"("key-2")")).empty());
     m_folder.Write("SWGConfigOverride.json", R"({"IPv6Enabled":true})");
     EXPECT_TRUE(ReloadWith(FullConfig()).empty());
     const OrgInfoRecord inForce = m_agent.GetOrgInfo();
@@ -212,8 +246,8 @@ TEST_F(ConfigReloadTest, WhatCountsAsAChange) {
     EXPECT_EQ(inForce.strSWGDomain, "gateway.swg.test");
 
     // Carried along once another field differs.
-    const Calls calls = ReloadWith(EditConfig(FullConfig(), "orgConfig/swgTrustedServer",
-                                              R"("TRUSTED.swg.test")"));
+    const Calls calls =
+        ReloadWith(EditConfig(FullConfig(), "orgConfig/swgTrustedServer", R"("TRUSTED.swg.test")"));
     EXPECT_EQ(calls, (Calls{"SetOrgInfo", "OnBackoffStateChange"}));
     EXPECT_EQ(m_agent.GetOrgInfo().strTrustedServer, "TRUSTED.swg.test");
     EXPECT_TRUE(m_agent.GetOrgInfo().bIPv6Enabled);
@@ -228,9 +262,9 @@ TEST_F(ConfigReloadTest, BadFileKeepsTheRecordAndReportsConfigError) {
     for (const std::string& text : bad) {
         SCOPED_TRACE(text);
         EXPECT_EQ(ReloadWith(text), Calls{"SendSWGState:config_error:0"});
-        EXPECT_EQ(m_capture.LinesWith("UpdateCurrentConfig: Failed to load updated config file")
-                      .size(),
-                  1u);
+        EXPECT_EQ(
+            m_capture.LinesWith("UpdateCurrentConfig: Failed to load updated config file").size(),
+            1u);
     }
     m_folder.Remove("SWGConfig.json");
     m_agent.ClearCalls();

@@ -1,20 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // The configuration monitor's thread with real files in a temporary folder: replacement by
 // rename, writes in a row, deletion and return of the file, bad files and the stop.
-#include "config/ConfigManager.h"
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "ConfigTestSupport.h"
+#include "config/ConfigManager.h"
 #include "foundation/SSFileTrace.h"
 #include "foundation/Trace.h"
 #include "support/SyslogCapture.h"
@@ -57,8 +56,8 @@ protected:
             m_folder.Write(kFile, FullConfig());
             ASSERT_TRUE(m_agent.Preload(m_folder.Path()));
         }
-        m_manager.reset(new CConfigManager(m_agent, m_folder.Path(),
-                                           static_cast<unsigned int>(quiet.count())));
+        m_manager.reset(
+            new CConfigManager(m_agent, m_folder.Path(), static_cast<unsigned int>(quiet.count())));
         m_manager->StartThread();
         ASSERT_EQ(m_manager->ReloadCount(), 1u) << "StartThread reloads once before the thread";
         ASSERT_TRUE(config_test::WaitUntil(
@@ -89,8 +88,8 @@ TEST_F(ConfigMonitorTest, RenameReplacementReloadsOnceAfterTheQuietPeriod) {
     ASSERT_TRUE(WaitForReloads(2, milliseconds(2000) + kWakeSlack));
     EXPECT_GE(ElapsedMs(replaced, LoadTime(1)), 1900);
     EXPECT_EQ(DomainInForce(), "renamed.swg.test");
-    EXPECT_EQ(m_agent.Calls(), (std::vector<std::string>{"SetOrgInfo", "SetActiveTowerName",
-                                                         "UpdateSWGStateFile"}));
+    EXPECT_EQ(m_agent.Calls(),
+              (std::vector<std::string>{"SetOrgInfo", "SetActiveTowerName", "UpdateSWGStateFile"}));
 
     // The replacement is watched: an edit of it is seen too.
     m_folder.Write(kFile, WithDomain("edited.swg.test"));
@@ -200,7 +199,10 @@ TEST_F(ConfigMonitorTest, MissingFolderEndsTheThread) {
     CConfigManager manager(m_agent, m_folder.PathOf("absent"), 100);
     manager.StartThread();
     EXPECT_TRUE(manager.WaitForMonitorEnd(2000));
-    EXPECT_EQ(m_capture.LinesWith("MonitorConfigChangesProc: open folder error 2").size(), 1u);
+    EXPECT_EQ(
+        m_capture.LinesWith("MonitorConfigChangesProc: open folder error " + std::to_string(ENOENT))
+            .size(),
+        1u);
 }
 
 // Guards StopMonitorThread before any thread exists: it must not write its wake-up byte to

@@ -2,17 +2,16 @@
 // Helpers of the configuration tests.
 #include "ConfigTestSupport.h"
 
+#include <cjson/cJSON.h>
 #include <unistd.h>
 
+#include <boost/filesystem.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <thread>
-
-#include <boost/filesystem.hpp>
-#include <cjson/cJSON.h>
 
 namespace config_test {
 

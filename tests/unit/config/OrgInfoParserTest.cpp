@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The key forms of SWGConfig.json and its override, the validity rule and the order of the
 // loader's messages, on texts without files.
-#include "config/OrgInfoParser.h"
-
+#include <gtest/gtest.h>
 #include <syslog.h>
 
 #include <climits>
@@ -11,9 +10,8 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "ConfigTestSupport.h"
+#include "config/OrgInfoParser.h"
 #include "support/SyslogCapture.h"
 
 namespace {
@@ -75,10 +73,9 @@ const KeyCase kKeyCases[] = {
     {"LogLevelZeroIsDefaultMask", Org(R"("logLevel":"0")"), "", kDefaultLogLevel, "true"},
     {"LogLevelOtherTextIsDebugMask", Org(R"("logLevel":"2")"), "", kDefaultLogLevel, "false"},
     {"AutotuningZeroClears", R"({"deviceConfig":{"autotuning":"0"}})", "", kAutotuning, "false"},
-    {"AutotuningOtherTextSets", R"({"deviceConfig":{"autotuning":"no"}})", "", kAutotuning,
-     "true"},
-    {"AutotuningJsonTrueKeepsDefault", R"({"deviceConfig":{"autotuning":true}})", "",
-     kAutotuning, "false"},
+    {"AutotuningOtherTextSets", R"({"deviceConfig":{"autotuning":"no"}})", "", kAutotuning, "true"},
+    {"AutotuningJsonTrueKeepsDefault", R"({"deviceConfig":{"autotuning":true}})", "", kAutotuning,
+     "false"},
     // string flag with the word "1"
     {"HonorTndOneSets", Org(R"("swgHonorTND":"1")"), "", kHonorTnd, "true"},
     {"HonorTndUpperCaseTrueClears", Org(R"("swgHonorTND":"TRUE")"), "", kHonorTnd, "false"},
@@ -91,12 +88,11 @@ const KeyCase kKeyCases[] = {
     {"PortNumberTaken", Org(R"("swgTrustedServerPort":8443)"), "", kPort, "8443"},
     {"PortTextKeepsDefault", Org(R"("swgTrustedServerPort":"8443")"), "", kPort, "0"},
     {"PortFractionTruncated", Org(R"("swgTrustedServerPort":443.9)"), "", kPort, "443"},
-    {"PortHugeClamped", Org(R"("swgTrustedServerPort":1e20)"), "", kPort,
-     std::to_string(INT_MAX)},
+    {"PortHugeClamped", Org(R"("swgTrustedServerPort":1e20)"), "", kPort, std::to_string(INT_MAX)},
     // joined array
     {"JoinedPlain", Org(R"("inclusionList":["a","b"])"), "", kInclusions, "a;b"},
-    {"JoinedTrailingNumberLeavesSeparator", Org(R"("inclusionList":["a","b",1])"), "",
-     kInclusions, "a;b;"},
+    {"JoinedTrailingNumberLeavesSeparator", Org(R"("inclusionList":["a","b",1])"), "", kInclusions,
+     "a;b;"},
     {"JoinedMiddleNumberHasNoSeparator", Org(R"("inclusionList":["a",1,"b"])"), "", kInclusions,
      "a;b"},
     {"JoinedEmptyElementKept", Org(R"("inclusionList":["a","","b"])"), "", kInclusions, "a;;b"},
@@ -106,16 +102,15 @@ const KeyCase kKeyCases[] = {
     {"PortsDefault", Org(""), "", kPorts, "80,443"},
     {"PortsTextsAppended", Org(R"("webTrafficMonitorPorts":["8080","8443"])"), "", kPorts,
      "80,443,8080,8443"},
-    {"PortsNumbersIgnored", Org(R"("webTrafficMonitorPorts":[8080,8443])"), "", kPorts,
-     "80,443"},
+    {"PortsNumbersIgnored", Org(R"("webTrafficMonitorPorts":[8080,8443])"), "", kPorts, "80,443"},
     {"PortsEmptyTextIgnored", Org(R"("webTrafficMonitorPorts":[""])"), "", kPorts, "80,443"},
-    {"PortsCannotRemoveDefaults", Org(R"("webTrafficMonitorPorts":["8080",443,"","9000"])"),
-     "", kPorts, "80,443,8080,9000"},
+    {"PortsCannotRemoveDefaults", Org(R"("webTrafficMonitorPorts":["8080",443,"","9000"])"), "",
+     kPorts, "80,443,8080,9000"},
     // anycast lists
-    {"AnycastV4InFileOrder", Org(R"("swgAnycastList":{"v4":["198.18.0.2","198.18.0.1"]})"), "",
-     kV4, "198.18.0.2|198.18.0.1"},
-    {"AnycastV6SkipsNonText", Org(R"("swgAnycastList":{"v6":[1,"2001:db8::1",null]})"), "",
-     kV6, "2001:db8::1"},
+    {"AnycastV4InFileOrder", Org(R"("swgAnycastList":{"v4":["198.18.0.2","198.18.0.1"]})"), "", kV4,
+     "198.18.0.2|198.18.0.1"},
+    {"AnycastV6SkipsNonText", Org(R"("swgAnycastList":{"v6":[1,"2001:db8::1",null]})"), "", kV6,
+     "2001:db8::1"},
     {"AnycastListNotObjectKeepsEmpty", Org(R"("swgAnycastList":["198.18.0.1"])"), "", kV4, ""},
     // user ids
     {"UserIdAndUpnGivesPrefixedUpn", Identity(R"("adUserId":"x","adUserIdUpn":"y")"), "", kUser,
@@ -136,26 +131,25 @@ const KeyCase kKeyCases[] = {
      "connected"},
     {"VpnFamilyNotObjectNotEntered", R"({"vpnDetails":{"vpn_ipv4":"connected"}})", "", kVpn4State,
      ""},
-    {"ProbeRecursesRead",
-     R"({"customerTrustedNetwork":{"customerNetworkProbeRecurses":true}})", "", kProbeRecurses,
-     "true"},
+    {"ProbeRecursesRead", R"({"customerTrustedNetwork":{"customerNetworkProbeRecurses":true}})", "",
+     kProbeRecurses, "true"},
     // override file
     {"OverrideIPv6WithoutAnySection", "{}", R"({"IPv6Enabled":true})", kIPv6, "true"},
     {"OverrideIPv6TextIgnored", "{}", R"({"IPv6Enabled":"true"})", kIPv6, "false"},
     {"OverrideLogLevelWins", Org(R"("logLevel":"1")"), R"({"logLevel":"0"})", kDefaultLogLevel,
      "true"},
-    {"OverrideLogLevelWithoutOrgConfigHasNoEffect", "{}", R"({"logLevel":"1"})",
+    {"OverrideLogLevelWithoutOrgConfigHasNoEffect", "{}", R"({"logLevel":"1"})", kDefaultLogLevel,
+     "true"},
+    {"OverrideLogLevelOfOtherFormHidesFileValue", Org(R"("logLevel":"1")"), R"({"logLevel":true})",
      kDefaultLogLevel, "true"},
-    {"OverrideLogLevelOfOtherFormHidesFileValue", Org(R"("logLevel":"1")"),
-     R"({"logLevel":true})", kDefaultLogLevel, "true"},
-    {"OverrideAutotuningWins", R"({"deviceConfig":{"autotuning":"1"}})",
-     R"({"autotuning":"0"})", kAutotuning, "false"},
-    {"OverrideAutotuningWithoutDeviceConfigHasNoEffect", "{}", R"({"autotuning":"1"})",
+    {"OverrideAutotuningWins", R"({"deviceConfig":{"autotuning":"1"}})", R"({"autotuning":"0"})",
      kAutotuning, "false"},
+    {"OverrideAutotuningWithoutDeviceConfigHasNoEffect", "{}", R"({"autotuning":"1"})", kAutotuning,
+     "false"},
     {"OverrideAutotuningWithNonObjectDeviceConfig", R"({"deviceConfig":"x"})",
      R"({"autotuning":"1"})", kAutotuning, "true"},
-    {"MalformedOverrideMeansNone", Org(R"("logLevel":"1")"), R"({"logLevel":"0")",
-     kDefaultLogLevel, "false"},
+    {"MalformedOverrideMeansNone", Org(R"("logLevel":"1")"), R"({"logLevel":"0")", kDefaultLogLevel,
+     "false"},
     {"OverrideOnlyReadsItsThreeKeys", "{}", R"({"orgConfig":{"swgDomain":"g"}})", kDomain, ""},
 };
 
@@ -169,7 +163,8 @@ TEST_P(OrgInfoKeyFormTest, ReadsTheMemberByItsForm) {
     const KeyCase& c = GetParam();
     swg_test::SyslogCapture quiet;
     OrgInfoRecord info;
-    ASSERT_TRUE(ParseOrgInfoText(c.config, [&c] { return c.overrides; }, info));
+    ASSERT_TRUE(ParseOrgInfoText(
+        c.config, [&c] { return c.overrides; }, info));
     EXPECT_EQ(c.field(info), c.expected);
 }
 
@@ -201,7 +196,12 @@ TEST(OrgInfoParser, TextThatIsNotJsonIsRefusedBeforeTheOverrideIsRead) {
         bool overrideRead = false;
         OrgInfoRecord info;
         EXPECT_FALSE(ParseOrgInfoText(
-            text, [&] { overrideRead = true; return std::string(); }, info));
+            text,
+            [&] {
+                overrideRead = true;
+                return std::string();
+            },
+            info));
         EXPECT_FALSE(overrideRead);
         const auto lines = capture.Lines();
         ASSERT_EQ(lines.size(), 1u);
@@ -247,7 +247,8 @@ TEST_P(OrgInfoValidityTest, AppliesTheRule) {
     OrgInfoRecord info;
     const std::string config = config_test::EditConfig(MinimalConfig(), c.path, c.value);
     EXPECT_EQ(ParseOrgInfo(config, "", info), c.valid);
-    EXPECT_EQ(capture.LinesWith("\nSWG: JSON file has few empty values.").size(), c.valid ? 0u : 1u);
+    EXPECT_EQ(capture.LinesWith("\nSWG: JSON file has few empty values.").size(),
+              c.valid ? 0u : 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rule, OrgInfoValidityTest, ::testing::ValuesIn(kValidityCases),
@@ -271,8 +272,8 @@ TEST(OrgInfoValidity, EachGatewaySourceAloneIsEnough) {
     for (const auto& source : sources) {
         SCOPED_TRACE(source.first);
         OrgInfoRecord info;
-        EXPECT_TRUE(ParseOrgInfo(config_test::EditConfig(noHost, source.first, source.second), "",
-                                 info));
+        EXPECT_TRUE(
+            ParseOrgInfo(config_test::EditConfig(noHost, source.first, source.second), "", info));
     }
 }
 

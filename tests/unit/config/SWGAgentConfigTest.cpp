@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The agent's configuration operations with real files: LoadOrgInfo and its override,
 // the anycast flag, the gateway name and the FIPS mode.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -12,8 +13,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ConfigTestSupport.h"
 #include "config/ConfigFiles.h"
@@ -117,8 +116,7 @@ TEST_F(LoadOrgInfoTest, UnreadableOverrideIsNoOverride) {
 // Guards the anycast flag: set from the last parsed file even when that file is refused,
 // and cleared by a file without IPv6 addresses.
 TEST_F(LoadOrgInfoTest, AnycastFlagMovesBeforeValidation) {
-    m_folder.Write("SWGConfig.json",
-                   R"({"orgConfig":{"swgAnycastList":{"v6":["2001:db8::1"]}}})");
+    m_folder.Write("SWGConfig.json", R"({"orgConfig":{"swgAnycastList":{"v6":["2001:db8::1"]}}})");
     OrgInfoRecord refused;
     EXPECT_FALSE(Load(refused));
     EXPECT_TRUE(m_agent.GetAnycastV6Available());
@@ -160,17 +158,59 @@ struct ProxyNameCase {
 };
 
 const ProxyNameCase kProxyNameCases[] = {
-    {"DomainHidesEverything", "g.swg.test", "198.18.0.9", {"198.18.0.10"}, {"2001:db8::1"},
-     "h", true, true, "g.swg.test"},
-    {"IPv6FrontWhenWantedAndAvailable", "", "198.18.0.9", {"198.18.0.10"}, {"2001:db8::1",
-     "2001:db8::2"}, "h", true, true, "2001:db8::1"},
-    {"IPv4FrontWhenIPv6NotWanted", "", "198.18.0.9", {"198.18.0.10", "198.18.0.11"},
-     {"2001:db8::1"}, "h", true, false, "198.18.0.10"},
-    {"IPv4FrontWhenIPv6NotAvailable", "", "", {"198.18.0.10"}, {"2001:db8::1"}, "h", false,
-     true, "198.18.0.10"},
-    {"FlagWithoutIPv6ListFallsThrough", "", "", {"198.18.0.10"}, {}, "h", true, true,
+    {"DomainHidesEverything",
+     "g.swg.test",
+     "198.18.0.9",
+     {"198.18.0.10"},
+     {"2001:db8::1"},
+     "h",
+     true,
+     true,
+     "g.swg.test"},
+    {"IPv6FrontWhenWantedAndAvailable",
+     "",
+     "198.18.0.9",
+     {"198.18.0.10"},
+     {"2001:db8::1", "2001:db8::2"},
+     "h",
+     true,
+     true,
+     "2001:db8::1"},
+    {"IPv4FrontWhenIPv6NotWanted",
+     "",
+     "198.18.0.9",
+     {"198.18.0.10", "198.18.0.11"},
+     {"2001:db8::1"},
+     "h",
+     true,
+     false,
      "198.18.0.10"},
-    {"SingleAnycastWhenListEmpty", "", "198.18.0.9", {}, {"2001:db8::1"}, "h", false, true,
+    {"IPv4FrontWhenIPv6NotAvailable",
+     "",
+     "",
+     {"198.18.0.10"},
+     {"2001:db8::1"},
+     "h",
+     false,
+     true,
+     "198.18.0.10"},
+    {"FlagWithoutIPv6ListFallsThrough",
+     "",
+     "",
+     {"198.18.0.10"},
+     {},
+     "h",
+     true,
+     true,
+     "198.18.0.10"},
+    {"SingleAnycastWhenListEmpty",
+     "",
+     "198.18.0.9",
+     {},
+     {"2001:db8::1"},
+     "h",
+     false,
+     true,
      "198.18.0.9"},
     {"HostnameLast", "", "", {}, {}, "h.swg.test", false, false, "h.swg.test"},
     {"EmptyWhenNothingGiven", "", "", {}, {}, "", false, true, ""},
