@@ -15,8 +15,8 @@ struct OrgInfoRecord {
     std::string strHostname;
     std::string strpKeyPem;
     std::string strpKeyId;
-    std::string strExceptionList;              // ";" separated
-    std::string strInclusionList;              // ";" separated
+    std::string strExceptionList;                         // ";" separated
+    std::string strInclusionList;                         // ";" separated
     std::string strWebTrafficMonitorPortList = "80,443";  // "," separated
     std::string strSWGAnycast;
     std::deque<std::string> qstrSWGAnycastListV4;  // front: the address in use

@@ -76,8 +76,17 @@ public:
     int StopProgress() const { return m_stopProgress; }
 
     // ---- configuration ------------------------------------------------------------
-    // Reads SWGConfig.json and its override into `info`; true when the record is valid.
+    // Reads SWGConfig.json and its override from the configuration folder (under
+    // GetAllUsersAppDataPath) into `info`, a freshly constructed record. True when the
+    // record is valid; false for a missing, unreadable, malformed or invalid file, each
+    // with its syslog line. Updates m_bAnycastV6Available even when the record is refused.
     bool LoadOrgInfo(ORGINFO& info);
+    // LoadOrgInfo from `folder` instead of the configuration folder.
+    bool LoadOrgInfoFromFolder(const std::string& folder, ORGINFO& info);
+    // Appends the text of `folder`/SWGConfigOverride.json to `text` with its line ends
+    // removed. A file that cannot be opened leaves `text` as it was, after the syslog line
+    // "\nSWG : Unable to open the custom config file".
+    static void ReadSWGCustomConfig(const std::string& folder, std::string& text);
     // A deep copy of the record in force, taken under m_orgInfoLock.
     ORGINFO GetOrgInfo();
     // Replaces the record in force by a copy of `info`.
@@ -123,10 +132,14 @@ public:
     void takeActionOnAddrChange();
     // Called on the OS events thread for each route or address notice.
     void HandleNetworkChangeEvent();
+    // Works out whether the agent should stand aside, and makes the change. Any thread.
+    void OnBackoffStateChange();
 
     // ---- state and statistics ---------------------------------------------------------
     // Reports a state word to the UI and the state file. 0 handled, -1 refused, -2 failed.
     int SendSWGState(const std::string& state, int update);
+    // Rewrites SWGState.json from the last state word and the record; 0 or -2.
+    int UpdateSWGStateFile();
     void StatsStopCollecting();
     void StatsIncrementTotalBypassedHostConnections();
     void StatsIncrementTotalHTTPConnections();

@@ -6,13 +6,6 @@
 
 #include "foundation/Trace.h"
 
-// TODO(lead): configuration loading; until then the agent starts with the defaults.
-bool CSWGAgent::LoadOrgInfo(ORGINFO& /*info*/) { return true; }
-std::string CSWGAgent::GetSWGProxyName(bool /*wantIPv6*/) { return GetOrgInfo().strHostname; }
-void CSWGAgent::UpdateFedRampMode() {}
-void CSWGAgent::StartConfigMonitor() {}
-void CSWGAgent::StopConfigMonitor() {}
-
 // TODO(lead): redirector; without one there is no handle to close.
 bool CSWGAgent::CloseRedirectorInterface(unsigned char /*reason*/) { return false; }
 long CSWGAgent::StartKDF(unsigned char /*reason*/) { return 0; }
@@ -42,9 +35,13 @@ void CSWGAgent::StopListener(bool /*ipv6*/) {}
 int CSWGAgent::checkInterfaceChanges() { return 1; }
 void CSWGAgent::takeActionOnAddrChange() {}
 void CSWGAgent::HandleNetworkChangeEvent() {}
+// TODO(lead): backoff decision; until it lands the agent never stands aside.
+void CSWGAgent::OnBackoffStateChange() {}
 
 // TODO(lead): IPC, state words and statistics; with no plug-in attached nothing is sent.
 int CSWGAgent::SendSWGState(const std::string& /*state*/, int /*update*/) { return 0; }
+// TODO(lead): state file; until state reporting lands there is no SWGState.json to write.
+int CSWGAgent::UpdateSWGStateFile() { return 0; }
 void CSWGAgent::StatsStopCollecting() {}
 void CSWGAgent::StatsIncrementTotalBypassedHostConnections() {}
 void CSWGAgent::StatsIncrementTotalHTTPConnections() {}

@@ -18,7 +18,8 @@ trap cleanup EXIT
 
 confdir="$tmp/trevo/trevoclient/tarnwall/SWG"
 mkdir -p "$confdir"
-cp "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" "$confdir/" 2>/dev/null || true
+cp "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" "$confdir/" \
+    || { echo "FAIL: cannot copy the sample configuration"; exit 1; }
 
 wait_for() {  # pattern, limit in 20 ms steps
     i=0
@@ -36,6 +37,13 @@ SWG_LOG_STDERR=1 SWG_DATA_ROOT="$tmp" unshare -n sh -c 'ip link set lo up; exec 
     >"$tmp/out" 2>"$tmp/err" &
 pid=$!
 wait_for "Service started successfully" 750
+# The start ends with the configuration monitor's first reload on the main thread. The
+# signal handler logs, so a signal that lands while that reload is inside syslog could
+# block the handler; wait until the start is over.
+wait_for "CSWGAgent::StartComponents done" 750
+# The sample configuration was read at start.
+grep -qF "SWG : Fail open policy has been set." "$tmp/err" \
+    || { echo "FAIL: the sample configuration was not read"; cat "$tmp/err"; exit 1; }
 
 kill -TERM "$pid"
 wait_for "Stopping components" 500

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+// Paths of the configuration files and a bounded, non-blocking reader for them.
+#include "config/ConfigFiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "foundation/GlobalUtils.h"
+
+const char g_szUpdateConfigFileName[] = "SWGConfig.json";
+const char g_szSWGConfigSubPath[] = "/trevo/trevoclient/tarnwall/SWG";
+
+bool GetSWGConfigFolder(std::string& folder) {
+    std::string root;
+    if (!GetAllUsersAppDataPath(root)) return false;
+    folder = root + g_szSWGConfigSubPath;
+    return true;
+}
+
+namespace {
+class CFileHandle {
+public:
+    explicit CFileHandle(int fd) : m_fd(fd) {}
+    ~CFileHandle() {
+        if (m_fd >= 0) close(m_fd);
+    }
+    CFileHandle(const CFileHandle&) = delete;
+    CFileHandle& operator=(const CFileHandle&) = delete;
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+}  // namespace
+
+ConfigReadResult ReadConfigText(const std::string& path, std::string& text) {
+    text.clear();
+    // O_NONBLOCK: opening a FIFO that somebody put in the file's place must not hang
+    // the caller waiting for a writer.
+    CFileHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (file.get() < 0) return ConfigReadResult::NotOpened;
+    struct stat info {};
+    if (fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        return ConfigReadResult::NotOpened;
+    }
+    // The size is only a hint: the writer may still be changing the file.
+    if (info.st_size > 0 && static_cast<std::size_t>(info.st_size) <= kMaxConfigFileBytes) {
+        text.reserve(static_cast<std::size_t>(info.st_size));
+    }
+    char block[8192];
+    for (;;) {
+        const ssize_t got = read(file.get(), block, sizeof(block));
+        if (got == 0) return ConfigReadResult::Read;
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            text.clear();
+            return ConfigReadResult::ReadFailed;
+        }
+        if (text.size() + static_cast<std::size_t>(got) > kMaxConfigFileBytes) {
+            text.clear();
+            return ConfigReadResult::TooLarge;
+        }
+        text.append(block, static_cast<std::size_t>(got));
+    }
+}

@@ -1,0 +1,230 @@
+// SPDX-License-Identifier: Apache-2.0
+// The configuration monitor's thread with real files in a temporary folder: replacement by
+// rename, writes in a row, deletion and return of the file, bad files and the stop.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ConfigTestSupport.h"
+#include "config/ConfigManager.h"
+#include "foundation/SSFileTrace.h"
+#include "foundation/Trace.h"
+#include "support/SyslogCapture.h"
+
+namespace {
+using config_test::EditConfig;
+using config_test::FullConfig;
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr char kFile[] = "SWGConfig.json";
+constexpr milliseconds kShortQuiet{300};
+// Generous: a loaded machine may be slow to wake the thread, never early.
+constexpr milliseconds kWakeSlack{1500};
+
+std::string WithDomain(const std::string& domain) {
+    return EditConfig(FullConfig(), "orgConfig/swgDomain", ("\"" + domain + "\"").c_str());
+}
+
+long ElapsedMs(Clock::time_point from, Clock::time_point to) {
+    return static_cast<long>(std::chrono::duration_cast<milliseconds>(to - from).count());
+}
+
+class ConfigMonitorTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_trace.Initialize("tsc_swgagent", "/", "swg.log", 0, TRACE_MASK_DEBUG, true, true, 10,
+                           10000, 100, 1, 0, 60);
+        g_pTraceObject = &m_trace;
+    }
+    void TearDown() override {
+        // The thread logs through the trace object: it must be gone before the object.
+        m_manager.reset();
+        g_pTraceObject = nullptr;
+    }
+
+    // Starts a monitor with the file in place and in force, and waits until it watches.
+    void StartWatching(milliseconds quiet, bool withFile = true) {
+        if (withFile) {
+            m_folder.Write(kFile, FullConfig());
+            ASSERT_TRUE(m_agent.Preload(m_folder.Path()));
+        }
+        m_manager.reset(
+            new CConfigManager(m_agent, m_folder.Path(), static_cast<unsigned int>(quiet.count())));
+        m_manager->StartThread();
+        ASSERT_EQ(m_manager->ReloadCount(), 1u) << "StartThread reloads once before the thread";
+        ASSERT_TRUE(config_test::WaitUntil(
+            [this] { return !m_capture.LinesWith("MonitorConfigChangesProc: pipe ").empty(); },
+            milliseconds(5000)));
+        m_agent.ClearCalls();
+    }
+    // Waits until `count` reloads have run to their end; false if `limit` passed first.
+    bool WaitForReloads(unsigned int count, milliseconds limit) {
+        return config_test::WaitUntil([&] { return m_manager->ReloadCount() >= count; }, limit);
+    }
+    std::string DomainInForce() { return m_agent.GetOrgInfo().strSWGDomain; }
+    Clock::time_point LoadTime(std::size_t index) { return m_agent.LoadTimes().at(index); }
+
+    swg_test::SyslogCapture m_capture;
+    CSSFileTrace m_trace;
+    config_test::TempFolder m_folder;
+    config_test::RecordingAgent m_agent;
+    std::unique_ptr<CConfigManager> m_manager;
+};
+
+// Guards survival of replacement by rename: the new file is watched and read once, a whole
+// quiet period after the last event.
+TEST_F(ConfigMonitorTest, RenameReplacementReloadsOnceAfterTheQuietPeriod) {
+    StartWatching(milliseconds(CConfigManager::kQuietPeriodMs));
+    m_folder.Replace(kFile, WithDomain("renamed.swg.test"));
+    const Clock::time_point replaced = Clock::now();
+    ASSERT_TRUE(WaitForReloads(2, milliseconds(2000) + kWakeSlack));
+    EXPECT_GE(ElapsedMs(replaced, LoadTime(1)), 1900);
+    EXPECT_EQ(DomainInForce(), "renamed.swg.test");
+    EXPECT_EQ(m_agent.Calls(),
+              (std::vector<std::string>{"SetOrgInfo", "SetActiveTowerName", "UpdateSWGStateFile"}));
+
+    // The replacement is watched: an edit of it is seen too.
+    m_folder.Write(kFile, WithDomain("edited.swg.test"));
+    ASSERT_TRUE(WaitForReloads(3, milliseconds(2000) + kWakeSlack));
+    EXPECT_EQ(DomainInForce(), "edited.swg.test");
+}
+
+// Guards the quiet period's restart: writes a second apart keep postponing the reload, which
+// comes once, after the last write.
+TEST_F(ConfigMonitorTest, FiveWritesASecondApartGiveOneReload) {
+    StartWatching(milliseconds(CConfigManager::kQuietPeriodMs));
+    Clock::time_point lastWrite;
+    for (int write = 1; write <= 5; ++write) {
+        if (write > 1) std::this_thread::sleep_for(milliseconds(1000));
+        m_folder.Write(kFile, WithDomain("write" + std::to_string(write) + ".swg.test"));
+        lastWrite = Clock::now();
+    }
+    EXPECT_EQ(m_agent.LoadCount(), 1u) << "reloaded while the writer was still busy";
+    ASSERT_TRUE(WaitForReloads(2, milliseconds(2000) + kWakeSlack));
+    EXPECT_GE(ElapsedMs(lastWrite, LoadTime(1)), 1900);
+    EXPECT_EQ(DomainInForce(), "write5.swg.test");
+    EXPECT_FALSE(WaitForReloads(3, milliseconds(1000)));
+}
+
+// Guards the file-missing state: a deletion never reloads (the last good record stays), and
+// the file's return is picked up by the folder watch and read once.
+TEST_F(ConfigMonitorTest, DeleteThenRecreateReloadsOnceAfterTheFileIsBack) {
+    StartWatching(kShortQuiet);
+    m_folder.Remove(kFile);
+    EXPECT_FALSE(WaitForReloads(2, kShortQuiet * 3));
+    EXPECT_TRUE(m_agent.Calls().empty());
+    EXPECT_EQ(DomainInForce(), "gateway.swg.test");
+
+    const Clock::time_point back = Clock::now();
+    m_folder.Write(kFile, WithDomain("back.swg.test"));
+    ASSERT_TRUE(WaitForReloads(2, kShortQuiet + kWakeSlack));
+    EXPECT_GE(ElapsedMs(back, LoadTime(1)), kShortQuiet.count() - 20);
+    EXPECT_EQ(DomainInForce(), "back.swg.test");
+    EXPECT_FALSE(WaitForReloads(3, kShortQuiet * 3));
+}
+
+// Guards the start without a file: the first reload reports the error, and a file that
+// appears later is watched and read.
+TEST_F(ConfigMonitorTest, FileThatAppearsLaterIsPickedUp) {
+    StartWatching(kShortQuiet, false);
+    m_folder.Write(kFile, FullConfig());
+    ASSERT_TRUE(WaitForReloads(2, kShortQuiet + kWakeSlack));
+    EXPECT_EQ(DomainInForce(), "gateway.swg.test");
+    m_folder.Write(kFile, WithDomain("later.swg.test"));
+    ASSERT_TRUE(WaitForReloads(3, kShortQuiet + kWakeSlack));
+    EXPECT_EQ(DomainInForce(), "later.swg.test");
+}
+
+// Guards a bad write during operation: the record in force stays, "config_error" goes out,
+// and the next good file is read as usual.
+TEST_F(ConfigMonitorTest, MalformedFileKeepsTheRecordAndReportsConfigError) {
+    StartWatching(kShortQuiet);
+    m_folder.Write(kFile, "{\"orgConfig\": {\"swgDomain\": ");
+    ASSERT_TRUE(WaitForReloads(2, kShortQuiet + kWakeSlack));
+    EXPECT_EQ(m_agent.Calls(), std::vector<std::string>{"SendSWGState:config_error:0"});
+    EXPECT_EQ(DomainInForce(), "gateway.swg.test");
+
+    m_agent.ClearCalls();
+    m_folder.Write(kFile, WithDomain("fixed.swg.test"));
+    ASSERT_TRUE(WaitForReloads(3, kShortQuiet + kWakeSlack));
+    EXPECT_EQ(DomainInForce(), "fixed.swg.test");
+}
+
+// Guards the comparison through the watch: unchanged content and a change of letter case
+// in the domain store nothing; a change of case in the trusted server is stored.
+TEST_F(ConfigMonitorTest, RewritesStoreOnlyRealChanges) {
+    StartWatching(kShortQuiet);
+    m_folder.Write(kFile, FullConfig());
+    ASSERT_TRUE(WaitForReloads(2, kShortQuiet + kWakeSlack));
+    m_folder.Write(kFile, WithDomain("Gateway.SWG.test"));
+    ASSERT_TRUE(WaitForReloads(3, kShortQuiet + kWakeSlack));
+    EXPECT_TRUE(m_agent.Calls().empty());
+    EXPECT_EQ(DomainInForce(), "gateway.swg.test");
+
+    m_folder.Write(kFile,
+                   EditConfig(FullConfig(), "orgConfig/swgTrustedServer", R"("Trusted.SWG.test")"));
+    ASSERT_TRUE(WaitForReloads(4, kShortQuiet + kWakeSlack));
+    EXPECT_EQ(m_agent.Calls(), (std::vector<std::string>{"SetOrgInfo", "OnBackoffStateChange"}));
+    EXPECT_EQ(m_agent.GetOrgInfo().strTrustedServer, "Trusted.SWG.test");
+}
+
+// Guards the stop: the pipe wakes the thread in the middle of a quiet period, the thread
+// ends, and the pending reload is dropped.
+TEST_F(ConfigMonitorTest, StopDuringTheQuietPeriodEndsWithoutAReload) {
+    StartWatching(milliseconds(1000));
+    m_folder.Write(kFile, WithDomain("dropped.swg.test"));
+    ASSERT_TRUE(config_test::WaitUntil(
+        [this] {
+            return !m_capture.LinesWith("after file change event wait couple seconds").empty();
+        },
+        milliseconds(2000)));
+    m_manager->StopMonitorThread();
+    EXPECT_TRUE(m_manager->WaitForMonitorEnd(500));
+    EXPECT_EQ(m_capture.LinesWith("MonitorConfigChangesProc: pipe event so exit").size(), 1u);
+    EXPECT_FALSE(WaitForReloads(2, milliseconds(1300)));
+    EXPECT_EQ(DomainInForce(), "gateway.swg.test");
+}
+
+// Guards the set-up failure: without the folder there is nothing to watch and the thread
+// ends at once with its message.
+TEST_F(ConfigMonitorTest, MissingFolderEndsTheThread) {
+    CConfigManager manager(m_agent, m_folder.PathOf("absent"), 100);
+    manager.StartThread();
+    EXPECT_TRUE(manager.WaitForMonitorEnd(2000));
+    EXPECT_EQ(
+        m_capture.LinesWith("MonitorConfigChangesProc: open folder error " + std::to_string(ENOENT))
+            .size(),
+        1u);
+}
+
+// Guards StopMonitorThread before any thread exists: it must not write its wake-up byte to
+// descriptor 0, which a pipe that was never made would leave in its place.
+TEST(ConfigMonitorStop, StopWithoutThreadWritesNothing) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
+    const int savedStdin = dup(STDIN_FILENO);
+    ASSERT_GE(savedStdin, 0);
+    ASSERT_EQ(dup2(fds[1], STDIN_FILENO), STDIN_FILENO);
+    {
+        config_test::RecordingAgent agent;
+        CConfigManager manager(agent, "/nonexistent", 100);
+        manager.StopMonitorThread();
+        EXPECT_TRUE(manager.WaitForMonitorEnd(0));
+    }
+    dup2(savedStdin, STDIN_FILENO);
+    close(savedStdin);
+    char byte = 0;
+    EXPECT_EQ(read(fds[0], &byte, 1), -1) << "wrote '" << byte << "' to descriptor 0";
+    close(fds[0]);
+    close(fds[1]);
+}
+
+}  // namespace
