@@ -4,6 +4,7 @@
 
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include <boost/interprocess/exceptions.hpp>
 #include <boost/interprocess/permissions.hpp>
 #include <boost/interprocess/sync/named_semaphore.hpp>
+#include <boost/thread/thread.hpp>
 
 #include "core/MessageLoop.h"
 #include "core/OsEvents.h"
@@ -294,6 +296,23 @@ void TerminationHandler(int signal) {
     }
 }
 
+namespace {
+// Signals sent from outside the process (a supervisor, a terminal, a resource limit).
+// They are blocked in every thread and taken by one thread with sigwait, so that
+// TerminationHandler runs in thread context: it takes locks and writes to syslog, which a
+// handler that interrupts a thread inside syslog or holding those locks would deadlock on.
+// Faults raised by the process itself (SIGILL, SIGABRT, SIGFPE, SIGSYS) cannot be taken
+// that way and keep the handler installed by signal().
+const int kExternalSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXCPU, SIGXFSZ, SIGVTALRM, SIGPROF};
+
+void SignalThreadBody(sigset_t signals) {
+    for (;;) {
+        int signal = 0;
+        if (sigwait(&signals, &signal) == 0) TerminationHandler(signal);
+    }
+}
+}  // namespace
+
 void InstallSignalTable() {
     // In the order of their numbers; SIGKILL is asked for although it cannot be caught.
     struct Entry {
@@ -309,4 +328,11 @@ void InstallSignalTable() {
     for (const Entry& entry : table) {
         (void)std::signal(entry.signal, entry.ignore ? SIG_IGN : TerminationHandler);
     }
+
+    // Blocked before any other thread exists, so every thread inherits the mask.
+    sigset_t external;
+    sigemptyset(&external);
+    for (const int signal : kExternalSignals) sigaddset(&external, signal);
+    pthread_sigmask(SIG_BLOCK, &external, nullptr);
+    boost::thread(&SignalThreadBody, external).detach();
 }
