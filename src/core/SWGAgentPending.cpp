@@ -13,15 +13,6 @@ void CSWGAgent::UpdateFedRampMode() {}
 void CSWGAgent::StartConfigMonitor() {}
 void CSWGAgent::StopConfigMonitor() {}
 
-// TODO(lead): redirector; without one there is no handle to close.
-bool CSWGAgent::CloseRedirectorInterface(unsigned char /*reason*/) { return false; }
-long CSWGAgent::StartKDF(unsigned char /*reason*/) { return 0; }
-bool CSWGAgent::StopKDF(unsigned char /*reason*/) { return true; }
-bool CSWGAgent::RestartKDF(unsigned char /*reason*/) { return true; }
-void CSWGAgent::OnKdfDisruption() {}
-void CSWGAgent::OnPlannedKdfDisruptionStart(PlannedDisruption /*what*/) {}
-void CSWGAgent::OnPlannedKdfDisruptionComplete(PlannedDisruption /*what*/) {}
-
 // TODO(lead): listeners; until they land no connection is accepted.
 bool CSWGAgent::CreateListeners(long& error) {
     m_bIPv6Present = false;
