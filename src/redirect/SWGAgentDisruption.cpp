@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Recovery of the redirector after its kernel side went away, announced or not.
+#include <pthread.h>
+#include <signal.h>
+
 #include <exception>
 #include <string>
 #include <thread>
@@ -11,6 +14,14 @@
 namespace {
 
 constexpr int kRecoveryAttempts = 3;
+
+// The signal handler closes the redirector; on a thread that is inside the redirector it
+// would wait for itself. Redirector threads leave signals to the others.
+void BlockSignalsOnThisThread() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
 
 // The word for `what` in the notices; values without a word give "".
 const char* PlannedDisruptionWord(PlannedDisruption what) {
@@ -49,6 +60,7 @@ void CSWGAgent::OnKdfDisruption() {
 }
 
 void CSWGAgent::RunKdfRecovery() {
+    BlockSignalsOnThisThread();
     try {
         for (int attempt = 1; attempt <= kRecoveryAttempts; ++attempt) {
             if (!StopKDF(reason_disruption)) DNTRACE(WARN, "Stop KDF Plugin failed.");
@@ -82,6 +94,7 @@ void CSWGAgent::OnPlannedKdfDisruptionStart(PlannedDisruption what) {
 }
 
 void CSWGAgent::RunPlannedDisruptionStart() {
+    BlockSignalsOnThisThread();
     // Neither the lock nor the state: the agent keeps its handle and believes in Running
     // while the kernel side is replaced. A handle already released is left alone rather
     // than dereferenced.

@@ -7,6 +7,8 @@
 #include "platform/linux/NftRedirector.h"
 
 #include <arpa/inet.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -313,6 +315,11 @@ void CNftRedirector::StopWatcher() {
 }
 
 void CNftRedirector::WatchLoop() {
+    // The agent's signal handler works on the redirector; run on this thread while it holds
+    // m_lock, it would wait for itself.
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
     std::unique_lock<std::mutex> hold(m_lock);
     while (!m_stopWatcher) {
         const bool fast = m_waitingForListener && m_fastPolls < m_options.listenerPollLimit;
