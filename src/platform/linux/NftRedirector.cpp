@@ -17,6 +17,8 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <set>
+#include <utility>
 
 #include "foundation/Trace.h"
 #include "platform/SocketMark.h"
@@ -234,7 +236,7 @@ NftBuildInputs CNftRedirector::GatherInputsLocked(bool& waiting) {
     NftBuildInputs inputs;
     inputs.ownPid = static_cast<int32_t>(getpid());
     inputs.passMark = SWG_SOCKET_MARK;
-    waiting = false;
+    std::set<std::pair<int, uint16_t>> down;
     for (const redirect_info& rule : m_rules) {
         const NftRuleKind kind = ClassifyNftRule(rule, inputs.ownPid);
         if (kind == NftRuleKind::OtherProcess) {
@@ -252,20 +254,21 @@ NftBuildInputs CNftRedirector::GatherInputsLocked(bool& waiting) {
             }
         }
         const std::pair<int, uint16_t> listener{rule.rule_family, ntohs(rule.redirect_port)};
-        if (inputs.listening.count(listener) != 0) continue;
+        if (inputs.listening.count(listener) != 0 || down.count(listener) != 0) continue;
         const bool up = m_options.isListening
                             ? m_options.isListening(listener.first, listener.second)
                             : IsLoopbackPortListening(listener.first, listener.second);
         if (up) {
             inputs.listening.insert(listener);
-        } else {
-            waiting = true;
-            if (!m_waitLogged) {
-                DNTRACE(TRACE, "Redirector: %s diversion waits for a listener on port %d",
-                        FamilyName(listener.first), static_cast<int>(listener.second));
-            }
+            continue;
+        }
+        down.insert(listener);
+        if (!m_waitLogged) {
+            DNTRACE(TRACE, "Redirector: %s diversion waits for a listener on port %d",
+                    FamilyName(listener.first), static_cast<int>(listener.second));
         }
     }
+    waiting = !down.empty();
     if (waiting) m_waitLogged = true;
     return inputs;
 }
