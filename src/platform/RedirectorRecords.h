@@ -37,6 +37,8 @@ struct ngc_cidr_addr {
 static_assert(sizeof(ngc_cidr_addr) == 24, "ngc_cidr_addr is 24 bytes");
 
 // The fixed head of a redirect_info record: the scalar fields at their offsets, packed.
+// rule_family, rule_reserved_id and rule_excluded_pid are misaligned: copy them (e.g. `+x`)
+// rather than bind a reference to them (EXPECT_EQ, std::pair, std::min all take references).
 #pragma pack(push, 1)
 struct redirect_info_head {
     int32_t rule_action;         // 0 add, 1 remove

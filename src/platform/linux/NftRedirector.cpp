@@ -253,7 +253,8 @@ NftBuildInputs CNftRedirector::GatherInputsLocked(bool& waiting) {
                 inputs.resolvedNames[name] = m_resolved[name];
             }
         }
-        const std::pair<int, uint16_t> listener{rule.rule_family, ntohs(rule.redirect_port)};
+        const int family = rule.rule_family;  // a packed field: copied, never referenced
+        const std::pair<int, uint16_t> listener{family, ntohs(rule.redirect_port)};
         if (inputs.listening.count(listener) != 0 || down.count(listener) != 0) continue;
         const bool up = m_options.isListening
                             ? m_options.isListening(listener.first, listener.second)

@@ -51,11 +51,11 @@ void ExpectRedirect(const redirect_info& rule, int family, uint16_t port) {
     EXPECT_EQ(rule.rule_pid, -1);
     EXPECT_EQ(rule.peer_port, htons(port));
     EXPECT_EQ(rule.redirect_port, htons(5002));
-    EXPECT_EQ(rule.rule_family, family);
+    EXPECT_EQ(+rule.rule_family, family);
     EXPECT_EQ(rule.rule_protocol, IPPROTO_TCP);
     EXPECT_EQ(rule.rule_flags, 0);
-    EXPECT_EQ(rule.rule_reserved_id, -1);
-    EXPECT_EQ(rule.rule_excluded_pid, static_cast<int32_t>(getpid()));
+    EXPECT_EQ(+rule.rule_reserved_id, -1);
+    EXPECT_EQ(+rule.rule_excluded_pid, static_cast<int32_t>(getpid()));
 }
 
 void ExpectNoRedirect(const redirect_info& rule, int family, int32_t pid) {
@@ -66,10 +66,10 @@ void ExpectNoRedirect(const redirect_info& rule, int family, int32_t pid) {
     EXPECT_EQ(rule.rule_pid, pid);
     EXPECT_EQ(rule.peer_port, 0);
     EXPECT_EQ(rule.redirect_port, 0);
-    EXPECT_EQ(rule.rule_family, family);
+    EXPECT_EQ(+rule.rule_family, family);
     EXPECT_EQ(rule.rule_protocol, IPPROTO_TCP);
-    EXPECT_EQ(rule.rule_reserved_id, -1);
-    EXPECT_EQ(rule.rule_excluded_pid, -1);
+    EXPECT_EQ(+rule.rule_reserved_id, -1);
+    EXPECT_EQ(+rule.rule_excluded_pid, -1);
     EXPECT_TRUE(rule.include_addrs.empty() && rule.exclude_addrs.empty());
     EXPECT_TRUE(rule.include_hosts.empty() && rule.exclude_hosts.empty());
 }
