@@ -26,6 +26,7 @@
 #include "platform/linux/NftRedirector.h"
 #include "support/NetnsScope.h"
 #include "support/SocketPeers.h"
+#include "support/TraceRecorder.h"
 
 namespace swg_test {
 namespace {
@@ -162,6 +163,7 @@ protected:
         }
         m_agent.reset();
         m_redirector.reset();
+        m_trace.reset();  // after every thread that could still log to it
         m_netns.reset();
     }
 
@@ -210,6 +212,7 @@ protected:
     UniqueFd m_agentListener;
     UniqueFd m_agentListener6;
     CountingCallback m_callback;
+    std::unique_ptr<TraceRecorder> m_trace;
     std::unique_ptr<CNftRedirector> m_redirector;
     std::unique_ptr<CSWGAgent> m_agent;
 };
@@ -359,6 +362,30 @@ TEST_F(NftRedirectorIntegrationTest, ConnectionExceptionsAreRecordedNotRendered)
     one.front().rule_action = 1;
     ASSERT_EQ(m_redirector->SetRedirects(one), 0);
     EXPECT_EQ(m_redirector->RecordedRules().size(), recorded);
+}
+
+// Guards the VPN daemon's rule where nftables cannot match its cgroup: logged as not
+// supported, and the rest of the table still goes in.
+TEST_F(NftRedirectorIntegrationTest, UnmatchableProcessRuleIsLoggedAndTheTableStillApplied) {
+    m_trace = std::make_unique<TraceRecorder>();
+    NftRedirectorOptions options = FastOptions();
+    options.cgroupOf = [](int32_t) { return std::string("/no/such/cgroup.service"); };
+    m_redirector = std::make_unique<CNftRedirector>(options);
+    ASSERT_EQ(m_redirector->OpenPlugin(&m_callback), 0);
+    std::list<redirect_info> rules = AgentRules();
+    redirect_info daemon = rules.back();  // the agent's own IPv6 no-redirect rule
+    daemon.rule_pid = 4242;
+    rules.push_back(daemon);
+    ASSERT_EQ(m_redirector->SetRedirects(rules), 0);
+    ASSERT_EQ(m_redirector->Start(), 0);
+    EXPECT_TRUE(TableExists());
+    EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
+    const auto lines = m_trace->With("no-redirect rule for process 4242 not supported");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].level, static_cast<unsigned int>(WARN));
+    std::string listing;
+    ASSERT_EQ(RunNftCommand("list table inet tsc_swg", &listing), 0);
+    EXPECT_EQ(listing.find("cgroupv2"), std::string::npos) << listing;
 }
 
 // Guards the whole recovery: the agent on the real redirector notices the deleted table,
