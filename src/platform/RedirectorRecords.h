@@ -30,8 +30,8 @@ static_assert(offsetof(ngc_session_info, process_id) == 796, "process_id at 796"
 
 // An address with its prefix length, 24 bytes.
 struct ngc_cidr_addr {
-    uint32_t cidr_family;        // AF_INET or AF_INET6 of this host
-    unsigned char cidr_addr[16]; // network order; IPv4 in the first four bytes
+    uint32_t cidr_family;         // AF_INET or AF_INET6 of this host
+    unsigned char cidr_addr[16];  // network order; IPv4 in the first four bytes
     uint32_t cidr_prefix_bits;
 };
 static_assert(sizeof(ngc_cidr_addr) == 24, "ngc_cidr_addr is 24 bytes");
@@ -41,20 +41,20 @@ static_assert(sizeof(ngc_cidr_addr) == 24, "ngc_cidr_addr is 24 bytes");
 // rather than bind a reference to them (EXPECT_EQ, std::pair, std::min all take references).
 #pragma pack(push, 1)
 struct redirect_info_head {
-    int32_t rule_action;         // 0 add, 1 remove
-    int32_t rule_op;             // 1 no-redirect, 2 redirect
-    int32_t rule_class;          // always 1
-    int32_t rule_pid;            // -1 any process
-    uint16_t peer_port;          // network order; 0 any
-    uint16_t redirect_port;      // network order; 0 in a no-redirect rule
+    int32_t rule_action;     // 0 add, 1 remove
+    int32_t rule_op;         // 1 no-redirect, 2 redirect
+    int32_t rule_class;      // always 1
+    int32_t rule_pid;        // -1 any process
+    uint16_t peer_port;      // network order; 0 any
+    uint16_t redirect_port;  // network order; 0 in a no-redirect rule
     uint16_t reserved1;
-    int32_t rule_family;         // AF_INET or AF_INET6 of this host
+    int32_t rule_family;  // AF_INET or AF_INET6 of this host
     unsigned char reserved_addr[16];
-    uint8_t rule_protocol;       // IPPROTO_TCP
-    uint8_t rule_flags;          // bit 0: tied to the process in rule_pid
+    uint8_t rule_protocol;  // IPPROTO_TCP
+    uint8_t rule_flags;     // bit 0: tied to the process in rule_pid
     uint16_t reserved2;
-    int32_t rule_reserved_id;    // always -1
-    int32_t rule_excluded_pid;   // -1 none
+    int32_t rule_reserved_id;   // always -1
+    int32_t rule_excluded_pid;  // -1 none
 };
 #pragma pack(pop)
 static_assert(sizeof(redirect_info_head) == 54, "the scalar head is 54 bytes");
@@ -76,5 +76,6 @@ struct redirect_info : redirect_info_head {
     std::list<std::string> exclude_hosts;
     std::list<std::string> include_hosts;
 };
-static_assert(alignof(std::list<ngc_cidr_addr>) != 8 || sizeof(redirect_info) == 56 + 4 * sizeof(std::list<int>),
+static_assert(alignof(std::list<ngc_cidr_addr>) != 8 ||
+                  sizeof(redirect_info) == 56 + 4 * sizeof(std::list<int>),
               "lists follow the head at the next 8-byte boundary");

@@ -39,9 +39,9 @@ using RedirectorFactory = int (*)(ISocketRedirectorApi** out);
 RedirectorFactory SetDefaultRedirectorFactory(RedirectorFactory factory);
 
 // Where the redirection logic meets the platform. An empty member means the real one:
-// the default factory above, ReleaseLmsockSwgApi, a real sleep, ServiceUtils::GetPIDFromProcessName,
-// CSWGAgent::IsIPv6Installed. Tests fill them before the agent's redirector is used; they
-// are not changed while it runs.
+// the default factory above, ReleaseLmsockSwgApi, a real sleep,
+// ServiceUtils::GetPIDFromProcessName, CSWGAgent::IsIPv6Installed. Tests fill them before the
+// agent's redirector is used; they are not changed while it runs.
 struct RedirectorSeams {
     std::function<int(ISocketRedirectorApi**)> create;
     std::function<int(ISocketRedirectorApi**)> release;

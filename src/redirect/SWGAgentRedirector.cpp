@@ -3,10 +3,9 @@
 #include <arpa/inet.h>
 
 #include <atomic>
-#include <list>
-
 #include <boost/chrono/duration.hpp>
 #include <boost/thread/thread.hpp>
+#include <list>
 
 #include "core/SWGAgent.h"
 #include "foundation/GlobalConst.h"
@@ -143,8 +142,9 @@ bool CSWGAgent::StopKDF(unsigned char reason) {
     m_kdfStopReasons.fetch_or(reason);
     const AgentRunState state = m_kdfState;
     if (state == Stopping || state == Stopped) {
-        DNTRACE(TRACE,
-                "CSWGAgent::StopKDF - In the process of stopping or in stopped state already - ignore");
+        DNTRACE(
+            TRACE,
+            "CSWGAgent::StopKDF - In the process of stopping or in stopped state already - ignore");
         return true;
     }
     if (reason == reason_backoff) {

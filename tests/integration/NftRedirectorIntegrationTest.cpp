@@ -2,6 +2,7 @@
 // The nftables redirector in a network namespace of the test's own: what is diverted, what
 // is not, and what happens when the table goes.
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <linux/netfilter_ipv4.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -18,8 +19,6 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "core/SWGAgent.h"
 #include "platform/SocketMark.h"
 #include "platform/linux/NftCommand.h"
@@ -33,9 +32,9 @@ namespace {
 
 // Test hosts, all on the namespace's loopback interface.
 constexpr char kDivertedHost[] = "198.18.0.2";
-constexpr char kExceptedHost[] = "198.18.0.3";    // in the exception list as an address
-constexpr char kNamedHost[] = "198.18.0.4";       // what "blocked.test" resolves to
-constexpr char kPrivateHost[] = "10.0.0.2";       // in the built-in exceptions
+constexpr char kExceptedHost[] = "198.18.0.3";  // in the exception list as an address
+constexpr char kNamedHost[] = "198.18.0.4";     // what "blocked.test" resolves to
+constexpr char kPrivateHost[] = "10.0.0.2";     // in the built-in exceptions
 constexpr uint16_t kListenPort = 5002;
 constexpr auto kShort = std::chrono::milliseconds(300);
 constexpr auto kLong = std::chrono::seconds(3);
@@ -98,9 +97,7 @@ std::string OriginalDestination(int fd) {
     return std::string(text) + ":" + std::to_string(ntohs(original.sin_port));
 }
 
-bool TableExists() {
-    return RunNftCommand(std::string("list table inet ") + kNftTableName) == 0;
-}
+bool TableExists() { return RunNftCommand(std::string("list table inet ") + kNftTableName) == 0; }
 
 bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -142,10 +139,10 @@ protected:
         if (geteuid() != 0) GTEST_SKIP() << "needs root for network namespaces and nftables";
         m_netns = std::make_unique<NetnsScope>();
         if (!m_netns->Entered()) GTEST_SKIP() << "no network namespace: " << m_netns->Why();
-        ASSERT_TRUE(m_netns->Run(
-            "ip link set lo up && ip addr add 198.18.0.2/32 dev lo && "
-            "ip addr add 198.18.0.3/32 dev lo && ip addr add 198.18.0.4/32 dev lo && "
-            "ip addr add 10.0.0.2/32 dev lo"));
+        ASSERT_TRUE(
+            m_netns->Run("ip link set lo up && ip addr add 198.18.0.2/32 dev lo && "
+                         "ip addr add 198.18.0.3/32 dev lo && ip addr add 198.18.0.4/32 dev lo && "
+                         "ip addr add 10.0.0.2/32 dev lo"));
         for (const char* host : {kDivertedHost, kExceptedHost, kNamedHost, kPrivateHost}) {
             m_hosts.push_back(Bound(host, 80, SOCK_STREAM));
             ASSERT_GE(m_hosts.back().Get(), 0) << host;
@@ -405,8 +402,7 @@ TEST_F(NftRedirectorIntegrationTest, AgentRecoversFromADeletedTable) {
     ASSERT_EQ(*created, 1);
 
     ASSERT_EQ(RunNftCommand(std::string("delete table inet ") + kNftTableName), 0);
-    ASSERT_TRUE(WaitFor([&] { return *created == 2 && m_agent->m_kdfThreadsRunning == 0; },
-                        kLong));
+    ASSERT_TRUE(WaitFor([&] { return *created == 2 && m_agent->m_kdfThreadsRunning == 0; }, kLong));
     EXPECT_EQ(m_agent->KdfState(), Running);
     EXPECT_TRUE(TableExists());
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");

@@ -23,8 +23,8 @@ struct FakeRedirectorScript {
     std::vector<std::string> calls;  // "Create", "OpenPlugin", "Clear", "SetRedirects", ...
     std::vector<std::list<redirect_info>> given;  // each SetRedirects list, copied
     std::vector<unsigned int> sleeps;             // each injected sleep, in ms
-    std::deque<int> createResults, openResults, setRedirectsResults, startResults,
-        stopResults, clearResults, closeResults, releaseResults;
+    std::deque<int> createResults, openResults, setRedirectsResults, startResults, stopResults,
+        clearResults, closeResults, releaseResults;
     IKdfApiCB* callback = nullptr;  // as given to the last OpenPlugin
     int live = 0;                   // fakes created and not yet released
     bool ipv6 = true;               // what the IPv6 probe answers

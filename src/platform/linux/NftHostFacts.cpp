@@ -7,6 +7,7 @@
 #include "platform/linux/NftHostFacts.h"
 
 #include <netdb.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -16,13 +17,11 @@
 #include <fstream>
 #include <sstream>
 
-#include <netinet/in.h>
-
 namespace {
 
 constexpr long kCgroup2Magic = 0x63677270;  // CGROUP2_SUPER_MAGIC
 constexpr char kCgroupRoot[] = "/sys/fs/cgroup";
-constexpr char kListenState[] = "0A";       // TCP_LISTEN in /proc/net/tcp
+constexpr char kListenState[] = "0A";  // TCP_LISTEN in /proc/net/tcp
 
 bool SameAddress(const NftAddress& a, const NftAddress& b) {
     return a.family == b.family && a.bytes == b.bytes;
@@ -34,8 +33,7 @@ std::string ProcAddressOf(int family, bool loopback) {
     return loopback ? "00000000000000000000000001000000" : std::string(32, '0');
 }
 
-bool TableHasListener(const char* path, const std::vector<std::string>& addresses,
-                      uint16_t port) {
+bool TableHasListener(const char* path, const std::vector<std::string>& addresses, uint16_t port) {
     std::ifstream table(path);
     char portText[8];
     std::snprintf(portText, sizeof(portText), ":%04X", port);

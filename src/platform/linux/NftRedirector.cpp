@@ -247,8 +247,8 @@ NftBuildInputs CNftRedirector::GatherInputsLocked(bool& waiting) {
             for (const std::string& name : *names) {
                 // Resolved when the rules are applied; kept until the rules or the cache go.
                 if (m_resolved.count(name) == 0) {
-                    m_resolved[name] = m_options.resolve ? m_options.resolve(name)
-                                                         : ResolveNftHostAddresses(name);
+                    m_resolved[name] =
+                        m_options.resolve ? m_options.resolve(name) : ResolveNftHostAddresses(name);
                 }
                 inputs.resolvedNames[name] = m_resolved[name];
             }
@@ -349,8 +349,7 @@ void CNftRedirector::WatchLoop() {
 bool CNftRedirector::WatchOnceLocked() {
     if (!m_open) return false;
     if (!m_applied.empty()) {
-        const std::string list =
-            std::string("list table ") + kNftTableFamily + " " + kNftTableName;
+        const std::string list = std::string("list table ") + kNftTableFamily + " " + kNftTableName;
         if (RunNftCommand(list) != 0) {
             DNTRACE(WARN, "Redirector: table %s %s vanished; diversion is off", kNftTableFamily,
                     kNftTableName);

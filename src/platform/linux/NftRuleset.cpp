@@ -242,8 +242,8 @@ std::string RenderNftRuleset(const NftRuleset& ruleset) {
     for (const NftDivertRule& rule : ruleset.rules) {
         const std::string match = DestinationMatch(rule, sets);
         const std::string family = std::string("meta nfproto ") + FamilyWord(rule.family);
-        divert << "\t\t" << family << " tcp dport " << rule.port << match << " redirect to :"
-               << rule.redirectPort << "\n";
+        divert << "\t\t" << family << " tcp dport " << rule.port << match
+               << " redirect to :" << rule.redirectPort << "\n";
         // HTTP/3 goes over UDP where TCP diversion cannot see it; refusing it makes the
         // client fall back to TCP at once.
         quic << "\t\t" << family << " udp dport " << rule.port << match
@@ -251,8 +251,7 @@ std::string RenderNftRuleset(const NftRuleset& ruleset) {
     }
 
     std::ostringstream out;
-    out << RenderNftTableRemoval() << "table " << kNftTableFamily << " " << kNftTableName
-        << " {\n";
+    out << RenderNftTableRemoval() << "table " << kNftTableFamily << " " << kNftTableName << " {\n";
     sets.Render(out);
     out << "\tchain divert {\n\t\ttype nat hook output priority -100; policy accept;\n"
         << divert.str() << "\t}\n"

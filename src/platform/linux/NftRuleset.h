@@ -46,9 +46,8 @@ struct NftDivertRule {
     std::vector<NftAddressRange> include;  // only these are diverted when `inclusive`
     bool inclusive = false;
     bool operator==(const NftDivertRule& other) const {
-        return family == other.family && port == other.port &&
-               redirectPort == other.redirectPort && exclude == other.exclude &&
-               include == other.include && inclusive == other.inclusive;
+        return family == other.family && port == other.port && redirectPort == other.redirectPort &&
+               exclude == other.exclude && include == other.include && inclusive == other.inclusive;
     }
 };
 
@@ -76,12 +75,12 @@ struct NftBuildInputs {
 
 // What kind of rule the redirector has recorded.
 enum class NftRuleKind {
-    Divert,              // redirect rule with a port: enforced by the table
-    DivertWithoutPort,   // redirect rule for port 0: recorded, never enforced
-    OwnProcess,          // the agent's own no-redirect rule: enforced by the mark
-    ConnectionException, // a per-connection no-redirect rule: enforced by the mark
-    OtherProcess,        // another process never diverted: matched by cgroup where possible
-    Ignored,             // nothing the table can express
+    Divert,               // redirect rule with a port: enforced by the table
+    DivertWithoutPort,    // redirect rule for port 0: recorded, never enforced
+    OwnProcess,           // the agent's own no-redirect rule: enforced by the mark
+    ConnectionException,  // a per-connection no-redirect rule: enforced by the mark
+    OtherProcess,         // another process never diverted: matched by cgroup where possible
+    Ignored,              // nothing the table can express
 };
 
 // Classifies `rule` as recorded by a redirector running as process `ownPid`.

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Recovery after the redirector's kernel side went away, announced or not.
+#include <gtest/gtest.h>
+
 #include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "foundation/GlobalConst.h"
 #include "RedirectAgentFixture.h"
+#include "foundation/GlobalConst.h"
 
 namespace swg_test {
 namespace {
@@ -55,8 +55,8 @@ TEST_F(DisruptionRecoveryTest, DisruptionClosesAndRebuildsTheRedirector) {
     StartNormally();
     m_agent.OnKdfDisruption();
     ASSERT_TRUE(HandlerIdle());
-    const Calls expected = {"Clear(1)", "Stop",     "ClosePlugin",  "Release", "Create",
-                            "OpenPlugin", "Stop",   "Clear(1)",     "SetRedirects", "Start"};
+    const Calls expected = {"Clear(1)",   "Stop", "ClosePlugin", "Release",      "Create",
+                            "OpenPlugin", "Stop", "Clear(1)",    "SetRedirects", "Start"};
     EXPECT_EQ(m_script->Calls(), expected);
     EXPECT_EQ(m_agent.KdfState(), Running);
     EXPECT_EQ(m_agent.m_kdfStopReasons, 0);
@@ -76,8 +76,9 @@ TEST_F(DisruptionRecoveryTest, TwoNoticesStartOneRecovery) {
     m_agent.OnKdfDisruption();
     ASSERT_TRUE(gate.WaitEntered());
     m_agent.OnKdfDisruption();
-    EXPECT_EQ(m_trace.Count(WARN, "KDF Disruption handler thread already running. Disruption "
-                                  "not handled."),
+    EXPECT_EQ(m_trace.Count(WARN,
+                            "KDF Disruption handler thread already running. Disruption "
+                            "not handled."),
               1u);
     gate.Open();
     ASSERT_TRUE(HandlerIdle());
@@ -161,8 +162,9 @@ TEST_F(DisruptionRecoveryTest, FailedStopIsReportedAndTheStartStillTried) {
 TEST_F(DisruptionRecoveryTest, DisruptionWhileStoppedRebuilds) {
     m_agent.OnKdfDisruption();
     ASSERT_TRUE(HandlerIdle());
-    EXPECT_EQ(m_trace.Count(TRACE, "CSWGAgent::StopKDF - In the process of stopping or in "
-                                   "stopped state already - ignore"),
+    EXPECT_EQ(m_trace.Count(TRACE,
+                            "CSWGAgent::StopKDF - In the process of stopping or in "
+                            "stopped state already - ignore"),
               1u);
     EXPECT_EQ(m_script->Calls().front(), "Create");
     EXPECT_EQ(m_agent.KdfState(), Running);
@@ -175,9 +177,9 @@ TEST_F(DisruptionRecoveryTest, PlannedStartClosesThePluginButKeepsHandleAndState
     ISocketRedirectorApi* handle = m_agent.m_pRedirector;
     m_agent.OnPlannedKdfDisruptionStart(kext_failover);
     WaitForRedirectorThreads();
-    EXPECT_EQ(m_trace.Count(TRACE,
-                            "Notified of KDF kext failover start, closing connection to KDF."),
-              1u);
+    EXPECT_EQ(
+        m_trace.Count(TRACE, "Notified of KDF kext failover start, closing connection to KDF."),
+        1u);
     EXPECT_EQ(m_script->Calls(), (Calls{"Clear(1)", "Stop", "ClosePlugin"}));
     EXPECT_EQ(m_trace.Count(TRACE, "Closing KDF Plugin was successful (pre disruption)."), 1u);
     EXPECT_EQ(m_agent.m_pRedirector, handle);
@@ -205,9 +207,9 @@ TEST_F(DisruptionRecoveryTest, NoticesNameTheirReason) {
     m_agent.OnPlannedKdfDisruptionStart(debug_flag_update);
     WaitForRedirectorThreads();
     EXPECT_EQ(m_trace.Count(TRACE, "Notified of KDF  start, closing connection to KDF."), 1u);
-    EXPECT_EQ(m_trace.Count(TRACE,
-                            "Notified of KDF debug flag update start, closing connection to KDF."),
-              1u);
+    EXPECT_EQ(
+        m_trace.Count(TRACE, "Notified of KDF debug flag update start, closing connection to KDF."),
+        1u);
 }
 
 // Guards that a completion notice, even without a start before it, is a plain disruption.

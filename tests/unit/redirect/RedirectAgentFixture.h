@@ -2,12 +2,12 @@
 // Fixture of the redirection tests: an agent of its own on a fake redirector.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "core/SWGAgent.h"
 #include "support/FakeSocketRedirector.h"

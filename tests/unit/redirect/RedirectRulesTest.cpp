@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The rule list built from the configuration texts, and the parser of address lists.
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -8,8 +9,6 @@
 #include <list>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "RedirectAgentFixture.h"
 
@@ -38,7 +37,7 @@ protected:
     Parsed Parse(const std::string& text, bool ipv6) {
         Parsed parsed;
         EXPECT_TRUE(m_agent.parse_addresses_str_to_cidr_addr(text, parsed.ipv4, parsed.ipv6,
-                                                              parsed.names, ipv6));
+                                                             parsed.names, ipv6));
         return parsed;
     }
 };
@@ -131,8 +130,9 @@ TEST_F(RedirectRulesTest, BuiltInExceptionsAreEighteenEntries) {
     EXPECT_EQ(parsed.ipv6.back().cidr_prefix_bits, 7u);
     EXPECT_EQ(m_trace.Count(THREAD, "Parse addr to cidr: ip is 10.0.0.0 and mask is 8"), 1u);
     EXPECT_EQ(m_trace.Count(THREAD, "added exception or inclusion: A 8"), 1u);
-    EXPECT_EQ(m_trace.Count(THREAD, "added exception or inclusion : "
-                                    "fe80:0000:0000:0000:0000:0000:0000:0000 - 10"),
+    EXPECT_EQ(m_trace.Count(THREAD,
+                            "added exception or inclusion : "
+                            "fe80:0000:0000:0000:0000:0000:0000:0000 - 10"),
               1u);
 }
 
@@ -187,9 +187,8 @@ TEST_F(RedirectRulesTest, PortListOfANumberAndAWordGivesThatPortAndPortZero) {
 // Guards where the lists go: exceptions and inclusions by family, names to the host lists,
 // shared by every redirect rule and absent from the no-redirect rules.
 TEST_F(RedirectRulesTest, ListsGoToEveryRedirectRuleByFamily) {
-    const std::vector<redirect_info> rules =
-        Build("80", "192.0.2.0/24;2001:db8::/32;skip.example",
-              "198.18.0.0/15;2001:2::/48;only.example");
+    const std::vector<redirect_info> rules = Build("80", "192.0.2.0/24;2001:db8::/32;skip.example",
+                                                   "198.18.0.0/15;2001:2::/48;only.example");
     ASSERT_EQ(rules.size(), 4u);
     EXPECT_EQ(rules[0].exclude_addrs.size(), 1u);
     EXPECT_EQ(rules[0].exclude_addrs.front().cidr_family, static_cast<uint32_t>(AF_INET));

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Opening, feeding, stopping and closing the redirector, and the stop-reason mask.
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "foundation/GlobalConst.h"
 #include "RedirectAgentFixture.h"
+#include "foundation/GlobalConst.h"
 
 namespace swg_test {
 namespace {
@@ -32,8 +31,11 @@ TEST_F(RedirectorInterfaceTest, StartCreatesOpensClearsInstallsAndStarts) {
     EXPECT_EQ(m_trace.Count(THREAD, "SocketRedirectorApi->Start success"), 1u);
     EXPECT_EQ(m_trace.Count(THREAD, "InitialiseRedirectorInterface"), 1u);
     EXPECT_EQ(m_trace.Count(TRACE, "SetRedirects returned 0."), 1u);
-    EXPECT_EQ(m_trace.Count(TRACE, "redirectInfoList iteration: op=2 peerport=443 redirectport=5002"), 2u);
-    EXPECT_EQ(m_trace.Count(TRACE, "redirectInfoList iteration: op=1 peerport=0 redirectport=0"), 2u);
+    EXPECT_EQ(
+        m_trace.Count(TRACE, "redirectInfoList iteration: op=2 peerport=443 redirectport=5002"),
+        2u);
+    EXPECT_EQ(m_trace.Count(TRACE, "redirectInfoList iteration: op=1 peerport=0 redirectport=0"),
+              2u);
 }
 
 // Guards the unbounded retry of OpenPlugin and its pauses: 2 s times the attempt up to
@@ -47,8 +49,8 @@ TEST_F(RedirectorInterfaceTest, OpenPluginIsRetriedOnTheGrowingSchedule) {
     EXPECT_EQ(m_script->Count("OpenPlugin"), 10u);
     EXPECT_EQ(m_script->Count("Create"), 1u);
     for (unsigned int attempt = 1; attempt <= 9; ++attempt) {
-        EXPECT_EQ(m_trace.Count(ERR, "OpenPlugin returned kdf error: 5, Attempt #" +
-                                         std::to_string(attempt)),
+        EXPECT_EQ(m_trace.Count(
+                      ERR, "OpenPlugin returned kdf error: 5, Attempt #" + std::to_string(attempt)),
                   1u);
     }
     EXPECT_EQ(m_script->Calls().back(), "Start");
@@ -61,9 +63,9 @@ TEST_F(RedirectorInterfaceTest, RefusedRulesOrStartOpenAgainWithoutPause) {
     m_script->startResults = {8};
     m_script->openResults = {0, 0, 3};  // the third open needs one retry
     EXPECT_EQ(m_agent.StartKDF(reason_rules_refresh), 0);
-    const Calls expected = {"Create",   "OpenPlugin",   "Stop",       "Clear(1)",
-                            "SetRedirects", "OpenPlugin", "Stop",      "Clear(1)",
-                            "SetRedirects", "Start",      "OpenPlugin", "OpenPlugin",
+    const Calls expected = {"Create",       "OpenPlugin", "Stop",         "Clear(1)",
+                            "SetRedirects", "OpenPlugin", "Stop",         "Clear(1)",
+                            "SetRedirects", "Start",      "OpenPlugin",   "OpenPlugin",
                             "Stop",         "Clear(1)",   "SetRedirects", "Start"};
     EXPECT_EQ(m_script->Calls(), expected);
     EXPECT_EQ(m_script->Sleeps(), std::vector<unsigned int>{2000});
@@ -116,7 +118,8 @@ TEST_F(RedirectorInterfaceTest, StopReturningDisconnectedCountsAsClean) {
     EXPECT_EQ(m_agent.KdfState(), Stopped);
     EXPECT_EQ(m_agent.m_pRedirector, nullptr);
     EXPECT_EQ(m_script->Live(), 0);
-    EXPECT_EQ(m_trace.Count(TRACE, "StopKDF: SocketRedirectorApi->Stop NGC_ERROR_DISCONNECTED"), 1u);
+    EXPECT_EQ(m_trace.Count(TRACE, "StopKDF: SocketRedirectorApi->Stop NGC_ERROR_DISCONNECTED"),
+              1u);
     EXPECT_EQ(m_trace.Count(TRACE, "CloseRedirectorInterface has closed the interface"), 1u);
     EXPECT_FALSE(m_agent.CloseRedirectorInterface(reason_rules_refresh));
 }
@@ -133,8 +136,9 @@ TEST_F(RedirectorInterfaceTest, StopErrorKeepsTheHandleUnlessTheReasonIsDisrupti
     EXPECT_EQ(m_trace.Count(ERR, "StopKDF: SocketRedirectorApi->Stop ERROR returned 9"), 1u);
 
     EXPECT_TRUE(m_agent.StopKDF(reason_rules_refresh));
-    EXPECT_EQ(m_trace.Count(TRACE, "CSWGAgent::StopKDF - In the process of stopping or in "
-                                   "stopped state already - ignore"),
+    EXPECT_EQ(m_trace.Count(TRACE,
+                            "CSWGAgent::StopKDF - In the process of stopping or in "
+                            "stopped state already - ignore"),
               1u);
     EXPECT_EQ(m_agent.StartKDF(reason_rules_refresh), static_cast<long>(SWG_E_FAIL));
     EXPECT_EQ(m_script->Calls().size(), 2u);

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Host facts the diversion depends on, read from this process's own sockets and /proc.
-#include "platform/linux/NftHostFacts.h"
-
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,9 +9,8 @@
 #include <fstream>
 #include <string>
 
-#include <gtest/gtest.h>
-
 #include "platform/ServiceUtils.h"
+#include "platform/linux/NftHostFacts.h"
 #include "support/SocketPeers.h"
 
 namespace {

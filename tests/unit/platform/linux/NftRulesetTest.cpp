@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The diversion table built from recorded rules and its nft text, without the kernel.
-#include "platform/linux/NftRuleset.h"
-
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <cstring>
 #include <list>
 #include <string>
 
-#include <gtest/gtest.h>
+#include "platform/linux/NftRuleset.h"
 
 namespace {
 
@@ -72,7 +71,7 @@ std::vector<std::string> Formatted(const std::vector<NftAddressRange>& ranges) {
 // adjacent entries must arrive merged, host bits masked and over-long prefixes clamped.
 TEST(NftRangeTest, EntriesAreMaskedClampedAndMerged) {
     const std::list<ngc_cidr_addr> entries = {
-        Cidr("11.0.0.0", 8),    Cidr("10.1.2.3", 8),  Cidr("10.200.0.0", 16),
+        Cidr("11.0.0.0", 8),    Cidr("10.1.2.3", 8),   Cidr("10.200.0.0", 16),
         Cidr("192.0.2.7", 99),  Cidr("192.0.2.8", 32), Cidr("2001:db8::", 32),
         Cidr("198.18.0.0", 15),
     };
@@ -85,9 +84,9 @@ TEST(NftRangeTest, EntriesAreMaskedClampedAndMerged) {
 
 // Guards the edges of the address space: prefix 0 is everything, the last address merges.
 TEST(NftRangeTest, WholeSpaceAndLastAddress) {
-    EXPECT_EQ(Formatted(MergeNftRanges({Cidr("10.0.0.0", 0), Cidr("255.255.255.255", 32)}, {},
-                                       AF_INET)),
-              std::vector<std::string>{"0.0.0.0-255.255.255.255"});
+    EXPECT_EQ(
+        Formatted(MergeNftRanges({Cidr("10.0.0.0", 0), Cidr("255.255.255.255", 32)}, {}, AF_INET)),
+        std::vector<std::string>{"0.0.0.0-255.255.255.255"});
     EXPECT_EQ(Formatted(MergeNftRanges({Cidr("ff00::", 8), Cidr("::1", 128)}, {}, AF_INET6)),
               (std::vector<std::string>{"::1", "ff00::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}));
 }
@@ -96,8 +95,8 @@ class NftRulesetTest : public ::testing::Test {};
 
 // Guards the agent's list on a host without IPv6: the doubled IPv4 rule gives one table rule.
 TEST_F(NftRulesetTest, DoubledRulesAppearOnce) {
-    std::list<redirect_info> rules = {Redirect(AF_INET, 80), Redirect(AF_INET, 80),
-                                      Redirect(AF_INET, 443), Redirect(AF_INET, 443),
+    std::list<redirect_info> rules = {Redirect(AF_INET, 80),        Redirect(AF_INET, 80),
+                                      Redirect(AF_INET, 443),       Redirect(AF_INET, 443),
                                       NoRedirect(AF_INET, kOwnPid), NoRedirect(AF_INET6, kOwnPid)};
     const NftRuleset ruleset = BuildNftRuleset(rules, BothListening());
     ASSERT_EQ(ruleset.rules.size(), 2u);
@@ -119,9 +118,8 @@ TEST_F(NftRulesetTest, RulesAreClassifiedByWhatEnforcesThem) {
     EXPECT_EQ(ClassifyNftRule(Redirect(AF_INET, 0), kOwnPid), NftRuleKind::DivertWithoutPort);
     EXPECT_EQ(ClassifyNftRule(Redirect(AF_INET6, 80), kOwnPid), NftRuleKind::Divert);
 
-    const NftRuleset ruleset =
-        BuildNftRuleset({exception, Redirect(AF_INET, 0), NoRedirect(AF_INET, kOwnPid)},
-                        BothListening());
+    const NftRuleset ruleset = BuildNftRuleset(
+        {exception, Redirect(AF_INET, 0), NoRedirect(AF_INET, kOwnPid)}, BothListening());
     EXPECT_TRUE(ruleset.rules.empty());
 }
 
@@ -183,10 +181,10 @@ TEST_F(NftRulesetTest, OtherProcessesPassByTheirCgroup) {
     NftBuildInputs inputs = BothListening();
     inputs.cgroupOfPid[777] = "/system.slice/vpn.service";
     inputs.cgroupOfPid[888] = "";
-    const NftRuleset ruleset = BuildNftRuleset(
-        {Redirect(AF_INET, 80), NoRedirect(AF_INET, 777), NoRedirect(AF_INET6, 777),
-         NoRedirect(AF_INET, 888)},
-        inputs);
+    const NftRuleset ruleset =
+        BuildNftRuleset({Redirect(AF_INET, 80), NoRedirect(AF_INET, 777), NoRedirect(AF_INET6, 777),
+                         NoRedirect(AF_INET, 888)},
+                        inputs);
     EXPECT_EQ(ruleset.bypassCgroups, std::vector<std::string>{"/system.slice/vpn.service"});
 }
 
