@@ -204,7 +204,8 @@ int CSWGAgent::StartComponents() {
 
     // A missing hash manager is reported inside and does not stop the start.
     (void)InitializeHashManagerInterface();
-    // Traffic is diverted before the listeners exist; connections wait in the backlog.
+    // The redirector is started before the listeners exist; it holds its rules back until
+    // a listener listens, so no connection is diverted to a closed port.
     (void)StartKDF(0);
 
     const long statsResult = StartStatistics();

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,8 @@
 #include "config/OrgInfo.h"
 #include "foundation/ConditionEvent.h"
 #include "platform/KdfApiCB.h"
+#include "platform/RedirectorRecords.h"
+#include "redirect/RedirectTypes.h"
 
 class CDnListenThread;
 class ISocketRedirectorApi;
@@ -96,17 +99,50 @@ public:
     bool GetAnycastV6Available();
 
     // ---- redirector ----------------------------------------------------------------
+    // Without a handle, creates one (failure: SWG_E_FAIL) and opens it, retrying OpenPlugin
+    // without bound (2, 4, ... 12 s, then every 15 s). Then builds the rules of `info`,
+    // stops, clears, installs them and starts; a refused list or start goes back to the
+    // open. Holds m_redirectorLock throughout, so it can block for a long time. 0 once
+    // diverting, SWG_E_FAIL for an empty rule list (the handle then stays open).
+    long InitialiseRedirectorInterface(SVC_STARTUP_INFO& info);
+    // Under m_redirectorLock: clears, stops, closes and releases the redirector. True when
+    // it was released; false with no handle, or when Stop failed and `reason` is not
+    // reason_disruption (the handle then stays open and m_kdfState stays Stopping).
     bool CloseRedirectorInterface(unsigned char reason);
+    // Releases the handle and nulls it; a release error is only logged.
+    void releaseKDFInstance();
+    // Restarts the redirector when it is Stopped or `reason` is reason_backoff: 0 when
+    // RestartKDF reports success, else SWG_E_FAIL (also when refused in another state).
     long StartKDF(unsigned char reason);
+    // Records `reason` in m_kdfStopReasons, then clears the rules (reason_backoff, false
+    // without a handle) or closes the redirector. True when already stopping or stopped.
     bool StopKDF(unsigned char reason);
+    // Drops `reason` from m_kdfStopReasons; while another reason remains, does nothing and
+    // returns true. Otherwise rebuilds the rules from the configuration: reason_backoff
+    // only reinstalls them on the open handle (false without one or when refused); other
+    // reasons go through InitialiseRedirectorInterface and return true whatever it gave.
+    // False when the configuration has no port.
     bool RestartKDF(unsigned char reason);
+    // Appends the redirect rules of every monitored port (IPv4 and IPv6, or the IPv4 rule
+    // twice without IPv6), the agent's two no-redirect rules and, when the VPN daemon
+    // runs, its two. Refreshes m_bIPv6Present. Never fails; any thread.
+    void SetRedirectList(std::list<redirect_info>& rules, const SVC_STARTUP_INFO& info);
+    // Appends the ";" separated entries of `text` to `ipv4`, `ipv6` (addresses with their
+    // prefixes) and `names` (what is no address). IPv6 entries are dropped when
+    // `ipv6Enabled` is false. Bad entries are logged and dropped. Always returns true.
+    bool parse_addresses_str_to_cidr_addr(const std::string& text, std::list<ngc_cidr_addr>& ipv4,
+                                          std::list<ngc_cidr_addr>& ipv6,
+                                          std::list<std::string>& names, bool ipv6Enabled);
+    // Hands the one rule to the redirector under m_redirectorLock. True when applied; false
+    // without a handle or when the redirector refuses it.
+    bool SetKdfRedirectRule(const redirect_info& rule);
+    // Empties the redirector's own name cache under m_redirectorLock. True when done; false
+    // without a handle or when the redirector fails.
+    bool ClearRedirectorDnsCache();
+    // IKdfApiCB: each hands its work to a new detached thread and returns at once.
     void OnKdfDisruption() override;
     void OnPlannedKdfDisruptionStart(PlannedDisruption what) override;
     void OnPlannedKdfDisruptionComplete(PlannedDisruption what) override;
-    // Asks the redirector to empty its own name cache; the caller holds m_redirectorLock and
-    // has checked the handle. True when ClearDnsCache returned 0.
-    bool ClearRedirectorDnsCache();
-
     // ---- name resolution -------------------------------------------------------------
     // The cached IPv4 addresses (network order) of `host`, or an empty list when `host` is not
     // the cached host or the list is 31 seconds old or more; a miss empties the IPv4 list.
@@ -124,6 +160,21 @@ public:
     void sendClearDNSCacheCommand();
     // The clock of the cache stamps (null: the system clock); must outlive its use. For tests.
     void SetCacheClock(IClock* clock);
+
+    // Platform seams of the redirection control; see RedirectorSeams.
+    RedirectorSeams m_redirectorSeams;
+    // Detached redirector threads (recovery, planned start) that have not yet finished.
+    std::atomic<int> m_kdfThreadsRunning{0};
+
+private:
+    // Steps of the redirection control (src/redirect/).
+    void OpenRedirectorWithRetries();
+    bool InstallRedirectList(SVC_STARTUP_INFO& info, long& result);
+    bool ReinstallRedirectList(const SVC_STARTUP_INFO& info);
+    void RunKdfRecovery();
+    void RunPlannedDisruptionStart();
+
+public:
 
     // ---- network awareness -----------------------------------------------------------
     // Looks at the interfaces; 0 or 2 when something changed that matters.

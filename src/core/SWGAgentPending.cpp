@@ -6,17 +6,6 @@
 
 #include "foundation/Trace.h"
 
-// TODO(lead): redirector; without one there is no handle to close.
-bool CSWGAgent::CloseRedirectorInterface(unsigned char /*reason*/) { return false; }
-long CSWGAgent::StartKDF(unsigned char /*reason*/) { return 0; }
-bool CSWGAgent::StopKDF(unsigned char /*reason*/) { return true; }
-bool CSWGAgent::RestartKDF(unsigned char /*reason*/) { return true; }
-void CSWGAgent::OnKdfDisruption() {}
-void CSWGAgent::OnPlannedKdfDisruptionStart(PlannedDisruption /*what*/) {}
-void CSWGAgent::OnPlannedKdfDisruptionComplete(PlannedDisruption /*what*/) {}
-// TODO(lead): call ClearDnsCache on the redirector handle; without one nothing is cleared.
-bool CSWGAgent::ClearRedirectorDnsCache() { return false; }
-
 // TODO(lead): listeners; until they land no connection is accepted.
 bool CSWGAgent::CreateListeners(long& error) {
     m_bIPv6Present = false;

@@ -1,0 +1,261 @@
+// SPDX-License-Identifier: Apache-2.0
+// Pure construction and rendering of the diversion table.
+#if !defined(__linux__)
+#error "Linux adapter"
+#endif
+
+#include "platform/linux/NftRuleset.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+
+const char kNftTableFamily[] = "inet";
+const char kNftTableName[] = "tsc_swg";
+
+namespace {
+
+using Bytes = std::array<uint8_t, 16>;
+
+int WidthOf(int family) { return family == AF_INET ? 32 : 128; }
+
+// `bytes` + 1 within the family's width; false when it wraps past the last address.
+bool Increment(Bytes& bytes, int family) {
+    for (int i = WidthOf(family) / 8 - 1; i >= 0; --i) {
+        if (++bytes[static_cast<size_t>(i)] != 0) return true;
+    }
+    return false;
+}
+
+NftAddressRange RangeOf(const Bytes& address, uint32_t prefix, int family) {
+    const uint32_t width = static_cast<uint32_t>(WidthOf(family));
+    const uint32_t bits = std::min(prefix, width);
+    NftAddressRange range;
+    range.family = family;
+    for (uint32_t byte = 0; byte < width / 8; ++byte) {
+        const uint32_t kept = bits > byte * 8 ? std::min<uint32_t>(bits - byte * 8, 8) : 0;
+        const uint8_t mask = static_cast<uint8_t>(kept == 0 ? 0 : 0xFF << (8 - kept));
+        range.low[byte] = static_cast<uint8_t>(address[byte] & mask);
+        range.high[byte] = static_cast<uint8_t>(range.low[byte] | static_cast<uint8_t>(~mask));
+    }
+    return range;
+}
+
+std::vector<NftAddressRange> Merge(std::vector<NftAddressRange> ranges) {
+    std::sort(ranges.begin(), ranges.end(),
+              [](const NftAddressRange& a, const NftAddressRange& b) { return a.low < b.low; });
+    std::vector<NftAddressRange> merged;
+    for (const NftAddressRange& range : ranges) {
+        if (!merged.empty()) {
+            NftAddressRange& last = merged.back();
+            Bytes next = last.high;
+            // Overlapping or adjacent ranges become one; nft refuses overlapping intervals.
+            if (!Increment(next, last.family) || range.low <= next) {
+                if (last.high < range.high) last.high = range.high;
+                continue;
+            }
+        }
+        merged.push_back(range);
+    }
+    return merged;
+}
+
+std::string FormatAddress(const Bytes& bytes, int family) {
+    char text[INET6_ADDRSTRLEN] = {};
+    inet_ntop(family, bytes.data(), text, sizeof(text));
+    return text;
+}
+
+const char* FamilyWord(int family) { return family == AF_INET ? "ipv4" : "ipv6"; }
+const char* AddressMatch(int family) { return family == AF_INET ? "ip daddr" : "ip6 daddr"; }
+
+bool HasInclusions(const redirect_info& rule) {
+    return !rule.include_addrs.empty() || !rule.include_hosts.empty();
+}
+
+std::vector<NftAddress> AddressesOf(const std::list<std::string>& names,
+                                    const NftBuildInputs& inputs) {
+    std::vector<NftAddress> addresses;
+    for (const std::string& name : names) {
+        const auto found = inputs.resolvedNames.find(name);
+        if (found == inputs.resolvedNames.end()) continue;
+        addresses.insert(addresses.end(), found->second.begin(), found->second.end());
+    }
+    return addresses;
+}
+
+// Named sets of the table: one per distinct list of ranges.
+class CSetNames {
+public:
+    std::string NameFor(const std::vector<NftAddressRange>& ranges, const char* role, int family) {
+        for (const Entry& entry : m_entries) {
+            if (entry.ranges == ranges && entry.family == family && entry.role == role) {
+                return entry.name;
+            }
+        }
+        const std::string name = std::string(role) + (family == AF_INET ? "4_" : "6_") +
+                                 std::to_string(m_entries.size());
+        m_entries.push_back({name, role, family, ranges});
+        return name;
+    }
+    void Render(std::ostringstream& out) const {
+        for (const Entry& entry : m_entries) {
+            out << "\tset " << entry.name << " {\n"
+                << "\t\ttype " << (entry.family == AF_INET ? "ipv4_addr" : "ipv6_addr") << "\n"
+                << "\t\tflags interval\n\t\telements = { ";
+            for (size_t i = 0; i < entry.ranges.size(); ++i) {
+                out << (i == 0 ? "" : ", ") << FormatNftRange(entry.ranges[i]);
+            }
+            out << " }\n\t}\n";
+        }
+    }
+
+private:
+    struct Entry {
+        std::string name;
+        std::string role;
+        int family;
+        std::vector<NftAddressRange> ranges;
+    };
+    std::vector<Entry> m_entries;
+};
+
+// The match part shared by the TCP diversion and the UDP rejection of one rule.
+std::string DestinationMatch(const NftDivertRule& rule, CSetNames& sets) {
+    std::string match;
+    if (!rule.exclude.empty()) {
+        match += std::string(" ") + AddressMatch(rule.family) + " != @" +
+                 sets.NameFor(rule.exclude, "exclude", rule.family);
+    }
+    if (rule.inclusive) {
+        match += std::string(" ") + AddressMatch(rule.family) + " @" +
+                 sets.NameFor(rule.include, "include", rule.family);
+    }
+    return match;
+}
+
+void RenderPassRules(const NftRuleset& ruleset, std::ostringstream& out) {
+    char mark[16];
+    std::snprintf(mark, sizeof(mark), "0x%08x", ruleset.passMark);
+    out << "\t\tmeta mark " << mark << " accept\n";
+    for (const std::string& path : ruleset.bypassCgroups) {
+        // The level is the depth of the path below the root of the hierarchy.
+        const long level = std::count(path.begin(), path.end(), '/');
+        out << "\t\tsocket cgroupv2 level " << level << " \"" << path.substr(1) << "\" accept\n";
+    }
+}
+
+}  // namespace
+
+NftRuleKind ClassifyNftRule(const redirect_info& rule, int32_t ownPid) {
+    if (rule.rule_op == 2) {
+        return rule.peer_port == 0 || rule.redirect_port == 0 ? NftRuleKind::DivertWithoutPort
+                                                              : NftRuleKind::Divert;
+    }
+    if (rule.rule_op != 1) return NftRuleKind::Ignored;
+    if (!rule.include_addrs.empty() || rule.peer_port != 0) return NftRuleKind::ConnectionException;
+    if (rule.rule_pid == ownPid) return NftRuleKind::OwnProcess;
+    if (rule.rule_pid > 0) return NftRuleKind::OtherProcess;
+    return NftRuleKind::Ignored;
+}
+
+std::vector<NftAddressRange> MergeNftRanges(const std::list<ngc_cidr_addr>& entries,
+                                            const std::vector<NftAddress>& extra, int family) {
+    std::vector<NftAddressRange> ranges;
+    for (const ngc_cidr_addr& entry : entries) {
+        if (static_cast<int>(entry.cidr_family) != family) continue;
+        Bytes address{};
+        std::copy(std::begin(entry.cidr_addr), std::end(entry.cidr_addr), address.begin());
+        ranges.push_back(RangeOf(address, entry.cidr_prefix_bits, family));
+    }
+    for (const NftAddress& address : extra) {
+        if (address.family == family) ranges.push_back(RangeOf(address.bytes, 128, family));
+    }
+    return Merge(std::move(ranges));
+}
+
+std::string FormatNftRange(const NftAddressRange& range) {
+    const std::string low = FormatAddress(range.low, range.family);
+    if (range.low == range.high) return low;
+    return low + "-" + FormatAddress(range.high, range.family);
+}
+
+NftRuleset BuildNftRuleset(const std::list<redirect_info>& rules, const NftBuildInputs& inputs) {
+    NftRuleset ruleset;
+    ruleset.passMark = inputs.passMark;
+    bool inclusive = false;
+    for (const redirect_info& rule : rules) {
+        if (ClassifyNftRule(rule, inputs.ownPid) == NftRuleKind::Divert && HasInclusions(rule)) {
+            inclusive = true;
+        }
+    }
+    for (const redirect_info& rule : rules) {
+        const NftRuleKind kind = ClassifyNftRule(rule, inputs.ownPid);
+        if (kind == NftRuleKind::OtherProcess) {
+            const auto found = inputs.cgroupOfPid.find(rule.rule_pid);
+            if (found == inputs.cgroupOfPid.end() || found->second.empty()) continue;
+            auto& cgroups = ruleset.bypassCgroups;
+            if (std::find(cgroups.begin(), cgroups.end(), found->second) == cgroups.end()) {
+                cgroups.push_back(found->second);
+            }
+            continue;
+        }
+        if (kind != NftRuleKind::Divert) continue;
+        const int family = rule.rule_family;
+        if (family != AF_INET && family != AF_INET6) continue;
+        NftDivertRule divert;
+        divert.family = family;
+        divert.port = ntohs(rule.peer_port);
+        divert.redirectPort = ntohs(rule.redirect_port);
+        if (inputs.listening.count({family, divert.redirectPort}) == 0) continue;
+        divert.exclude =
+            MergeNftRanges(rule.exclude_addrs, AddressesOf(rule.exclude_hosts, inputs), family);
+        divert.inclusive = inclusive;
+        if (inclusive) {
+            divert.include =
+                MergeNftRanges(rule.include_addrs, AddressesOf(rule.include_hosts, inputs), family);
+            if (divert.include.empty()) continue;
+        }
+        auto& all = ruleset.rules;
+        if (std::find(all.begin(), all.end(), divert) == all.end()) all.push_back(divert);
+    }
+    return ruleset;
+}
+
+std::string RenderNftTableRemoval() {
+    // "add" first makes the "delete" succeed when there is nothing to delete.
+    std::ostringstream out;
+    out << "add table " << kNftTableFamily << " " << kNftTableName << "\n"
+        << "delete table " << kNftTableFamily << " " << kNftTableName << "\n";
+    return out.str();
+}
+
+std::string RenderNftRuleset(const NftRuleset& ruleset) {
+    if (ruleset.rules.empty()) return RenderNftTableRemoval();
+    CSetNames sets;
+    std::ostringstream divert, quic;
+    RenderPassRules(ruleset, divert);
+    RenderPassRules(ruleset, quic);
+    for (const NftDivertRule& rule : ruleset.rules) {
+        const std::string match = DestinationMatch(rule, sets);
+        const std::string family = std::string("meta nfproto ") + FamilyWord(rule.family);
+        divert << "\t\t" << family << " tcp dport " << rule.port << match
+               << " redirect to :" << rule.redirectPort << "\n";
+        // HTTP/3 goes over UDP where TCP diversion cannot see it; refusing it makes the
+        // client fall back to TCP at once.
+        quic << "\t\t" << family << " udp dport " << rule.port << match
+             << " reject with icmpx type port-unreachable\n";
+    }
+
+    std::ostringstream out;
+    out << RenderNftTableRemoval() << "table " << kNftTableFamily << " " << kNftTableName << " {\n";
+    sets.Render(out);
+    out << "\tchain divert {\n\t\ttype nat hook output priority -100; policy accept;\n"
+        << divert.str() << "\t}\n"
+        << "\tchain quic {\n\t\ttype filter hook output priority 0; policy accept;\n"
+        << quic.str() << "\t}\n}\n";
+    return out.str();
+}

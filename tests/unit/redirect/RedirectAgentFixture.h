@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+// Fixture of the redirection tests: an agent of its own on a fake redirector.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "core/SWGAgent.h"
+#include "support/FakeSocketRedirector.h"
+#include "support/TraceRecorder.h"
+
+namespace swg_test {
+
+// Waits up to two seconds for `done`; true when it came.
+inline bool WaitUntil(const std::function<bool()>& done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+class RedirectAgentTest : public ::testing::Test {
+protected:
+    void SetUp() override { m_agent.m_redirectorSeams = FakeRedirectorSeams(m_script); }
+
+    void TearDown() override {
+        // Detached recovery threads hold the agent: they must be done before it goes.
+        ASSERT_TRUE(WaitUntil([this] { return m_agent.m_kdfThreadsRunning == 0; }));
+        if (m_agent.m_pRedirector != nullptr) m_agent.releaseKDFInstance();
+    }
+
+    // The agent as after a normal start: Running with an open, started handle.
+    void StartNormally() {
+        ASSERT_EQ(m_agent.StartKDF(reason_rules_refresh), 0);
+        ASSERT_EQ(m_agent.KdfState(), Running);
+        ASSERT_NE(m_agent.m_pRedirector, nullptr);
+        std::lock_guard<std::mutex> hold(m_script->lock);
+        m_script->calls.clear();
+        m_script->given.clear();
+        m_trace.Clear();
+    }
+
+    void WaitForRedirectorThreads() {
+        ASSERT_TRUE(WaitUntil([this] { return m_agent.m_kdfThreadsRunning == 0; }));
+    }
+
+    std::shared_ptr<FakeRedirectorScript> m_script = std::make_shared<FakeRedirectorScript>();
+    TraceRecorder m_trace;  // before the agent: outlives the agent's last line
+    CSWGAgent m_agent;
+};
+
+}  // namespace swg_test
