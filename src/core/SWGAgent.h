@@ -20,6 +20,7 @@ class ISocketRedirectorApi;
 class CServerSideCommunicator;
 class CServiceStats;
 class IHashManager;
+struct redirect_info;
 
 // Run state of the service and, separately, of the redirector. 0 is not used.
 enum AgentRunState : int32_t {
@@ -93,6 +94,9 @@ public:
     void OnKdfDisruption() override;
     void OnPlannedKdfDisruptionStart(PlannedDisruption what) override;
     void OnPlannedKdfDisruptionComplete(PlannedDisruption what) override;
+    // Applies the one rule `rule` (add or remove, by its rule_action) under m_redirectorLock.
+    // True when the redirector took it; false with no redirector or when it refused.
+    bool SetKdfRedirectRule(const redirect_info& rule);
 
     // ---- network awareness -----------------------------------------------------------
     // Looks at the interfaces; 0 or 2 when something changed that matters.
@@ -101,6 +105,12 @@ public:
     void takeActionOnAddrChange();
     // Called on the OS events thread for each route or address notice.
     void HandleNetworkChangeEvent();
+    // The captive portal flag, read and stored under m_captivePortalLock. Any thread.
+    bool IsCaptivePortalMode();
+    void SetCaptivePortalMode(bool on);
+    // Probes for a captive portal for at most `timeoutSeconds` and sets the flag by the
+    // answer. Blocks; any thread but the main loop's.
+    void DetectCaptivePortalPresence(long timeoutSeconds);
 
     // ---- state and statistics ---------------------------------------------------------
     // Reports a state word to the UI and the state file. 0 handled, -1 refused, -2 failed.

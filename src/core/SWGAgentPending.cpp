@@ -21,25 +21,23 @@ bool CSWGAgent::RestartKDF(unsigned char /*reason*/) { return true; }
 void CSWGAgent::OnKdfDisruption() {}
 void CSWGAgent::OnPlannedKdfDisruptionStart(PlannedDisruption /*what*/) {}
 void CSWGAgent::OnPlannedKdfDisruptionComplete(PlannedDisruption /*what*/) {}
-
-// TODO(lead): listeners; until they land no connection is accepted.
-bool CSWGAgent::CreateListeners(long& error) {
-    m_bIPv6Present = false;
-    if (!IsIPv6Installed()) {
-        DNTRACE(WARN, "IPv6 not installed");
-    } else {
-        m_bIPv6Present = true;
-    }
-    error = 0;
-    return true;
-}
-int CSWGAgent::StartListener(bool /*ipv6*/) { return 0; }
-void CSWGAgent::StopListener(bool /*ipv6*/) {}
+bool CSWGAgent::SetKdfRedirectRule(const redirect_info& /*rule*/) { return false; }
 
 // TODO(lead): network tracking; no change is reported.
 int CSWGAgent::checkInterfaceChanges() { return 1; }
 void CSWGAgent::takeActionOnAddrChange() {}
 void CSWGAgent::HandleNetworkChangeEvent() {}
+
+// TODO(lead): captive portal detection; the flag is kept, but no portal is ever detected.
+bool CSWGAgent::IsCaptivePortalMode() {
+    boost::recursive_mutex::scoped_lock hold(m_captivePortalLock);
+    return m_bCaptivePortalMode;
+}
+void CSWGAgent::SetCaptivePortalMode(bool on) {
+    boost::recursive_mutex::scoped_lock hold(m_captivePortalLock);
+    m_bCaptivePortalMode = on;
+}
+void CSWGAgent::DetectCaptivePortalPresence(long /*timeoutSeconds*/) {}
 
 // TODO(lead): IPC, state words and statistics; with no plug-in attached nothing is sent.
 int CSWGAgent::SendSWGState(const std::string& /*state*/, int /*update*/) { return 0; }
