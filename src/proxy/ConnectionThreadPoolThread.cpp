@@ -101,9 +101,11 @@ int CDnConnectionThreadPoolThread::PurgeIdleConnections() {
     for (auto it = m_active.begin(); it != m_active.end() && !exit_requested;) {
         CDnConnectionThread* thread = *it;
         const std::int32_t state = thread->work_state;
-        // A thread killed during a job turns idle but its loop has ended: never hand it out.
-        if (state == CDnEventThread::kEnded ||
-            (state == CDnEventThread::kIdle && thread->exit_requested)) {
+        // A thread killed during a job ends its loop with work_state idle, or busy when the
+        // kill came between wake-up and job: never hand it out, nor keep it for ever.
+        const bool killed = thread->exit_requested &&
+                            (state == CDnEventThread::kIdle || !thread->m_isRunning);
+        if (state == CDnEventThread::kEnded || killed) {
             Destroy(thread);
             it = m_active.erase(it);
         } else if (state == CDnEventThread::kIdle) {

@@ -194,6 +194,7 @@ long CDnListenThread::StartListenerThread() {
         CloseListenSocket();
         return SWG_E_FAIL;
     }
+    m_bListening = true;
     long exitCode = 0;
     try {
         CDnConnectionThread* thread = nullptr;
@@ -248,6 +249,7 @@ long CDnListenThread::StartListenerThread() {
     } catch (...) {
         DNTRACE(ERR, "Listener : Caught an exception in the accept loop...");
     }
+    m_bListening = false;
     CloseListenSocket();
     DNTRACE(TRACE, "Listener : Shutting down. Exit Code : %d", static_cast<int>(exitCode));
     return exitCode;

@@ -54,6 +54,9 @@ public:
 
     // The port the socket is bound to (the kernel's choice when constructed with 0).
     std::uint16_t ListenPort() const { return m_listenPort; }
+    // True from the thread's listen until the loop ends: connections are taken into the
+    // backlog. Any thread.
+    bool IsListening() const { return m_bListening.load(); }
 
     CDnConnectionThreadPoolThread m_ConnectionThreadPool;
 
@@ -71,6 +74,7 @@ private:
     std::uint16_t m_requestedPort;
     std::uint16_t m_listenPort;
     std::atomic<int> m_listenSocket{-1};
+    std::atomic<bool> m_bListening{false};
     bool m_bInitialized = false;
     bool m_bIPv6 = false;
 };
