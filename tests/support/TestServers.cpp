@@ -89,8 +89,13 @@ void TestServer::AcceptLoop() {
         const int fd = ::accept(m_listen.Get(), nullptr, nullptr);
         if (fd == -1) continue;
         std::lock_guard<std::mutex> hold(m_lock);
-        m_connections.push_back(fd);
-        m_handlers.emplace_back([this, fd] { m_handler(fd); });
+        m_open.push_back(fd);
+        m_handlers.emplace_back([this, fd] {
+            m_handler(fd);
+            std::lock_guard<std::mutex> closing(m_lock);
+            m_open.erase(std::find(m_open.begin(), m_open.end(), fd));
+            ::close(fd);
+        });
         ++m_accepted;
         m_changed.notify_all();
     }
@@ -105,15 +110,14 @@ void TestServer::Stop() {
     if (m_stop.exchange(true)) return;
     if (m_acceptor.joinable()) m_acceptor.join();
     std::vector<std::thread> handlers;
-    std::vector<int> connections;
     {
+        // Under the lock: a handler closes its descriptor under it too, so no number shut
+        // down here can have been reused.
         std::lock_guard<std::mutex> hold(m_lock);
         handlers.swap(m_handlers);
-        connections.swap(m_connections);
+        for (const int fd : m_open) (void)::shutdown(fd, SHUT_RDWR);
     }
-    for (const int fd : connections) (void)::shutdown(fd, SHUT_RDWR);
     for (std::thread& handler : handlers) handler.join();
-    for (const int fd : connections) ::close(fd);
     m_listen.Reset();
 }
 

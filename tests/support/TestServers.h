@@ -33,9 +33,10 @@ std::string SessionRecordFor(const sockaddr_storage& destination, std::int32_t p
 UniqueFd ConnectTo(const sockaddr_storage& address);
 
 // A TCP server on `address` (port 0: any free port) that runs `handler` with each accepted
-// descriptor on a thread of its own. With `accepting` false it only listens: connections
-// complete in the backlog and are never taken. Stop (or the destructor) shuts every
-// connection down, which ends handlers blocked on them, and joins all threads.
+// descriptor on a thread of its own, and closes the descriptor when the handler returns.
+// With `accepting` false it only listens: connections complete in the backlog and are never
+// taken. Stop (or the destructor) shuts down every connection still open, which ends
+// handlers blocked on them, and joins all threads.
 class TestServer {
 public:
     using Handler = std::function<void(int fd)>;
@@ -66,7 +67,7 @@ private:
     std::atomic<int> m_accepted{0};
     std::mutex m_lock;
     std::condition_variable m_changed;
-    std::vector<int> m_connections;
+    std::vector<int> m_open;  // descriptors whose handler still runs
     std::vector<std::thread> m_handlers;
     std::thread m_acceptor;
 };
