@@ -6,10 +6,10 @@
 //   direct  client -> server
 //   agent   client -> 127.0.0.1:5002 (CDnListenThread, session record in front) -> server
 //   socat   client -> socat TCP-LISTEN:p,fork,reuseaddr TCP:127.0.0.1:q -> server
-// Bulk: one connection moves SWG_BENCH_MB megabytes (default 512) up, then one down.
+// Bulk: one connection moves SWG_BENCH_MB megabytes (default 256) up, then one down.
 // Rate: SWG_BENCH_CONNECTIONS connections (default 4000) from SWG_BENCH_CLIENTS client
 // threads (default 4), each a 64-byte request and a 64-byte answer on a new connection.
-// Every figure is the median of SWG_BENCH_ROUNDS rounds (default 3); the paths take turns
+// Every figure is the median of SWG_BENCH_ROUNDS rounds (default 5); the paths take turns
 // within a round. Every transfer stops after 30 s, every rate phase after 20 s.
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -374,10 +374,10 @@ void PrintMachine() {
 int main() {
     if (!Setup()) return 1;
     PrintMachine();
-    const std::size_t megabytes = EnvNumber("SWG_BENCH_MB", 512, 8192);
+    const std::size_t megabytes = EnvNumber("SWG_BENCH_MB", 256, 8192);
     const std::size_t connections = EnvNumber("SWG_BENCH_CONNECTIONS", 4000, 100000);
     const std::size_t clients = EnvNumber("SWG_BENCH_CLIENTS", 4, 64);
-    const std::size_t rounds = EnvNumber("SWG_BENCH_ROUNDS", 3, 20);
+    const std::size_t rounds = EnvNumber("SWG_BENCH_ROUNDS", 5, 20);
     const std::size_t total = megabytes << 20;
 
     std::atomic<std::uint64_t> sunk{0};
