@@ -40,9 +40,9 @@ constexpr std::uint32_t kConnectTimeoutSeconds = 4;
 // A record that names the agent's own listener: the job ends before anything is connected.
 constexpr long kLoopCode = ELOOP;
 
-// A rule as it stands before anything is set.
+// A rule as it stands before anything is set. Field by field: a temporary redirect_info
+// would put its lists at a misaligned address.
 void ResetRule(redirect_info& rule) {
-    rule = redirect_info{};
     rule.rule_action = 0;
     rule.rule_op = 2;
     rule.rule_class = 1;
@@ -52,7 +52,15 @@ void ResetRule(redirect_info& rule) {
     rule.rule_family = AF_INET;
     rule.rule_protocol = IPPROTO_TCP;
     rule.rule_flags = 0;
+    rule.reserved1 = 0;
+    rule.reserved2 = 0;
+    std::memset(rule.reserved_addr, 0, sizeof(rule.reserved_addr));
     rule.rule_reserved_id = -1;
+    rule.rule_excluded_pid = 0;
+    rule.include_addrs.clear();
+    rule.exclude_addrs.clear();
+    rule.exclude_hosts.clear();
+    rule.include_hosts.clear();
 }
 
 #define SWG_IPV6_FORMAT "%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x"
@@ -95,6 +103,14 @@ void MarkOutgoingSocket(int fd) {
 }
 
 }  // namespace
+
+static_assert((54 + 2) % alignof(std::list<ngc_cidr_addr>) == 0,
+              "the rule's lists (offset 54) must land on their alignment");
+
+CAlignedRedirectRule::CAlignedRedirectRule()
+    : m_rule(new (m_storage + kOffset) redirect_info()) {}
+
+CAlignedRedirectRule::~CAlignedRedirectRule() { m_rule->~redirect_info(); }
 
 CDnConnectionThread::CDnConnectionThread() {
     thread_name = "CDnConnectionThread";
@@ -626,8 +642,7 @@ bool CDnConnectionThread::MakeNoRedirectKdfException(const sockaddr& destination
     m_noRedirectRule.rule_protocol = IPPROTO_TCP;
     m_noRedirectRule.rule_reserved_id = -1;
     m_noRedirectRule.rule_excluded_pid = -1;
-    std::list<ngc_cidr_addr> include(1, cidr);
-    m_noRedirectRule.include_addrs = include;
+    m_noRedirectRule.include_addrs.assign(1, cidr);
     if (m_pid != -1) m_noRedirectRule.rule_flags |= 1;
 
     const bool applied = g_pSWGAgent->SetKdfRedirectRule(m_noRedirectRule);

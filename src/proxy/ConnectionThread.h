@@ -18,6 +18,25 @@ class CDnListenThread;
 class CDnVSocket;
 class CDnHttpHeaders;
 
+// Holds one redirect_info where its four lists are 8-byte aligned. The record is packed
+// (its lists start at offset 54), so at an arbitrary address the lists would be misaligned
+// objects, which the language does not allow; 2 bytes into 8-aligned storage they sit at
+// 56, 80, 104 and 128.
+class CAlignedRedirectRule {
+public:
+    CAlignedRedirectRule();
+    ~CAlignedRedirectRule();
+    CAlignedRedirectRule(const CAlignedRedirectRule&) = delete;
+    CAlignedRedirectRule& operator=(const CAlignedRedirectRule&) = delete;
+
+    redirect_info& Get() { return *m_rule; }
+
+private:
+    static constexpr std::size_t kOffset = 2;
+    alignas(8) unsigned char m_storage[kOffset + sizeof(redirect_info)];
+    redirect_info* m_rule;
+};
+
 // The worker of the connection path. The pool creates it, Initialize and StartThread make it
 // ready, and each Start hands it one accepted socket; ProcessEvent then runs the job on the
 // thread's own stack: read the session record, choose the modes, connect the outgoing side,
@@ -182,7 +201,12 @@ public:
     CDnVSocket* m_pExternalSocket = nullptr;  // the outgoing socket, owned, null until made
     bool m_bBypassed = false;
     bool m_bNoRedirectActive = false;
-    redirect_info m_noRedirectRule;
+
+private:
+    CAlignedRedirectRule m_noRedirectRuleStorage;
+
+public:
+    redirect_info& m_noRedirectRule = m_noRedirectRuleStorage.Get();
     int32_t m_pid = -1;
     std::string m_towerIP;
     CDnListenThread* m_pListener = nullptr;
