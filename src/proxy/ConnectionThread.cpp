@@ -600,14 +600,12 @@ void CDnConnectionThread::CloseConnection() {
 }
 
 void CDnConnectionThread::CloseKdfConnection() {
+    // Both sockets are shut down, neither is closed here. A shutdown wakes a blocked recv,
+    // select or connect as surely as a close, while a close would free the descriptor
+    // number under a job that may be about to use it: a number that another connection may
+    // own by then. The job unwinds and closes both in CloseConnection.
     std::lock_guard<std::mutex> hold(m_socketLock);
-    if (m_pKdfSocket != nullptr) {
-        (void)m_pKdfSocket->Shutdown(SHUT_RDWR);
-        (void)m_pKdfSocket->CloseSocket();
-    }
-    // The outgoing descriptor is shut down, not closed behind its object: the object would
-    // close the same number again later, when it may belong to another connection. A shutdown
-    // wakes a blocked read or connect just as well, and the object closes it once.
+    if (m_pKdfSocket != nullptr) (void)m_pKdfSocket->Shutdown(SHUT_RDWR);
     if (m_pExternalSocket != nullptr) (void)m_pExternalSocket->Shutdown(SHUT_RDWR);
 }
 

@@ -111,8 +111,8 @@ public:
     // Shuts down and closes the local socket; closes the outgoing one. The objects live on
     // until the next Start. Any thread.
     void CloseConnection();
-    // Kill's way to wake a job blocked in a read: shuts down and closes the local socket and
-    // shuts down the outgoing one. Any thread.
+    // Kill's way to wake a job blocked in a read: shuts down both sockets (the job closes
+    // them when it unwinds). Any thread.
     void CloseKdfConnection();
 
     // Installs a no-redirect exception for the outgoing connect to `destination` (a
