@@ -282,7 +282,8 @@ double Upload(const Path& path, std::uint16_t sinkPort, std::atomic<std::uint64_
         sent += n;
     }
     ::shutdown(fd, SHUT_WR);
-    while (sinksDone.load() == before && Clock::now() - start < kTransferLimit + std::chrono::seconds(5))
+    while (sinksDone.load() == before &&
+           Clock::now() - start < kTransferLimit + std::chrono::seconds(5))
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     const double seconds = Seconds(Clock::now() - start);
     ::close(fd);
@@ -315,8 +316,8 @@ double Rate(const Path& path, std::uint16_t serverPort, std::size_t connections,
             std::size_t clients) {
     std::atomic<std::size_t> next{0};
     std::atomic<std::size_t> done{0};
-    const std::string head = (path.agent ? RecordFor(serverPort) : std::string()) +
-                             std::string(kMessage, 'q');
+    const std::string head =
+        (path.agent ? RecordFor(serverPort) : std::string()) + std::string(kMessage, 'q');
     const auto start = Clock::now();
     std::vector<std::thread> threads;
     for (std::size_t c = 0; c < clients; ++c) {
@@ -341,8 +342,9 @@ double Median(std::vector<double> values) {
 
 bool Setup() {
     if (::geteuid() != 0) {
-        std::fprintf(stderr, "RelayListenerBench needs root: it runs in a network namespace of "
-                             "its own (unshare -n).\n");
+        std::fprintf(stderr,
+                     "RelayListenerBench needs root: it runs in a network namespace of "
+                     "its own (unshare -n).\n");
         return false;
     }
     if (::unshare(CLONE_NEWNET) != 0) {

@@ -64,7 +64,7 @@ void ResetRule(redirect_info& rule) {
 }
 
 #define SWG_IPV6_FORMAT "%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x"
-#define SWG_IPV6_BYTES(a)                                                                   \
+#define SWG_IPV6_BYTES(a)                                                                    \
     (a)[0], (a)[1], (a)[2], (a)[3], (a)[4], (a)[5], (a)[6], (a)[7], (a)[8], (a)[9], (a)[10], \
         (a)[11], (a)[12], (a)[13], (a)[14], (a)[15]
 
@@ -107,8 +107,7 @@ void MarkOutgoingSocket(int fd) {
 static_assert((54 + 2) % alignof(std::list<ngc_cidr_addr>) == 0,
               "the rule's lists (offset 54) must land on their alignment");
 
-CAlignedRedirectRule::CAlignedRedirectRule()
-    : m_rule(new (m_storage + kOffset) redirect_info()) {}
+CAlignedRedirectRule::CAlignedRedirectRule() : m_rule(new (m_storage + kOffset) redirect_info()) {}
 
 CAlignedRedirectRule::~CAlignedRedirectRule() { m_rule->~redirect_info(); }
 
@@ -394,8 +393,7 @@ long CDnConnectionThread::ConnectAndExchange() {
         long code = GetExternalConnection();
         if (ExitRequested()) return 0;
         if (code != 0 && retry) {
-            DNTRACE(ERR,
-                    "Connection : Failed to connect externally. Code : %d, retry only once...",
+            DNTRACE(ERR, "Connection : Failed to connect externally. Code : %d, retry only once...",
                     static_cast<int>(code));
             DeleteExternalSocket();
             // The pause ends early when the thread is told to stop.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// CDnConnectionThread: carries one diverted connection at a time from its accepted socket to its end.
+// CDnConnectionThread: carries one diverted connection at a time from accepted socket to end.
 #pragma once
 
 #include <sys/socket.h>

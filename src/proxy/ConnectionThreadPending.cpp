@@ -36,5 +36,5 @@ void CDnConnectionThread::EndSetConnectTime() {}
 
 // TODO(lead): failure policy; without it a connection that could not be made is closed.
 bool CDnConnectionThread::OnConnectionFailure(CONN_FAILURE_REASON /*reason*/) { return false; }
-void CDnConnectionThread::handleCaptivePortal(const std::string& /*message*/,
-                                              bool /*keepSocket*/) {}
+void CDnConnectionThread::handleCaptivePortal(const std::string& /*message*/, bool /*keepSocket*/) {
+}

@@ -103,8 +103,8 @@ int CDnConnectionThreadPoolThread::PurgeIdleConnections() {
         const std::int32_t state = thread->work_state;
         // A thread killed during a job ends its loop with work_state idle, or busy when the
         // kill came between wake-up and job: never hand it out, nor keep it for ever.
-        const bool killed = thread->exit_requested &&
-                            (state == CDnEventThread::kIdle || !thread->m_isRunning);
+        const bool killed =
+            thread->exit_requested && (state == CDnEventThread::kIdle || !thread->m_isRunning);
         if (state == CDnEventThread::kEnded || killed) {
             Destroy(thread);
             it = m_active.erase(it);
@@ -133,8 +133,8 @@ bool CDnConnectionThreadPoolThread::ProcessTick() {
         --total;
     }
     if (m_tickCount == 0)
-        DNTRACE(THREAD, "---- IsIPv6:%d purged:%d Idle:%d Active:%d ----", m_bIPv6 ? 1 : 0,
-                purged, static_cast<int>(m_idle.size()), static_cast<int>(m_active.size()));
+        DNTRACE(THREAD, "---- IsIPv6:%d purged:%d Idle:%d Active:%d ----", m_bIPv6 ? 1 : 0, purged,
+                static_cast<int>(m_idle.size()), static_cast<int>(m_active.size()));
     if (++m_tickCount >= 61) m_tickCount = 0;
     return true;
 }

@@ -32,7 +32,9 @@ using swg_test::UniqueFd;
 constexpr const char* kHostA = "198.18.0.1";
 constexpr const char* kUnroutable = "198.18.9.9";
 
-int Shell(const std::string& command) { return std::system((command + " >/dev/null 2>&1").c_str()); }
+int Shell(const std::string& command) {
+    return std::system((command + " >/dev/null 2>&1").c_str());
+}
 
 // Each test runs in a fresh network namespace: the main thread leaves the host's, and every
 // thread it starts afterwards (listener, pool, connection threads, test servers) is born in
@@ -54,10 +56,10 @@ protected:
         m_listeners.clear();
     }
 
-    CDnListenThread& StartListener(bool ipv6,
-                                   std::uint32_t maxThreads = CDnConnectionThreadPoolThread::kMaxThreads) {
-        m_listeners.push_back(std::make_unique<CDnListenThread>(CDnListenThread::kListenPort,
-                                                                maxThreads));
+    CDnListenThread& StartListener(
+        bool ipv6, std::uint32_t maxThreads = CDnConnectionThreadPoolThread::kMaxThreads) {
+        m_listeners.push_back(
+            std::make_unique<CDnListenThread>(CDnListenThread::kListenPort, maxThreads));
         CDnListenThread& listener = *m_listeners.back();
         EXPECT_TRUE(listener.Initialize(ipv6));
         EXPECT_EQ(listener.StartThread(), 0);
@@ -138,9 +140,8 @@ TEST_F(ListenerIntegrationTest, LargeUploadArrivesWhole) {
 
 // 100 MB from server to client, then the server closes: all of it still reaches the client.
 TEST_F(ListenerIntegrationTest, LargeDownloadArrivesWholeBeforeTheClose) {
-    swg_test::TestServer source(swg_test::Endpoint(kHostA, 0), [](int fd) {
-        (void)swg_test::SendPattern(fd, kLarge, 9, 120s);
-    });
+    swg_test::TestServer source(swg_test::Endpoint(kHostA, 0),
+                                [](int fd) { (void)swg_test::SendPattern(fd, kLarge, 9, 120s); });
     UniqueFd client = Client(source.Address());
     const swg_test::StreamDigest received = swg_test::ReceiveDigest(client.Get(), ~0ull, 120s);
     EXPECT_EQ(received.Length(), kLarge);
@@ -149,9 +150,8 @@ TEST_F(ListenerIntegrationTest, LargeDownloadArrivesWholeBeforeTheClose) {
 
 // A short answer followed at once by the server's close is delivered, then the close.
 TEST_F(ListenerIntegrationTest, RemoteCloseAfterDataStillDeliversTheData) {
-    swg_test::TestServer server(swg_test::Endpoint(kHostA, 0), [](int fd) {
-        (void)swg_test::WriteAll(fd, "hello world", 1s);
-    });
+    swg_test::TestServer server(swg_test::Endpoint(kHostA, 0),
+                                [](int fd) { (void)swg_test::WriteAll(fd, "hello world", 1s); });
     UniqueFd client = Client(server.Address());
     std::string received;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 11, received, 5s));
@@ -216,9 +216,8 @@ TEST_F(ListenerIntegrationTest, ClientClosingBeforeTheRecordIsCompleteEndsWithNo
 
 // Kill must wake jobs blocked in a read: one waiting for its record, one in a silent relay.
 TEST_F(ListenerIntegrationTest, KillDuringBlockedReadsEndsTheJobsWithin500Ms) {
-    swg_test::TestServer silent(swg_test::Endpoint(kHostA, 0), [](int fd) {
-        (void)swg_test::WaitReadable(fd, 30s);
-    });
+    swg_test::TestServer silent(swg_test::Endpoint(kHostA, 0),
+                                [](int fd) { (void)swg_test::WaitReadable(fd, 30s); });
     UniqueFd relaying = Client(silent.Address());
     ASSERT_TRUE(silent.WaitForAccepted(1, 5s));
     UniqueFd partial = swg_test::ConnectTo(swg_test::Endpoint("127.0.0.1", 5002));
@@ -238,8 +237,7 @@ TEST_F(ListenerIntegrationTest, LoopToTheListenerItselfIsClosed) {
     UniqueFd client = Client(swg_test::Endpoint("127.0.0.1", 5002), "x");
     std::string received;
     EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 2s));
-    EXPECT_EQ(m_trace.CountPrefix(WARN, "Connection : Original destination is the agent's own"),
-              1);
+    EXPECT_EQ(m_trace.CountPrefix(WARN, "Connection : Original destination is the agent's own"), 1);
     EXPECT_EQ(Started(), 1);  // no second connection came back to the listener
 }
 
@@ -289,8 +287,9 @@ TEST_F(ListenerIntegrationTest, RedirectedConnectionIsRelayedToItsOriginalDestin
     EXPECT_EQ(m_trace.Count(LISTEN, "Connection : Redirected connection of process " +
                                         std::to_string(::getpid()) + ", record made on accept"),
               1);
-    EXPECT_EQ(m_trace.Count(LISTEN, "Connection: orig dst_addr=198.18.0.1 and dst_port=8080 "
-                                    "from kdf"),
+    EXPECT_EQ(m_trace.Count(LISTEN,
+                            "Connection: orig dst_addr=198.18.0.1 and dst_port=8080 "
+                            "from kdf"),
               1);
 }
 
@@ -309,8 +308,9 @@ TEST_F(ListenerIntegrationTest, The751stSimultaneousConnectionWaitsForAThread) {
     UniqueFd waiting = Client(echo.Address(), "ping");
     std::string echoed;
     EXPECT_FALSE(swg_test::ReadExactly(waiting.Get(), 4, echoed, 500ms));
-    EXPECT_EQ(m_trace.Count(THREAD, "Connection Pool  : Failed to get a thread.  Waiting for an "
-                                    "available thread"),
+    EXPECT_EQ(m_trace.Count(THREAD,
+                            "Connection Pool  : Failed to get a thread.  Waiting for an "
+                            "available thread"),
               1);
     EXPECT_EQ(Started(), 750);
 
@@ -362,9 +362,10 @@ TEST_F(ListenerIntegrationTest, TwoThousandConnectionsLeakNoDescriptorOrThread) 
         return pool.IdleCount() == 9 && pool.ActiveCount() == 1 &&
                swg_test::CountOpenDescriptors() == descriptors &&
                swg_test::CountThreads() == threads + 9;
-    })) << "descriptors " << swg_test::CountOpenDescriptors() << " (was " << descriptors
-        << "), threads " << swg_test::CountThreads() << " (was " << threads << "), idle "
-        << pool.IdleCount() << ", active " << pool.ActiveCount();
+    })) << "descriptors "
+        << swg_test::CountOpenDescriptors() << " (was " << descriptors << "), threads "
+        << swg_test::CountThreads() << " (was " << threads << "), idle " << pool.IdleCount()
+        << ", active " << pool.ActiveCount();
 }
 
 }  // namespace

@@ -57,8 +57,8 @@ std::string SessionRecordFor(const sockaddr_storage& destination, std::int32_t p
 UniqueFd ConnectTo(const sockaddr_storage& address) {
     UniqueFd fd(::socket(address.ss_family, SOCK_STREAM, 0));
     if (fd.Get() == -1) return fd;
-    if (::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address),
-                  EndpointLength(address)) != 0)
+    if (::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), EndpointLength(address)) !=
+        0)
         fd.Reset();
     return fd;
 }
@@ -182,8 +182,8 @@ StreamDigest ReceiveDigest(int fd, std::uint64_t limit, std::chrono::millisecond
         const int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
         if (ready < 0 && errno == EINTR) continue;
         if (ready <= 0) break;
-        const std::size_t want =
-            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), limit - digest.Length()));
+        const std::size_t want = static_cast<std::size_t>(
+            std::min<std::uint64_t>(chunk.size(), limit - digest.Length()));
         const ssize_t got = ::recv(fd, chunk.data(), want, 0);
         if (got <= 0) break;
         digest.Add(chunk.data(), static_cast<std::size_t>(got));

@@ -218,8 +218,7 @@ int32_t FindTcpSocketOwner(const sockaddr* local, const sockaddr* remote) {
     Endpoint localEnd;
     Endpoint remoteEnd;
     if (!ToEndpoint(local, localEnd) || !ToEndpoint(remote, remoteEnd)) return -1;
-    const unsigned long inode =
-        FindInodeInTables(localEnd, remoteEnd, local->sa_family == AF_INET);
+    const unsigned long inode = FindInodeInTables(localEnd, remoteEnd, local->sa_family == AF_INET);
     if (inode == 0) return -1;
     return FindInodeOwner(inode);
 }

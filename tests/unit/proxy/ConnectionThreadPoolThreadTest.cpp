@@ -98,13 +98,15 @@ TEST_F(ConnectionThreadPoolTest, WaitingRequestGetsTheFirstThreadToFinish) {
                                        m_pool->GetConnectionThread(false)};
     for (CDnConnectionThread* thread : threads) clients.push_back(RunBlockedJob(thread));
 
-    auto waiting = std::async(std::launch::async, [&] { return m_pool->GetConnectionThread(true); });
+    auto waiting =
+        std::async(std::launch::async, [&] { return m_pool->GetConnectionThread(true); });
     EXPECT_EQ(waiting.wait_for(300ms), std::future_status::timeout);
     clients[1].Reset();  // the second job ends
     ASSERT_EQ(waiting.wait_for(5s), std::future_status::ready);
     EXPECT_EQ(waiting.get(), threads[1]);
-    EXPECT_EQ(m_trace.Count(THREAD, "Connection Pool  : Failed to get a thread.  Waiting for an "
-                                    "available thread"),
+    EXPECT_EQ(m_trace.Count(THREAD,
+                            "Connection Pool  : Failed to get a thread.  Waiting for an "
+                            "available thread"),
               1);
 }
 
@@ -113,7 +115,8 @@ TEST_F(ConnectionThreadPoolTest, KillEndsAWaitForAThread) {
     MakePool(1);
     CDnConnectionThread* only = m_pool->GetConnectionThread(false);
     UniqueFd client = RunBlockedJob(only);
-    auto waiting = std::async(std::launch::async, [&] { return m_pool->GetConnectionThread(true); });
+    auto waiting =
+        std::async(std::launch::async, [&] { return m_pool->GetConnectionThread(true); });
     std::this_thread::sleep_for(100ms);
     m_pool->Kill();
     ASSERT_EQ(waiting.wait_for(2s), std::future_status::ready);

@@ -91,8 +91,8 @@ TEST_P(ConnectionThreadTest, RelaysBothWaysToTheDestinationInTheRecord) {
     swg_test::TestServer server(swg_test::Endpoint(Loopback(), 0), swg_test::EchoHandler);
     ASSERT_TRUE(server.Ok());
     UniqueFd client = StartJob();
-    ASSERT_TRUE(swg_test::WriteAll(
-        client.Get(), swg_test::SessionRecordFor(server.Address()) + "hello", 5s));
+    ASSERT_TRUE(swg_test::WriteAll(client.Get(),
+                                   swg_test::SessionRecordFor(server.Address()) + "hello", 5s));
     std::string echoed;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 5, echoed, 5s));
     EXPECT_EQ(echoed, "hello");
@@ -133,8 +133,7 @@ TEST_P(ConnectionThreadTest, ClientClosingBeforeTheRecordEndsTheJobWithoutAWord)
     EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 2s));
     EXPECT_TRUE(received.empty());
     EXPECT_EQ(server.Accepted(), 0);
-    EXPECT_EQ(m_trace.Count(LISTEN, "Connection : Failed to read ngc_session_info from socket"),
-              1);
+    EXPECT_EQ(m_trace.Count(LISTEN, "Connection : Failed to read ngc_session_info from socket"), 1);
 }
 
 // A -1 on the first read ends the record loop as if it were complete: the job goes on with
@@ -143,8 +142,8 @@ TEST_P(ConnectionThreadTest, FailedFirstReadGoesOnWithTheLastJobsDestination) {
     swg_test::TestServer server(swg_test::Endpoint(Loopback(), 0), swg_test::EchoHandler);
     {
         UniqueFd first = StartJob();
-        ASSERT_TRUE(swg_test::WriteAll(first.Get(), swg_test::SessionRecordFor(server.Address()),
-                                       1s));
+        ASSERT_TRUE(
+            swg_test::WriteAll(first.Get(), swg_test::SessionRecordFor(server.Address()), 1s));
         ASSERT_TRUE(server.WaitForAccepted(1, 5s));
     }
     ASSERT_TRUE(JobEnded(5s));
@@ -154,8 +153,8 @@ TEST_P(ConnectionThreadTest, FailedFirstReadGoesOnWithTheLastJobsDestination) {
     const timeval limit{0, 50000};
     ASSERT_EQ(::setsockopt(pair.b.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
     m_done.reset();
-    ASSERT_EQ(m_thread.Start(m_done, new CDnSocket(pair.b.Release()), nullptr,
-                             Family() == AF_INET6, true),
+    ASSERT_EQ(m_thread.Start(m_done, new CDnSocket(pair.b.Release()), nullptr, Family() == AF_INET6,
+                             true),
               0);
     ASSERT_TRUE(server.WaitForAccepted(2, 5s));
     ASSERT_TRUE(swg_test::WriteAll(pair.a.Get(), "ping", 1s));
@@ -174,8 +173,8 @@ TEST_P(ConnectionThreadTest, FailedReadInsideTheRecordCostsOneByte) {
     const timeval limit{0, 200000};
     ASSERT_EQ(::setsockopt(pair.b.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
     m_done.reset();
-    ASSERT_EQ(m_thread.Start(m_done, new CDnSocket(pair.b.Release()), nullptr,
-                             Family() == AF_INET6, true),
+    ASSERT_EQ(m_thread.Start(m_done, new CDnSocket(pair.b.Release()), nullptr, Family() == AF_INET6,
+                             true),
               0);
     const std::string record = swg_test::SessionRecordFor(server.Address());
     ASSERT_TRUE(swg_test::WriteAll(pair.a.Get(), record.substr(0, 400), 1s));
@@ -202,8 +201,8 @@ TEST_P(ConnectionThreadTest, KillWakesAJobBlockedReadingItsRecord) {
 TEST_P(ConnectionThreadTest, KillEndsARelayInProgress) {
     swg_test::TestServer server(swg_test::Endpoint(Loopback(), 0), swg_test::EchoHandler);
     UniqueFd client = StartJob();
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(server.Address()) + "x",
-                                   1s));
+    ASSERT_TRUE(
+        swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(server.Address()) + "x", 1s));
     std::string echoed;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 1, echoed, 5s));
     const auto killed = Clock::now();
@@ -223,8 +222,7 @@ TEST_P(ConnectionThreadTest, RecordNamingTheOwnListenerIsClosedUnrelayed) {
     EXPECT_EQ(m_thread.m_result, ELOOP);
     std::string received;
     EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 1s));
-    EXPECT_EQ(m_trace.CountPrefix(WARN, "Connection : Original destination is the agent's own"),
-              1);
+    EXPECT_EQ(m_trace.CountPrefix(WARN, "Connection : Original destination is the agent's own"), 1);
     listener.Deinitialize();
 }
 

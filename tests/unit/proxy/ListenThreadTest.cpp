@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The listener on a free loopback port: accept and hand over, bind failure, stop, descriptor limits.
+// The listener on a free loopback port: accept and hand over, bind failure, stop, descriptor
+// limits.
 #include "proxy/ListenThread.h"
 
 #include <fcntl.h>
@@ -68,9 +69,8 @@ INSTANTIATE_TEST_SUITE_P(Families, ListenThreadTest, ::testing::Values(AF_INET, 
 // Accepted connections reach a worker, one after the other.
 TEST_P(ListenThreadTest, HandsEachAcceptedConnectionToAWorker) {
     ASSERT_TRUE(StartListener(GetParam()));
-    swg_test::TestServer server(
-        swg_test::Endpoint(GetParam() == AF_INET6 ? "::1" : "127.0.0.1", 0),
-        swg_test::EchoHandler);
+    swg_test::TestServer server(swg_test::Endpoint(GetParam() == AF_INET6 ? "::1" : "127.0.0.1", 0),
+                                swg_test::EchoHandler);
     EXPECT_TRUE(RoundTrip(GetParam(), server.Address(), "first"));
     EXPECT_TRUE(RoundTrip(GetParam(), server.Address(), "second"));
     EXPECT_EQ(m_trace.Count(LISTEN, "Listener : Connection started"), 2);
@@ -81,9 +81,10 @@ TEST_P(ListenThreadTest, PortInUseFailsInitialize) {
     ASSERT_TRUE(StartListener(GetParam()));
     CDnListenThread second(m_listener->ListenPort());
     EXPECT_FALSE(second.Initialize(GetParam() == AF_INET6));
-    EXPECT_EQ(m_trace.CountPrefix(ERR, "Listener : Initialization failed, failed to bind the "
-                                       "listen port:" +
-                                           std::to_string(m_listener->ListenPort())),
+    EXPECT_EQ(m_trace.CountPrefix(ERR,
+                                  "Listener : Initialization failed, failed to bind the "
+                                  "listen port:" +
+                                      std::to_string(m_listener->ListenPort())),
               1);
 }
 
@@ -155,8 +156,8 @@ TEST_P(ListenThreadLimitTest, RunningOutOfDescriptorsPausesAcceptAndRecovers) {
     }
 
     m_fillers.clear();
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(server.Address()) + "ok",
-                                   5s));
+    ASSERT_TRUE(
+        swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(server.Address()) + "ok", 5s));
     std::string echoed;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 2, echoed, 5s));
     EXPECT_EQ(echoed, "ok");

@@ -23,14 +23,13 @@ std::string OwnExecutable() {
 // The path comes whole, and a buffer too small is reported rather than cut silently.
 TEST(ProcessFilePathTest, GivesTheWholePathOrSaysWhyNot) {
     char path[2048];
-    ASSERT_EQ(ServiceUtils::GetProcessFilePath(static_cast<unsigned>(::getpid()), path,
-                                               sizeof(path)),
-              0);
+    ASSERT_EQ(
+        ServiceUtils::GetProcessFilePath(static_cast<unsigned>(::getpid()), path, sizeof(path)), 0);
     EXPECT_EQ(std::string(path), OwnExecutable());
     char tiny[4];
-    EXPECT_EQ(ServiceUtils::GetProcessFilePath(static_cast<unsigned>(::getpid()), tiny,
-                                               sizeof(tiny)),
-              ERANGE);
+    EXPECT_EQ(
+        ServiceUtils::GetProcessFilePath(static_cast<unsigned>(::getpid()), tiny, sizeof(tiny)),
+        ERANGE);
     EXPECT_EQ(ServiceUtils::GetProcessFilePath(0x7ffffffeu, path, sizeof(path)), ENOENT);
     EXPECT_EQ(ServiceUtils::GetProcessFilePath(1, nullptr, 10), EINVAL);
 }
@@ -71,9 +70,8 @@ TEST_P(SocketOwnerTest, UnknownEndsHaveNoOwner) {
     swg_test::TcpPair pair = swg_test::MakeTcpPair(GetParam());
     ASSERT_NE(pair.a.Get(), -1);
     Ends client = EndsOf(pair.a.Get());
-    auto* port = GetParam() == AF_INET6
-                     ? &reinterpret_cast<sockaddr_in6&>(client.remote).sin6_port
-                     : &reinterpret_cast<sockaddr_in&>(client.remote).sin_port;
+    auto* port = GetParam() == AF_INET6 ? &reinterpret_cast<sockaddr_in6&>(client.remote).sin6_port
+                                        : &reinterpret_cast<sockaddr_in&>(client.remote).sin_port;
     *port = htons(static_cast<uint16_t>(ntohs(*port) ^ 0x4000));
     EXPECT_EQ(FindTcpSocketOwner(reinterpret_cast<const sockaddr*>(&client.local),
                                  reinterpret_cast<const sockaddr*>(&client.remote)),
