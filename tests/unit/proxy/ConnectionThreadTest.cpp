@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -17,7 +16,6 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include "proxy/DnSocket.h"
-#include "proxy/ListenThread.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
 #include "unit/foundation/ThreadTestSupport.h"
@@ -57,13 +55,13 @@ protected:
     const char* Loopback() const { return Family() == AF_INET6 ? "::1" : "127.0.0.1"; }
 
     // Hands the thread a new loopback connection; returns the client's end.
-    UniqueFd StartJob(CDnListenThread* listener = nullptr) {
+    UniqueFd StartJob() {
         swg_test::TcpPair pair = swg_test::MakeTcpPair(Family());
         EXPECT_NE(pair.a.Get(), -1);
         m_accepted = pair.b.Get();
         m_done.reset();
         m_thread.m_result = -12345;
-        EXPECT_EQ(m_thread.Start(m_done, new CDnSocket(pair.b.Release()), listener,
+        EXPECT_EQ(m_thread.Start(m_done, new CDnSocket(pair.b.Release()), nullptr,
                                  Family() == AF_INET6, true),
                   0);
         return std::move(pair.a);
@@ -117,23 +115,6 @@ TEST_P(ConnectionThreadTest, RecordInPiecesIsCollectedWithoutTakingClientBytes) 
     std::string echoed;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
     EXPECT_EQ(echoed, "abc");
-}
-
-// A client gone before its record is whole gets nothing, and nothing is connected for it.
-TEST_P(ConnectionThreadTest, ClientClosingBeforeTheRecordEndsTheJobWithoutAWord) {
-    swg_test::TestServer server(swg_test::Endpoint(Loopback(), 0), swg_test::EchoHandler);
-    UniqueFd client = StartJob();
-    const std::string record = swg_test::SessionRecordFor(server.Address());
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), record.substr(0, 300), 1s));
-    ASSERT_EQ(::shutdown(client.Get(), SHUT_WR), 0);
-
-    ASSERT_TRUE(JobEnded(5s));
-    EXPECT_EQ(m_thread.m_result, 1);
-    std::string received;
-    EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 2s));
-    EXPECT_TRUE(received.empty());
-    EXPECT_EQ(server.Accepted(), 0);
-    EXPECT_EQ(m_trace.Count(LISTEN, "Connection : Failed to read ngc_session_info from socket"), 1);
 }
 
 // A -1 on the first read ends the record loop as if it were complete: the job goes on with
@@ -195,35 +176,6 @@ TEST_P(ConnectionThreadTest, KillWakesAJobBlockedReadingItsRecord) {
     ASSERT_TRUE(JobEnded(2s));
     EXPECT_LT(Clock::now() - killed, 500ms);
     EXPECT_TRUE(swg_test::WaitReadable(client.Get(), 1s));  // end of stream
-}
-
-// Kill must end a relay in progress within the relay's half-second wait.
-TEST_P(ConnectionThreadTest, KillEndsARelayInProgress) {
-    swg_test::TestServer server(swg_test::Endpoint(Loopback(), 0), swg_test::EchoHandler);
-    UniqueFd client = StartJob();
-    ASSERT_TRUE(
-        swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(server.Address()) + "x", 1s));
-    std::string echoed;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 1, echoed, 5s));
-    const auto killed = Clock::now();
-    m_thread.Kill();
-    ASSERT_TRUE(JobEnded(2s));
-    EXPECT_LT(Clock::now() - killed, 500ms);
-}
-
-// A record that names the agent's own listener would make the agent connect to itself.
-TEST_P(ConnectionThreadTest, RecordNamingTheOwnListenerIsClosedUnrelayed) {
-    CDnListenThread listener(0);
-    ASSERT_TRUE(listener.Initialize(Family() == AF_INET6));
-    UniqueFd client = StartJob(&listener);
-    const sockaddr_storage self = swg_test::Endpoint(Loopback(), listener.ListenPort());
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(self) + "x", 1s));
-    ASSERT_TRUE(JobEnded(5s));
-    EXPECT_EQ(m_thread.m_result, ELOOP);
-    std::string received;
-    EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 1s));
-    EXPECT_EQ(m_trace.CountPrefix(WARN, "Connection : Original destination is the agent's own"), 1);
-    listener.Deinitialize();
 }
 
 // A destination that refuses is learnt on the relay's first read, and the client is closed.
