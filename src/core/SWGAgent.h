@@ -24,6 +24,7 @@ class CServerSideCommunicator;
 class CServiceStats;
 class IHashManager;
 class IClock;
+struct redirect_info;
 
 // Run state of the service and, separately, of the redirector. 0 is not used.
 enum AgentRunState : int32_t {
@@ -185,6 +186,12 @@ public:
     void HandleNetworkChangeEvent();
     // Works out whether the agent should stand aside, and makes the change. Any thread.
     void OnBackoffStateChange();
+    // The captive portal flag, read and stored under m_captivePortalLock. Any thread.
+    bool IsCaptivePortalMode();
+    void SetCaptivePortalMode(bool on);
+    // Probes for a captive portal for at most `timeoutSeconds` and sets the flag by the
+    // answer. Blocks; any thread but the main loop's.
+    void DetectCaptivePortalPresence(long timeoutSeconds);
 
     // ---- state and statistics ---------------------------------------------------------
     // Reports a state word to the UI and the state file. 0 handled, -1 refused, -2 failed.

@@ -6,26 +6,15 @@
 
 #include "foundation/Trace.h"
 
-// TODO(lead): listeners; until they land no connection is accepted.
-bool CSWGAgent::CreateListeners(long& error) {
-    m_bIPv6Present = false;
-    if (!IsIPv6Installed()) {
-        DNTRACE(WARN, "IPv6 not installed");
-    } else {
-        m_bIPv6Present = true;
-    }
-    error = 0;
-    return true;
-}
-int CSWGAgent::StartListener(bool /*ipv6*/) { return 0; }
-void CSWGAgent::StopListener(bool /*ipv6*/) {}
-
 // TODO(lead): network tracking; no change is reported.
 int CSWGAgent::checkInterfaceChanges() { return 1; }
 void CSWGAgent::takeActionOnAddrChange() {}
 void CSWGAgent::HandleNetworkChangeEvent() {}
 // TODO(lead): backoff decision; until it lands the agent never stands aside.
 void CSWGAgent::OnBackoffStateChange() {}
+
+// TODO(lead): captive portal detection; no portal is ever detected.
+void CSWGAgent::DetectCaptivePortalPresence(long /*timeoutSeconds*/) {}
 
 // TODO(lead): IPC, state words and statistics; with no plug-in attached nothing is sent.
 int CSWGAgent::SendSWGState(const std::string& /*state*/, int /*update*/) { return 0; }

@@ -47,6 +47,9 @@ int CDnSocket::SendComplete(const char* buffer, int length, int flags, bool stop
 }
 
 int CDnSocket::Recv(char* buffer, int length, int flags) {
+    // Like Receive with the line buffer, the prefix and the descriptor never meet in one call.
+    const int fromPrefix = TakeFromPrefix(buffer, length, flags);
+    if (fromPrefix > 0) return fromPrefix;
     const int fd = m_socket.load();
     const int received = static_cast<int>(::recv(fd, buffer, static_cast<size_t>(length), flags));
     if (received == -1) {

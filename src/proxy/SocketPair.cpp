@@ -145,8 +145,7 @@ int CSocketPair::RecvFromLocal() {
     if (received > 0) {
         buff->cur_len = static_cast<std::size_t>(received);
         buff->cur_ptr = buff->data;
-        m_free_from_local.pop_front();
-        m_to_remote.push_back(buff);
+        m_to_remote.splice(m_to_remote.end(), m_free_from_local, m_free_from_local.begin());
         return 0;
     }
     const int saved = errno;
@@ -201,8 +200,7 @@ int CSocketPair::RecvFromRemote() {
     }
     buff->cur_len = static_cast<std::size_t>(received);
     buff->cur_ptr = buff->data;
-    m_free_from_remote.pop_front();
-    m_to_local.push_back(buff);
+    m_to_local.splice(m_to_local.end(), m_free_from_remote, m_free_from_remote.begin());
     if (received == 1) buff->recv_time = boost::posix_time::microsec_clock::universal_time();
     return 0;
 }
@@ -229,8 +227,7 @@ int CSocketPair::SendFront(BuffList& toSend, BuffList& freeList, CDnVSocket& tar
     SL_BUFF* buff = toSend.front();
     if (buff->cur_len == 0) {
         ResetBuff(*buff);
-        toSend.pop_front();
-        freeList.push_back(buff);
+        freeList.splice(freeList.end(), toSend, toSend.begin());
         return 0;
     }
     const int sent = target.Send(buff->cur_ptr, static_cast<int>(buff->cur_len), 0);
@@ -252,8 +249,7 @@ int CSocketPair::SendFront(BuffList& toSend, BuffList& freeList, CDnVSocket& tar
     }
     if (static_cast<std::size_t>(sent) >= buff->cur_len) {
         ResetBuff(*buff);
-        toSend.pop_front();
-        freeList.push_back(buff);
+        freeList.splice(freeList.end(), toSend, toSend.begin());
     } else {
         buff->cur_len -= static_cast<std::size_t>(sent);
         buff->cur_ptr += sent;

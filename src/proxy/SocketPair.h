@@ -42,8 +42,9 @@ struct SL_BUFF {
 // Relays between a local socket (the diverted client) and a remote one (gateway or original
 // destination) on the calling thread, with one select loop and no further threads.
 //
-// All six buffers are members, so a pair costs about 96 KB of the thread's stack and the
-// loop allocates only list nodes. Neither socket is owned or closed, and neither is ever
+// All six buffers are members, so a pair costs about 96 KB of the thread's stack. Buffers
+// move between the lists by splicing their nodes, so the loop allocates nothing (only a
+// failed send adds a node). Neither socket is owned or closed, and neither is ever
 // shut down: when one side ends, the other learns it only when its owner closes it.
 //
 // Threading: every member runs on the constructing thread. Another thread may set the exit

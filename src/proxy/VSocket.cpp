@@ -75,8 +75,8 @@ bool CDnVSocket::IsDataAvailableOnSocket(unsigned long& readable, int* error) {
         return false;
     }
     if (error != nullptr) *error = 0;
-    readable = static_cast<unsigned long>(count);
-    return count != 0;
+    readable = static_cast<unsigned long>(count) + static_cast<unsigned long>(UnreadPrefixLength());
+    return readable != 0;
 }
 
 bool CDnVSocket::IsDataAvailableInBuffer(unsigned long& readable) {
@@ -90,6 +90,27 @@ bool CDnVSocket::IsLineAvailableInBuffer() { return m_buffer.find(kNewline) != s
 long CDnVSocket::GetReadable() {
     int count = 0;
     if (::ioctl(m_socket.load(), FIONREAD, &count) == -1) return 0;
+    return count + UnreadPrefixLength();
+}
+
+void CDnVSocket::SetReceivePrefix(const char* data, int length) {
+    if (data == nullptr || length < 1) return;
+    m_prefix.assign(data, static_cast<size_t>(length));
+    m_prefixOffset = 0;
+}
+
+int CDnVSocket::TakeFromPrefix(char* buffer, int length, int flags) {
+    const int unread = UnreadPrefixLength();
+    if (unread <= 0 || length < 1) return 0;
+    const int count = unread < length ? unread : length;
+    m_prefix.copy(buffer, static_cast<size_t>(count), m_prefixOffset);
+    if ((flags & MSG_PEEK) != 0) return count;
+    m_prefixOffset += static_cast<size_t>(count);
+    if (m_prefixOffset >= m_prefix.size()) {
+        m_prefix.clear();
+        m_prefix.shrink_to_fit();
+        m_prefixOffset = 0;
+    }
     return count;
 }
 

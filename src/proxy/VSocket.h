@@ -40,7 +40,8 @@ public:
     [[nodiscard]] virtual int SendComplete(const char* buffer, int length, int flags,
                                            bool stop) = 0;
     // One recv into `buffer`; returns the count, 0 at end of stream, -1 with errno set.
-    // Never looks at the line buffer.
+    // Serves the receive prefix, while any is unread, before the descriptor; never looks at
+    // the line buffer.
     [[nodiscard]] virtual int Recv(char* buffer, int length, int flags) = 0;
     // shutdown(2) of the descriptor; returns its result.
     virtual int Shutdown(int how) = 0;
@@ -70,15 +71,26 @@ public:
     // Unread buffered bytes, else FIONREAD on the descriptor. True with `readable` set when
     // anything is there. `error` (may be null) gets 0, or errno when FIONREAD fails.
     bool IsDataAvailable(unsigned long& readable, int* error);
-    // FIONREAD only. True when it reports bytes; false with `*error` 0 when it reports none
-    // (a peer that closed without sending looks the same); false with errno when it fails.
+    // FIONREAD only (plus any unread receive prefix). True when it reports bytes; false with
+    // `*error` 0 when it reports none (a peer that closed without sending looks the same);
+    // false with errno when it fails.
     bool IsDataAvailableOnSocket(unsigned long& readable, int* error);
     // Unread buffered bytes into `readable`; true when there are any.
     bool IsDataAvailableInBuffer(unsigned long& readable);
     // True when the buffer, read or unread, holds a newline.
     bool IsLineAvailableInBuffer();
-    // FIONREAD on the descriptor; 0 when there is nothing or the call fails.
+    // FIONREAD on the descriptor plus any unread receive prefix; 0 when there is nothing or
+    // the call fails.
     long GetReadable();
+
+    // Puts `length` bytes in front of the stream: Recv returns them before anything from the
+    // descriptor, as if they had arrived first (the session record of a connection that the
+    // kernel redirected, made on accept). Replaces an earlier prefix; nothing for a null
+    // `data` or `length` < 1. A select() on the descriptor does not see the prefix, so the
+    // owner reads it before it waits on the descriptor.
+    void SetReceivePrefix(const char* data, int length);
+    // Bytes of the receive prefix that Recv has not yet returned.
+    int UnreadPrefixLength() const { return static_cast<int>(m_prefix.size() - m_prefixOffset); }
 
     // Empties the line buffer and reserves 1024 bytes.
     void ResetBuffer();
@@ -144,7 +156,13 @@ public:
 protected:
     int UnreadLength() const { return m_bufferLength - m_bufferOffset; }
 
+    // Takes up to `length` bytes of the receive prefix into `buffer`; returns the count, 0
+    // when none is left. MSG_PEEK in `flags` leaves them unread.
+    int TakeFromPrefix(char* buffer, int length, int flags);
+
     std::atomic<int> m_socket;
+    std::string m_prefix;
+    std::size_t m_prefixOffset = 0;
     std::string m_buffer;
     int m_bufferLength = 0;
     int m_bufferOffset = 0;

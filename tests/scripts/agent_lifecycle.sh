@@ -1,7 +1,7 @@
 #!/bin/sh
 # Runs the agent with "-CONSOLE" in a network namespace of its own and stops it with
-# SIGTERM: it must start, stop in order, ignore a second signal while stopping, and
-# exit 0. Needs root (unshare -n); exits 77 (skipped) otherwise.
+# SIGTERM: it must start with both listeners taking connections, stop in order, ignore a
+# second signal while stopping, and exit 0. Needs root (unshare -n); exits 77 (skipped) otherwise.
 set -u
 if [ "$(id -u)" -ne 0 ]; then
     echo "SKIP: needs root for a network namespace"
@@ -43,6 +43,13 @@ wait_for "Service started successfully" 750
 grep -qF "SWG : Fail open policy has been set." "$tmp/err" \
     || { echo "FAIL: the sample configuration was not read"; cat "$tmp/err"; exit 1; }
 
+# Both listeners take connections on the loopback port 5002 of the agent's namespace.
+listening=$(nsenter -t "$pid" -n ss -Hltn 2>/dev/null)
+for address in "127.0.0.1:5002" "[::1]:5002"; do
+    echo "$listening" | grep -qF "$address" \
+        || { echo "FAIL: nothing listens on $address"; echo "$listening"; cat "$tmp/err"; exit 1; }
+done
+
 kill -TERM "$pid"
 wait_for "Stopping components" 500
 kill -INT "$pid" 2>/dev/null
@@ -51,9 +58,16 @@ pid=""
 if [ $rc -ne 0 ]; then echo "FAIL: exit status $rc"; cat "$tmp/err"; exit 1; fi
 
 # The stop sequence, in order.
-expected="TerminationHandler with signal 15, posting QUIT message to mobile connector
+expected="Starting IPv4 Listener...
+Starting IPv6 Listener...
+Service started successfully
+TerminationHandler with signal 15, posting QUIT message to mobile connector
 CSWGAgent::RunMessageLoop MSG_ID_QUIT
 Stopping components...
+Stopping IPv4 Listener...
+IPv4 Listener stopped
+Stopping IPv6 Listener...
+IPv6 Listener stopped
 Service stopped."
 last=0
 echo "$expected" | while IFS= read -r line; do

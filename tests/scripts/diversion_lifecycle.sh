@@ -1,6 +1,6 @@
 #!/bin/sh
 # The agent's diversion table over the service's life, in a network namespace of its own:
-# present while the agent runs and something listens on 127.0.0.1:5002, gone after SIGTERM;
+# present while the agent runs and listens on 127.0.0.1:5002, gone after SIGTERM;
 # left by SIGKILL, replaced by the next start, and removed by the unit's ExecStopPost.
 # Needs root (unshare -n) and nft; exits 77 (skipped) otherwise.
 set -u
@@ -23,10 +23,9 @@ rm -rf "$(dirname "$unit")"
 unshare -n sh -s "$SWG_BINARY_DIR/src/tsc_swgagent" "$tmp" "$stoppost" <<'INNER'
 agent=$1; tmp=$2; stoppost=$3
 ip link set lo up
-pid=""; standin=""
+pid=""
 cleanup() {
     [ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null
-    [ -n "$standin" ] && kill "$standin" 2>/dev/null
 }
 trap cleanup EXIT
 fail() { echo "FAIL: $*"; echo "--- agent log"; cat "$tmp/err"; exit 1; }
@@ -47,19 +46,7 @@ wait_table() {  # present|absent
         i=$((i + 1)); [ $i -gt 500 ] && fail "table not $1"; sleep 0.02
     done
 }
-# A stand-in for the agent's listener while it has none of its own; once the agent listens
-# on 5002 itself, the stand-in's bind fails and it ends.
-listen_5002() {
-    if command -v python3 >/dev/null 2>&1; then
-        python3 -c 'import socket,time
-s=socket.socket(); s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-s.bind(("127.0.0.1", 5002)); s.listen(8); time.sleep(60)' 2>/dev/null &
-        standin=$!
-    fi
-}
-
 start_agent
-listen_5002
 wait_table present
 nft list table inet tsc_swg | grep -q "redirect to :5002" || fail "no redirect rule"
 kill -TERM "$pid"; wait "$pid"; pid=""

@@ -191,3 +191,44 @@ TEST_P(ConnectTest, RefusedConnectIsReportedOnEitherPath) {
 }
 
 }  // namespace
+
+namespace {
+
+// The record made on accept must come out of Recv first, alone, and then the client's bytes.
+TEST(DnSocketPrefixTest, RecvServesThePrefixBeforeTheDescriptorAndNeverMixesThem) {
+    StreamPair pair = MakeStreamPair();
+    ASSERT_TRUE(pair.sock);
+    pair.sock->SetReceivePrefix("ABC", 3);
+    ASSERT_TRUE(swg_test::WriteAll(pair.peer.Get(), "DEF", 1s));
+    char buffer[16] = {};
+    ASSERT_EQ(pair.sock->Recv(buffer, 2, 0), 2);
+    EXPECT_EQ(std::string(buffer, 2), "AB");
+    ASSERT_EQ(pair.sock->Recv(buffer, sizeof(buffer), 0), 1);
+    EXPECT_EQ(buffer[0], 'C');
+    ASSERT_EQ(pair.sock->Recv(buffer, sizeof(buffer), 0), 3);
+    EXPECT_EQ(std::string(buffer, 3), "DEF");
+}
+
+// Readiness counts the prefix, so that a sniffer waiting for bytes does not wait in vain.
+TEST(DnSocketPrefixTest, ReadinessCountsThePrefixAndPeekKeepsIt) {
+    StreamPair pair = MakeStreamPair();
+    ASSERT_TRUE(pair.sock);
+    pair.sock->SetReceivePrefix("ABCD", 4);
+    unsigned long readable = 0;
+    int error = -1;
+    EXPECT_TRUE(pair.sock->IsDataAvailable(readable, &error));
+    EXPECT_EQ(readable, 4u);
+    EXPECT_EQ(error, 0);
+    ASSERT_TRUE(swg_test::WriteAll(pair.peer.Get(), "xy", 1s));
+    ASSERT_TRUE(swg_test::WaitReadable(pair.sock->GetSocket(), 1s));
+    EXPECT_EQ(pair.sock->GetReadable(), 6);
+
+    char buffer[8] = {};
+    ASSERT_EQ(pair.sock->Recv(buffer, 4, MSG_PEEK), 4);
+    EXPECT_EQ(pair.sock->UnreadPrefixLength(), 4);
+    ASSERT_EQ(pair.sock->Recv(buffer, 4, 0), 4);
+    EXPECT_EQ(pair.sock->UnreadPrefixLength(), 0);
+    EXPECT_EQ(pair.sock->GetReadable(), 2);
+}
+
+}  // namespace

@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: Apache-2.0
+// CDnConnectionThread: carries one diverted connection at a time from accepted socket to end.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include "foundation/DnEventThread.h"
+#include "platform/RedirectorRecords.h"
+
+class CDnListenThread;
+class CDnVSocket;
+class CDnHttpHeaders;
+
+// The worker of the connection path. The pool creates it, Initialize and StartThread make it
+// ready, and each Start hands it one accepted socket; ProcessEvent then runs the job on the
+// thread's own stack: read the session record, choose the modes, connect the outgoing side,
+// relay both ways, close.
+//
+// Ownership: owns both sockets of its current job from Start on; they are deleted at the
+// next Start, by Deinitialize or by the destructor. The listener is not owned.
+//
+// Threading: the job runs on the thread. Start runs on the listener thread while the thread
+// waits; Kill may come from any thread at any time and touches only the two sockets (under
+// m_socketLock) and the exit flag. Everything else belongs to the thread.
+class CDnConnectionThread : public CDnEventThread {
+public:
+    // What a failed outgoing connection is put down to; the failure policy decides by it.
+    enum CONN_FAILURE_REASON : int32_t {
+        FAILURE_LICENSE = 0,
+        FAILURE_CONNECT = 1,
+        FAILURE_SECURE_CONNECT = 2,
+        FAILURE_PEER_IDENTITY = 3,
+        FAILURE_PROXY_RESPONSE = 4,
+        FAILURE_PROXY_CONNECT = 5,
+        FAILURE_PROXY_CREDENTIALS = 6,
+        FAILURE_PROXY_CREDENTIALS_REQUIRED = 7,
+    };
+
+    CDnConnectionThread();
+    // Stops and joins the thread if it runs, then deletes both sockets.
+    ~CDnConnectionThread() override;
+
+    // ---- lifecycle -----------------------------------------------------------------
+    // CDnEventThread::Initialize, then the per-object defaults (no sockets, modes 0, no
+    // connection being relayed). Returns false, logging, when the base fails.
+    bool Initialize() override;
+    // Deletes both sockets and resets as Initialize does; joins a thread told to stop.
+    // Returns true.
+    bool Deinitialize() override;
+    // Starts the system thread. Returns 0, or the error code of a thread that could not be
+    // created (logged).
+    long StartThread() override;
+    // Wakes a job blocked on either socket (CloseKdfConnection), then sets exit_requested and
+    // signals exit_event. Any thread; does not wait. Returns true.
+    bool Kill() override;
+    // Joins the thread. Returns 0. Not from the thread itself.
+    long Wait() override;
+    using CDnThread::Wait;
+
+    // Hands the thread a job: deletes the sockets of the last job, takes ownership of
+    // `socket` (the accepted connection, non-null), remembers `listener`, sets m_bIPv6 from
+    // `ipv6`, and wakes the thread with `done` as the event to signal at the end.
+    // Returns CDnEventThread::Start's result: 0, or 1 when the thread is busy and `force` is
+    // false (the socket is then owned all the same and closed by the next Start).
+    long Start(boost_ext::condition_event& done, CDnVSocket* socket, CDnListenThread* listener,
+               bool ipv6, bool force);
+
+    // ---- the job ---------------------------------------------------------------------
+    // Runs HandleConnection, reports "protected" after a normal end, closes both sockets and
+    // removes the no-redirect exception. Returns HandleConnection's code. On the thread.
+    long ProcessEvent() override;
+    // The connection from accepted socket to the end of the relay. Returns 0 for a
+    // connection that came to its normal end (or was told to stop), 1 when the session record
+    // could not be read, or the code of the step that gave up. Never throws.
+    long HandleConnection();
+    // Opens the outgoing socket of the current modes and connects it: the original
+    // destination in bypass, the gateway otherwise. Returns 0 with m_pExternalSocket
+    // connected; the code of the failure with no outgoing socket left; -1 when no target
+    // could be had. Never throws.
+    long GetExternalConnection();
+    // Relays between the two sockets until one side ends (CSocketPair). Returns the relay's
+    // result: 0, 10058 for a side that finished, or an error code.
+    int BridgeConnections();
+
+    // Shuts down and closes the local socket; closes the outgoing one. The objects live on
+    // until the next Start. Any thread.
+    void CloseConnection();
+    // Kill's way to wake a job blocked in a read: shuts down both sockets (the job closes
+    // them when it unwinds). Any thread.
+    void CloseKdfConnection();
+
+    // Installs a no-redirect exception for the outgoing connect to `destination` (a
+    // sockaddr_in or sockaddr_in6), after removing any still active. Returns whether the
+    // redirector accepted it; the caller connects either way.
+    bool MakeNoRedirectKdfException(const sockaddr& destination);
+    // Removes the exception installed for this job, if any. Returns false when the
+    // redirector refused the removal (the exception stays marked for a later attempt).
+    bool RemoveCurrentNoRedirectKdfException();
+
+    // 0 relaying through the gateway, 1 relaying in bypass, 2 no connection being relayed.
+    int GetStatsConnMode() const { return m_statsConnMode; }
+
+    // The last component of the executable path of process `pid`; the whole path when it
+    // has no "/"; empty when the path can't be had.
+    static std::string getProcessName(unsigned int pid);
+
+    // ---- steps of later pieces (ConnectionThreadPending.cpp until they land) ------------
+    // Looks at the client's first bytes and sets CMode and TMode. 0 or a code.
+    long SelectInitialMode();
+    // Reads the client's header block into m_headers. 0 or a code.
+    long ReadHttpHeaders();
+    // Sets m_host, the host named in the gateway request.
+    void SetupHost();
+    // Appends the licence header lines to `headers`; false when they could not be had.
+    bool ModifyHttpHeaders(CDnHttpHeaders* headers);
+    // Sends the CONNECT request for `host`:`port` to the gateway. 0 or a code.
+    long DoProxyConnect(std::string host, unsigned short port, std::string reserved,
+                        bool addLicence);
+    // Reads and checks the gateway's answer to CONNECT. 0 or a code.
+    long ProcessProxyResponse(bool& connectionLost, int& status, bool noForward);
+    // Applies the failure policy after both connect attempts failed. True when an outgoing
+    // connection now stands and the job may go on.
+    bool OnConnectionFailure(CONN_FAILURE_REASON reason);
+    // Looks for a captive portal after a failed gateway step and turns to bypass if one is
+    // there or the policy is fail open.
+    void handleCaptivePortal(const std::string& message, bool keepSocket);
+    // Moves a failed anycast gateway address to the back of its list.
+    void handleAnycastFailure();
+    // Record the start of a gateway connect, and the time it took.
+    void StartSetConnectTime();
+    void EndSetConnectTime();
+
+    // What a client speaks (0 unknown, 1 TLS, 2 HTTP) and how its connection travels
+    // (0 bypass, 1 gateway, 2 plain tunnel through a proxy, turned into 0).
+    int32_t CMode = 0;
+    int32_t TMode = 0;
+
+    static std::atomic<std::uint16_t> sm_usNextIPIndex;
+    static std::atomic<std::uint16_t> sm_usNextIPV6Index;
+
+private:
+    // Steps of HandleConnection.
+    long ReadSessionRecord();
+    bool IsLoopToListener();
+    void ResetForJob();
+    bool ApplyBackoff();
+    void ChooseGatewayFamily();
+    long ConnectAndExchange();
+    void CountConnection();
+    bool ExitRequested();
+
+    // The original destination as a socket address of the family the job leaves on.
+    socklen_t OriginalTarget(sockaddr_storage& target, bool ipv6) const;
+    // Makes the session record of a connection that the kernel redirected and puts it in
+    // front of the accepted socket's bytes.
+    void PrepareSessionRecord();
+    void DeleteExternalSocket();
+    void DeleteSockets();
+    void ResetDefaults();
+
+    // Stand-ins for the client's header block until the header class lands.
+    void ResetHttpHeaders();
+    CDnHttpHeaders* ClientHeaders();
+    long WriteClientHeaders();
+
+public:
+    // Fields of the job, in the order of the record.
+    std::uint64_t m_origDstV4 = 0;  // the 8 record bytes after the port; low 32 bits the address
+    unsigned char m_origDstV6[16] = {};
+    std::uint16_t m_origDstPort = 0;  // network order
+    char m_hostNames[768] = {};
+    int32_t m_statsConnMode = 2;
+    std::string m_host;
+    CDnVSocket* m_pKdfSocket = nullptr;       // the accepted socket, owned
+    CDnVSocket* m_pExternalSocket = nullptr;  // the outgoing socket, owned, null until made
+    bool m_bBypassed = false;
+    bool m_bNoRedirectActive = false;
+
+private:
+
+public:
+    redirect_info m_noRedirectRule;
+    int32_t m_pid = -1;
+    std::string m_towerIP;
+    CDnListenThread* m_pListener = nullptr;
+    bool m_bIPv6 = false;
+    bool m_bIPv6ViaIPv4 = false;
+    bool m_bAnycastFallback = false;
+    std::string m_anycastIP;
+    std::int64_t m_connectMillis = 0;
+    boost::posix_time::ptime m_connectStart;
+    std::string m_processName;
+    bool m_bFailureReported = false;
+
+private:
+    // Guards the two socket pointers and their descriptors against Kill: a socket is
+    // created, closed or deleted only under it, so Kill never touches a freed object or a
+    // descriptor number that another connection already reuses.
+    std::mutex m_socketLock;
+};

@@ -1,0 +1,225 @@
+// SPDX-License-Identifier: Apache-2.0
+// Test peers of the connection path: session records, scripted TCP servers, checked byte streams.
+#include "support/TestServers.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/RedirectorRecords.h"
+
+namespace swg_test {
+
+sockaddr_storage Endpoint(const char* address, std::uint16_t port) {
+    sockaddr_storage out{};
+    auto& in4 = reinterpret_cast<sockaddr_in&>(out);
+    if (inet_pton(AF_INET, address, &in4.sin_addr) == 1) {
+        in4.sin_family = AF_INET;
+        in4.sin_port = htons(port);
+        return out;
+    }
+    out = sockaddr_storage{};
+    auto& in6 = reinterpret_cast<sockaddr_in6&>(out);
+    if (inet_pton(AF_INET6, address, &in6.sin6_addr) == 1) {
+        in6.sin6_family = AF_INET6;
+        in6.sin6_port = htons(port);
+    }
+    return out;
+}
+
+socklen_t EndpointLength(const sockaddr_storage& address) {
+    return address.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+}
+
+std::uint16_t EndpointPort(const sockaddr_storage& address) {
+    if (address.ss_family == AF_INET6)
+        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+    return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+}
+
+std::string SessionRecordFor(const sockaddr_storage& destination, std::int32_t pid,
+                             const std::string& hostNames) {
+    ngc_session_info record;
+    std::memset(&record, 0, sizeof(record));
+    std::memcpy(record.orig_dst.raw, &destination, EndpointLength(destination));
+    std::memcpy(record.host_names, hostNames.data(),
+                std::min(hostNames.size(), sizeof(record.host_names)));
+    record.process_id = pid;
+    return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
+}
+
+UniqueFd ConnectTo(const sockaddr_storage& address) {
+    UniqueFd fd(::socket(address.ss_family, SOCK_STREAM, 0));
+    if (fd.Get() == -1) return fd;
+    if (::connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), EndpointLength(address)) !=
+        0)
+        fd.Reset();
+    return fd;
+}
+
+TestServer::TestServer(const sockaddr_storage& address, Handler handler, int backlog,
+                       bool accepting)
+    : m_address(address), m_handler(std::move(handler)) {
+    m_listen.Reset(::socket(address.ss_family, SOCK_STREAM, 0));
+    if (m_listen.Get() == -1) return;
+    const int reuse = 1;
+    (void)::setsockopt(m_listen.Get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
+    socklen_t length = EndpointLength(m_address);
+    auto* raw = reinterpret_cast<sockaddr*>(&m_address);
+    if (::bind(m_listen.Get(), raw, length) != 0 || ::listen(m_listen.Get(), backlog) != 0 ||
+        ::getsockname(m_listen.Get(), raw, &length) != 0) {
+        m_listen.Reset();
+        return;
+    }
+    if (accepting) m_acceptor = std::thread(&TestServer::AcceptLoop, this);
+}
+
+TestServer::~TestServer() { Stop(); }
+
+void TestServer::AcceptLoop() {
+    while (!m_stop) {
+        pollfd entry{m_listen.Get(), POLLIN, 0};
+        if (::poll(&entry, 1, 50) <= 0) continue;
+        const int fd = ::accept(m_listen.Get(), nullptr, nullptr);
+        if (fd == -1) continue;
+        std::lock_guard<std::mutex> hold(m_lock);
+        m_open.push_back(fd);
+        m_handlers.emplace_back([this, fd] {
+            m_handler(fd);
+            std::lock_guard<std::mutex> closing(m_lock);
+            m_open.erase(std::find(m_open.begin(), m_open.end(), fd));
+            ::close(fd);
+        });
+        ++m_accepted;
+        m_changed.notify_all();
+    }
+}
+
+bool TestServer::WaitForAccepted(int count, std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> hold(m_lock);
+    return m_changed.wait_for(hold, timeout, [&] { return m_accepted.load() >= count; });
+}
+
+void TestServer::Stop() {
+    if (m_stop.exchange(true)) return;
+    if (m_acceptor.joinable()) m_acceptor.join();
+    std::vector<std::thread> handlers;
+    {
+        // Under the lock: a handler closes its descriptor under it too, so no number shut
+        // down here can have been reused.
+        std::lock_guard<std::mutex> hold(m_lock);
+        handlers.swap(m_handlers);
+        for (const int fd : m_open) (void)::shutdown(fd, SHUT_RDWR);
+    }
+    for (std::thread& handler : handlers) handler.join();
+    m_listen.Reset();
+}
+
+void EchoHandler(int fd) {
+    char chunk[16384];
+    for (;;) {
+        const ssize_t got = ::recv(fd, chunk, sizeof(chunk), 0);
+        if (got <= 0) return;
+        if (!WriteAll(fd, std::string(chunk, static_cast<std::size_t>(got)),
+                      std::chrono::seconds(30)))
+            return;
+    }
+}
+
+void PatternStream::Fill(char* data, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        m_state ^= m_state << 13;
+        m_state ^= m_state >> 17;
+        m_state ^= m_state << 5;
+        data[i] = static_cast<char>(m_state & 0xff);
+    }
+}
+
+void StreamDigest::Add(const char* data, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        m_hash ^= static_cast<unsigned char>(data[i]);
+        m_hash *= 1099511628211ull;
+    }
+    m_length += count;
+}
+
+StreamDigest SendPattern(int fd, std::uint64_t count, unsigned seed,
+                         std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    PatternStream pattern(seed);
+    StreamDigest digest;
+    std::vector<char> chunk(65536);
+    std::uint64_t sent = 0;
+    while (sent < count && std::chrono::steady_clock::now() < deadline) {
+        const std::size_t size =
+            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), count - sent));
+        pattern.Fill(chunk.data(), size);
+        if (!WriteAll(fd, std::string(chunk.data(), size),
+                      std::chrono::duration_cast<std::chrono::milliseconds>(
+                          deadline - std::chrono::steady_clock::now())))
+            break;
+        digest.Add(chunk.data(), size);
+        sent += size;
+    }
+    return digest;
+}
+
+StreamDigest ReceiveDigest(int fd, std::uint64_t limit, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    StreamDigest digest;
+    std::vector<char> chunk(65536);
+    while (digest.Length() < limit) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) break;
+        pollfd entry{fd, POLLIN, 0};
+        const int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) break;
+        const std::size_t want = static_cast<std::size_t>(
+            std::min<std::uint64_t>(chunk.size(), limit - digest.Length()));
+        const ssize_t got = ::recv(fd, chunk.data(), want, 0);
+        if (got <= 0) break;
+        digest.Add(chunk.data(), static_cast<std::size_t>(got));
+    }
+    return digest;
+}
+
+StreamDigest PatternDigest(std::uint64_t count, unsigned seed) {
+    PatternStream pattern(seed);
+    StreamDigest digest;
+    std::vector<char> chunk(65536);
+    for (std::uint64_t done = 0; done < count;) {
+        const std::size_t size =
+            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), count - done));
+        pattern.Fill(chunk.data(), size);
+        digest.Add(chunk.data(), size);
+        done += size;
+    }
+    return digest;
+}
+
+namespace {
+int CountEntries(const char* folder) {
+    DIR* dir = ::opendir(folder);
+    if (dir == nullptr) return -1;
+    int count = 0;
+    while (const dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] != '.') ++count;
+    }
+    ::closedir(dir);
+    return count;
+}
+}  // namespace
+
+// The directory stream of /proc/self/fd is itself one open descriptor while it is read.
+int CountOpenDescriptors() { return CountEntries("/proc/self/fd") - 1; }
+int CountThreads() { return CountEntries("/proc/self/task"); }
+
+}  // namespace swg_test

@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: Apache-2.0
+// The listener on a free loopback port: accept and hand over, bind failure, stop, descriptor
+// limits.
+#include "proxy/ListenThread.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/SWGAgent.h"
+#include "support/SocketPeers.h"
+#include "support/TestServers.h"
+#include "unit/foundation/ThreadTestSupport.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using swg_test::UniqueFd;
+
+class ListenThreadTest : public ::testing::TestWithParam<int> {
+protected:
+    void TearDown() override {
+        if (m_listener) m_listener->Deinitialize();
+    }
+
+    bool StartListener(int family) {
+        m_listener = std::make_unique<CDnListenThread>(0);
+        // listen runs on the listener's own thread, after StartThread returns.
+        return m_listener->Initialize(family == AF_INET6) && m_listener->StartThread() == 0 &&
+               swg_test::WaitUntil([&] { return m_listener->IsListening(); });
+    }
+
+    sockaddr_storage ListenerAddress(int family) const {
+        return swg_test::Endpoint(family == AF_INET6 ? "::1" : "127.0.0.1",
+                                  m_listener->ListenPort());
+    }
+
+    // Sends a record naming `server`, then `payload`, and expects it echoed.
+    ::testing::AssertionResult RoundTrip(int family, const sockaddr_storage& server,
+                                         const std::string& payload) {
+        UniqueFd client = swg_test::ConnectTo(ListenerAddress(family));
+        if (client.Get() == -1) return ::testing::AssertionFailure() << "no connection";
+        if (!swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(server) + payload, 5s))
+            return ::testing::AssertionFailure() << "write failed";
+        std::string echoed;
+        if (!swg_test::ReadExactly(client.Get(), payload.size(), echoed, 5s) || echoed != payload)
+            return ::testing::AssertionFailure() << "echo was '" << echoed << "'";
+        return ::testing::AssertionSuccess();
+    }
+
+    swg_test::RecordingTrace m_trace;
+    std::unique_ptr<CDnListenThread> m_listener;
+};
+
+INSTANTIATE_TEST_SUITE_P(Families, ListenThreadTest, ::testing::Values(AF_INET, AF_INET6),
+                         [](const ::testing::TestParamInfo<int>& param) {
+                             return std::string(param.param == AF_INET6 ? "IPv6" : "IPv4");
+                         });
+
+// Accepted connections reach a worker, one after the other.
+TEST_P(ListenThreadTest, HandsEachAcceptedConnectionToAWorker) {
+    ASSERT_TRUE(StartListener(GetParam()));
+    swg_test::TestServer server(swg_test::Endpoint(GetParam() == AF_INET6 ? "::1" : "127.0.0.1", 0),
+                                swg_test::EchoHandler);
+    EXPECT_TRUE(RoundTrip(GetParam(), server.Address(), "first"));
+    EXPECT_TRUE(RoundTrip(GetParam(), server.Address(), "second"));
+    EXPECT_EQ(m_trace.Count(LISTEN, "Listener : Connection started"), 2);
+}
+
+// A port in use is reported by Initialize, with the port, the family and the error.
+TEST_P(ListenThreadTest, PortInUseFailsInitialize) {
+    ASSERT_TRUE(StartListener(GetParam()));
+    CDnListenThread second(m_listener->ListenPort());
+    EXPECT_FALSE(second.Initialize(GetParam() == AF_INET6));
+    EXPECT_EQ(m_trace.CountPrefix(ERR,
+                                  "Listener : Initialization failed, failed to bind the "
+                                  "listen port:" +
+                                      std::to_string(m_listener->ListenPort())),
+              1);
+}
+
+// Linux does not end a blocking accept on close; the stop must not hang there.
+TEST_P(ListenThreadTest, DeinitializeEndsABlockedAcceptPromptly) {
+    ASSERT_TRUE(StartListener(GetParam()));
+    std::this_thread::sleep_for(50ms);  // the loop is in accept by now
+    const auto start = Clock::now();
+    m_listener->Deinitialize();
+    m_listener.reset();
+    EXPECT_LT(Clock::now() - start, 1s);
+    EXPECT_EQ(m_trace.Count(TRACE, "Listener : Shutting down. Exit Code : 0"), 1);
+}
+
+// Fills every free descriptor number below `below` (or up to the limit) with /dev/null.
+std::vector<UniqueFd> FillDescriptors(int below) {
+    std::vector<UniqueFd> fillers;
+    for (;;) {
+        const int fd = ::open("/dev/null", O_RDONLY);
+        if (fd == -1) break;
+        fillers.emplace_back(fd);
+        if (fd >= below - 1) break;
+    }
+    return fillers;
+}
+
+class ListenThreadLimitTest : public ListenThreadTest {
+protected:
+    void SetUp() override { ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &m_saved), 0); }
+    void TearDown() override {
+        m_fillers.clear();
+        ::setrlimit(RLIMIT_NOFILE, &m_saved);
+        ListenThreadTest::TearDown();
+    }
+    rlimit m_saved{};
+    std::vector<UniqueFd> m_fillers;
+};
+
+INSTANTIATE_TEST_SUITE_P(Families, ListenThreadLimitTest, ::testing::Values(AF_INET));
+
+// Out of descriptors, the loop must neither spin nor stop the service; it serves the waiting
+// connection once descriptors are free again.
+TEST_P(ListenThreadLimitTest, RunningOutOfDescriptorsPausesAcceptAndRecovers) {
+    swg_test::TestServer server(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
+    m_listener = std::make_unique<CDnListenThread>(0);
+    ASSERT_TRUE(m_listener->Initialize(false));
+    {
+        boost::recursive_mutex::scoped_lock hold(g_pSWGAgent->m_messageLock);
+        g_pSWGAgent->m_messages.clear();
+    }
+    UniqueFd client(::socket(AF_INET, SOCK_STREAM, 0));
+    // A blocked accept holds the descriptor number it will return, so the descriptors run out
+    // before the loop starts.
+    m_fillers = FillDescriptors(1 << 30);
+    ASSERT_EQ(m_listener->StartThread(), 0);
+    ASSERT_TRUE(swg_test::WaitUntil([&] { return m_listener->IsListening(); }));
+    const sockaddr_storage address = ListenerAddress(AF_INET);
+    ASSERT_EQ(::connect(client.Get(), reinterpret_cast<const sockaddr*>(&address),
+                        swg_test::EndpointLength(address)),
+              0);
+    std::this_thread::sleep_for(600ms);
+    const int failures = m_trace.Count(ERR, "Listener : Invalid connection handle. Error(24)");
+    EXPECT_GE(failures, 2);
+    EXPECT_LE(failures, 8);  // paced at 100 ms, not spinning
+    EXPECT_EQ(m_trace.Count(LISTEN, "Listener : Connection started"), 0);
+    {
+        boost::recursive_mutex::scoped_lock hold(g_pSWGAgent->m_messageLock);
+        EXPECT_TRUE(g_pSWGAgent->m_messages.empty());
+    }
+
+    m_fillers.clear();
+    ASSERT_TRUE(
+        swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(server.Address()) + "ok", 5s));
+    std::string echoed;
+    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 2, echoed, 5s));
+    EXPECT_EQ(echoed, "ok");
+    // The worker secured before the failures served it; one more waits for the next.
+    EXPECT_EQ(m_listener->m_ConnectionThreadPool.ActiveCount(), 2u);
+}
+
+// A descriptor beyond the relay's sets could never be served: it is closed at once, and the
+// worker secured for it serves a later connection.
+TEST_P(ListenThreadLimitTest, AcceptedDescriptorBeyondTheSelectLimitIsRefused) {
+    rlimit raised = m_saved;
+    raised.rlim_cur = std::min<rlim_t>(m_saved.rlim_max, 8400);
+    if (raised.rlim_cur < 8300) GTEST_SKIP() << "hard descriptor limit below 8300";
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
+    swg_test::TestServer server(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
+    m_listener = std::make_unique<CDnListenThread>(0);
+    ASSERT_TRUE(m_listener->Initialize(false));
+    m_fillers = FillDescriptors(8192);
+    ASSERT_EQ(m_listener->StartThread(), 0);
+    ASSERT_TRUE(swg_test::WaitUntil([&] { return m_listener->IsListening(); }));
+
+    UniqueFd refused = swg_test::ConnectTo(ListenerAddress(AF_INET));
+    ASSERT_NE(refused.Get(), -1);
+    std::string received;
+    EXPECT_FALSE(swg_test::ReadExactly(refused.Get(), 1, received, 2s));
+    EXPECT_EQ(m_trace.CountPrefix(WARN, "Listener : Descriptor "), 1);
+
+    m_fillers.clear();
+    // An accept that was already waiting may hold a number above the limit: its connection
+    // goes the same way, and a later one is served.
+    bool served = false;
+    for (int attempt = 0; attempt < 3 && !served; ++attempt)
+        served = RoundTrip(AF_INET, server.Address(), "after");
+    EXPECT_TRUE(served);
+    EXPECT_EQ(m_trace.Count(LISTEN, "Listener : Connection started"), 1);
+    // Refusals cost no worker: the one that served and the one secured for the next.
+    EXPECT_EQ(m_listener->m_ConnectionThreadPool.ActiveCount(), 2u);
+}
+
+}  // namespace

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+// Telling redirected connections from direct ones, and the record made for them.
+#include "proxy/SessionRecord.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <cstring>
+
+#include "support/SocketPeers.h"
+#include "support/TestServers.h"
+
+namespace {
+
+using swg_test::Endpoint;
+
+// A connection whose original destination is the listener itself was not redirected: it
+// carries its own record, and must not get a second one.
+TEST(SessionRecordTest, OnlyAnotherOriginalDestinationCountsAsRedirected) {
+    const sockaddr_storage local = Endpoint("127.0.0.1", 5002);
+    EXPECT_FALSE(IsRedirectedDestination(nullptr, local));
+    const sockaddr_storage same = Endpoint("127.0.0.1", 5002);
+    EXPECT_FALSE(IsRedirectedDestination(&same, local));
+    const sockaddr_storage otherPort = Endpoint("127.0.0.1", 8080);
+    EXPECT_TRUE(IsRedirectedDestination(&otherPort, local));
+    const sockaddr_storage remote = Endpoint("198.18.0.1", 5002);
+    EXPECT_TRUE(IsRedirectedDestination(&remote, local));
+
+    const sockaddr_storage local6 = Endpoint("::1", 5002);
+    const sockaddr_storage same6 = Endpoint("::1", 5002);
+    EXPECT_FALSE(IsRedirectedDestination(&same6, local6));
+    const sockaddr_storage remote6 = Endpoint("::1", 443);
+    EXPECT_TRUE(IsRedirectedDestination(&remote6, local6));
+}
+
+// The record's reader takes the port at offset 2, the IPv4 address at 4, the IPv6 address at
+// 8 and the pid at 796; host names stay empty.
+TEST(SessionRecordTest, RecordLaysOutTheDestinationWhereTheReaderLooks) {
+    ngc_session_info record;
+    std::memset(&record, 0x5a, sizeof(record));
+    FillSessionRecord(Endpoint("198.18.0.7", 8080), 4321, record);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&record);
+    EXPECT_EQ(bytes[2], 0x1f);
+    EXPECT_EQ(bytes[3], 0x90);
+    const unsigned char v4[4] = {198, 18, 0, 7};
+    EXPECT_EQ(std::memcmp(bytes + 4, v4, 4), 0);
+    EXPECT_EQ(record.host_names[0], '\0');
+    EXPECT_EQ(record.process_id, 4321);
+
+    FillSessionRecord(Endpoint("::1", 443), -1, record);
+    EXPECT_EQ(bytes[2], 0x01);
+    EXPECT_EQ(bytes[3], 0xbb);
+    EXPECT_EQ(bytes[8 + 15], 1);
+    EXPECT_EQ(record.process_id, -1);
+}
+
+// Every spelling of the loopback listener is a loop; other addresses and ports are not.
+TEST(SessionRecordTest, ListenerDestinationCoversEveryLoopbackSpelling) {
+    EXPECT_TRUE(IsListenerDestination(Endpoint("127.0.0.1", 5002), 5002));
+    EXPECT_TRUE(IsListenerDestination(Endpoint("::1", 5002), 5002));
+    EXPECT_TRUE(IsListenerDestination(Endpoint("::ffff:127.0.0.1", 5002), 5002));
+    EXPECT_FALSE(IsListenerDestination(Endpoint("127.0.0.1", 5003), 5002));
+    EXPECT_FALSE(IsListenerDestination(Endpoint("127.0.0.2", 5002), 5002));
+    EXPECT_FALSE(IsListenerDestination(Endpoint("198.18.0.1", 5002), 5002));
+    EXPECT_FALSE(IsListenerDestination(Endpoint("::2", 5002), 5002));
+}
+
+// A connection made straight to a loopback listener gets no made-up record.
+TEST(SessionRecordTest, DirectConnectionGetsNoRecord) {
+    swg_test::TcpPair pair = swg_test::MakeTcpPair(AF_INET);
+    ASSERT_NE(pair.b.Get(), -1);
+    ngc_session_info record;
+    std::memset(&record, 0x5a, sizeof(record));
+    EXPECT_FALSE(MakeDivertedSessionRecord(pair.b.Get(), false, record));
+    EXPECT_EQ(record.process_id, 0x5a5a5a5a);
+}
+
+}  // namespace
