@@ -69,7 +69,7 @@ static_assert(offsetof(redirect_info_head, rule_excluded_pid) == 50, "rule_exclu
 // copies what it keeps. They follow the head at their natural alignment (offset 56, not
 // 54): a std::list at an odd offset makes every list operation a misaligned access,
 // which is undefined behaviour. No closed library reads this record on Linux, so only
-// the head keeps the packed layout (docs/decisions/0009-redirect-record-alignment.md).
+// the head keeps the packed layout (docs/decisions/0008-redirect-record-alignment.md).
 struct redirect_info : redirect_info_head {
     std::list<ngc_cidr_addr> include_addrs;
     std::list<ngc_cidr_addr> exclude_addrs;
