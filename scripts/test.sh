@@ -13,11 +13,16 @@ cd "$(dirname "$0")/.."
 
 stages=${SWG_TEST_STAGES:-"debug asan tsan fuzz"}
 
-run_stage() {
+run_stage() {  # preset [targets...]
     preset=$1
+    shift
     echo "==== $preset: configure and build"
     cmake --preset "$preset" >/dev/null
-    cmake --build --preset "$preset"
+    if [ $# -gt 0 ]; then
+        cmake --build --preset "$preset" --target "$@"
+    else
+        cmake --build --preset "$preset"
+    fi
     echo "==== $preset: test"
     ctest --preset "$preset"
 }
@@ -26,8 +31,8 @@ for stage in $stages; do
     case $stage in
         debug) run_stage debug ;;
         asan)  run_stage asan-ubsan ;;
-        tsan)  run_stage tsan ;;
-        fuzz)  run_stage fuzz ;;
+        tsan)  run_stage tsan test_foundation test_proxy test_resolve ;;
+        fuzz)  run_stage fuzz swg_fuzzers ;;
         *) echo "unknown stage: $stage" >&2; exit 2 ;;
     esac
 done
