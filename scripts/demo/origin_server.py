@@ -17,7 +17,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.wfile.write(body)
 
     def log_message(self, fmt, *args):
-        print(f"origin {self.server.title}: " + fmt % args, flush=True)
+        print(f"origin {self.server.title}: from {self.client_address[0]}: " + fmt % args,
+              flush=True)
 
 
 def main():
