@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <deque>
+#include <thread>
 #include <vector>
 
 #include "foundation/ConditionEvent.h"
@@ -153,4 +156,45 @@ TEST(MessageLoopTest, UnknownResultKeepsLooping) {
     RunScript(host);
     EXPECT_EQ(host.timeouts.size(), 2u);
     EXPECT_TRUE(host.actions.empty());
+}
+
+namespace {
+// The loop over real events and the real clock, with a short window.
+class EventHost : public IMessageLoopHost {
+public:
+    long WaitForEvents(unsigned long timeoutMs) override {
+        boost_ext::condition_event* events[2] = {&message, &addrChange};
+        return boost_ext::condition_event_group::WaitForMultipleObjects(2, events, false,
+                                                                        timeoutMs);
+    }
+    ptime Now() override { return boost::posix_time::microsec_clock::universal_time(); }
+    void TakeActionOnAddrChange() override { actionTimes.push_back(Now()); }
+    void ResetAddrChangeEvent() override { addrChange.reset(); }
+    bool DrainMessages() override { return quit.load(); }
+
+    boost_ext::condition_event message{true};
+    boost_ext::condition_event addrChange{false};
+    std::atomic<bool> quit{false};
+    std::vector<ptime> actionTimes;
+};
+}  // namespace
+
+// The debounce must work over the real multi-event wait: a burst is acted on once, a
+// window after its last event, and quit ends the loop.
+TEST(MessageLoopRealEventsTest, BurstOverRealEventsActsOnceAfterTheLastEvent) {
+    EventHost host;
+    CMessageLoop loop(host, 300);
+    std::thread loopThread([&] { loop.Run(); });
+
+    host.addrChange.notify();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const ptime lastChange = host.Now();
+    host.addrChange.notify();
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    host.quit = true;
+    host.message.notify();
+    loopThread.join();
+
+    ASSERT_EQ(host.actionTimes.size(), 1u);
+    EXPECT_GE((host.actionTimes[0] - lastChange).total_milliseconds(), 280);
 }
