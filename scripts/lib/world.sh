@@ -3,7 +3,7 @@
 # prefix) and WORLD_WORK (a scratch folder), then call the functions below. Needs root.
 #
 #   $WORLD-client  198.18.1.2/24  the laptop: the agent and the user's clients
-#   $WORLD-inet    198.18.1.1/24  the internet, with these hosts on a dummy interface:
+#   $WORLD-inet    198.18.1.1/24  the internet, with these hosts on its loopback:
 #                  198.18.0.10    gateway.swg.test   the test gateway (80, 443)
 #                  198.18.0.20    www.demo.test      plain HTTP origin (80, 8080)
 #                  198.18.0.21    secure.demo.test   HTTPS origin (443)
@@ -31,10 +31,9 @@ world_create() {
     ip -n "$inet" link set lo up
     ip -n "$inet" addr add 198.18.1.1/24 dev swgi0
     ip -n "$inet" link set swgi0 up
-    ip -n "$inet" link add swgd0 type dummy
-    ip -n "$inet" link set swgd0 up
+    # The hosts live on the internet's loopback: local addresses answer on any interface.
     for a in 198.18.0.10 198.18.0.20 198.18.0.21 198.18.0.30 10.99.0.20; do
-        ip -n "$inet" addr add "$a/32" dev swgd0
+        ip -n "$inet" addr add "$a/32" dev lo
     done
     # ip netns exec mounts these over /etc/hosts and /etc/resolv.conf for the laptop.
     mkdir -p "/etc/netns/$client"
