@@ -4,6 +4,8 @@
 // nothing to stop. Remove an entry here when its component lands.
 #include "core/SWGAgent.h"
 
+#include <utility>
+
 #include "foundation/Trace.h"
 
 // TODO(lead): network tracking; no change is reported.
@@ -13,8 +15,21 @@ void CSWGAgent::HandleNetworkChangeEvent() {}
 // TODO(lead): backoff decision; until it lands the agent never stands aside.
 void CSWGAgent::OnBackoffStateChange() {}
 
-// TODO(lead): captive portal detection; no portal is ever detected.
-void CSWGAgent::DetectCaptivePortalPresence(long /*timeoutSeconds*/) {}
+// TODO(lead): captive portal detection; no portal is ever detected, and the mode stays as it
+// is, unless a test installed a probe.
+void CSWGAgent::DetectCaptivePortalPresence(long timeoutSeconds) {
+    std::function<bool(long)> probe;
+    {
+        boost::recursive_mutex::scoped_lock hold(m_captivePortalLock);
+        probe = m_captivePortalProbe;
+    }
+    if (probe) SetCaptivePortalMode(probe(timeoutSeconds));
+}
+
+void CSWGAgent::SetCaptivePortalProbe(std::function<bool(long)> probe) {
+    boost::recursive_mutex::scoped_lock hold(m_captivePortalLock);
+    m_captivePortalProbe = std::move(probe);
+}
 
 // TODO(lead): IPC, state words and statistics; with no plug-in attached nothing is sent.
 int CSWGAgent::SendSWGState(const std::string& /*state*/, int /*update*/) { return 0; }
