@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// CDnConnectionThread: what a connection does when the gateway cannot be reached (bypass, refusal page, close).
+// CDnConnectionThread: what a connection does when the gateway cannot be reached (bypass, refusal
+// page, close).
 #include <string>
 
 #include "core/SWGAgent.h"
@@ -133,14 +134,13 @@ bool CDnConnectionThread::SendFailCloseMessageToBrowser(CDnVSocket* socket,
         "\"><head><meta http-equiv=\"Content-Type\" content=\"text/html; "
         "charset=UTF-8\"/></head><body>" +
         "<h3>" + "Trevo Linkmantle" + "</h3><hr /><h1>" + Translated("Connection Failure") +
-        "</h1>" + "<p><p>" + "The requested connection cannot be established." +
-        "</p></p><p><b>" + "Reason" + ": </b>" + GetConnectionFailureMsg(reason) +
-        "</p></body></html>";
+        "</h1>" + "<p><p>" + "The requested connection cannot be established." + "</p></p><p><b>" +
+        "Reason" + ": </b>" + GetConnectionFailureMsg(reason) + "</p></body></html>";
 
     CDnHttpHeaders page(static_cast<int>(body.size()));
     // Status line and length are one entry; Write adds the blank line that ends the block.
-    page.m_lines.push_back("HTTP/1.1 499 Fail close\r\nContent-Length: " +
-                           std::to_string(body.size()) + "\r\n");
+    page.m_lines.push_back(
+        "HTTP/1.1 499 Fail close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n");
     page.m_lines.push_back("Connection: Keep-Alive\r\n");
     page.m_lines.push_back("Content-Type: text/html\r\n");
     page.m_bComplete = true;

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// CDnConnectionThread: the outgoing connection, the choice of gateway address and the CONNECT exchange.
+// CDnConnectionThread: the outgoing connection, the choice of gateway address and the CONNECT
+// exchange.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <unistd.h>
 
+#include <boost/date_time/posix_time/posix_time.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -12,8 +14,6 @@
 #include <new>
 #include <regex>
 #include <vector>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
 
 #include "core/SWGAgent.h"
 #include "foundation/GlobalConst.h"
@@ -149,8 +149,8 @@ long CDnConnectionThread::GetExternalConnection() {
 
         // The bound is passed as such rather than through the shared m_dwTimeout, which the
         // web client of a concurrent captive portal probe sets to 0 (no bound) at any time.
-        const int result = m_pExternalSocket->Connect(
-            targetAddress, static_cast<int>(targetLength), static_cast<long>(kConnectTimeoutSeconds));
+        const int result = m_pExternalSocket->Connect(targetAddress, static_cast<int>(targetLength),
+                                                      static_cast<long>(kConnectTimeoutSeconds));
         if (result == 0) return 0;
         LogConnectFailed(target, result);
         if (m_bAnycastFallback) handleAnycastFailure();
@@ -389,8 +389,8 @@ long CDnConnectionThread::ProcessProxyResponse(bool& connectionLost, int& status
     return ReadProxyResponseBody(response, connectionLost, status, code);
 }
 
-bool CDnConnectionThread::ForwardProxyStatus(CDnHttpHeaders& response, int status,
-                                             bool noForward, long& code) {
+bool CDnConnectionThread::ForwardProxyStatus(CDnHttpHeaders& response, int status, bool noForward,
+                                             long& code) {
     DNTRACE(TRACE, "Connection : Proxy response status code %d", status);
     code = 0;
     if (noForward) {

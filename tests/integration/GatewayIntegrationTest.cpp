@@ -92,7 +92,9 @@ void WriteFile(const std::string& path, const std::string& text) {
     file << text;
 }
 
-std::string IpProgram() { return ::access("/usr/sbin/ip", X_OK) == 0 ? "/usr/sbin/ip" : "/sbin/ip"; }
+std::string IpProgram() {
+    return ::access("/usr/sbin/ip", X_OK) == 0 ? "/usr/sbin/ip" : "/sbin/ip";
+}
 
 // A child process with its output in a file; killed and reaped on destruction.
 class ChildProcess {
@@ -161,8 +163,8 @@ void Splice(int a, int b, std::chrono::seconds limit) {
             const int from = side == 0 ? a : b;
             const int to = side == 0 ? b : a;
             const ssize_t count = ::recv(from, buffer, sizeof(buffer), 0);
-            if (count <= 0 ||
-                !swg_test::WriteAll(to, std::string(buffer, static_cast<std::size_t>(count)), 10s)) {
+            if (count <= 0 || !swg_test::WriteAll(
+                                  to, std::string(buffer, static_cast<std::size_t>(count)), 10s)) {
                 open[side] = false;
                 ::shutdown(to, SHUT_WR);
             }
@@ -360,10 +362,10 @@ protected:
                         "-nodes -keyout origin-key.pem -out origin-cert.pem -days 2 "
                         "-subj /CN=origin.swg.test -addext subjectAltName=DNS:origin.swg.test"),
                   0);
-        ASSERT_TRUE(m_tlsOrigin.Start({IpProgram(), "netns", "exec", m_originNs, "openssl",
-                                       "s_server", "-accept", "443", "-WWW", "-cert",
-                                       "origin-cert.pem", "-key", "origin-key.pem"},
-                                      m_folder.Path(), Path("s_server.out"), "ACCEPT"))
+        ASSERT_TRUE(m_tlsOrigin.Start(
+            {IpProgram(), "netns", "exec", m_originNs, "openssl", "s_server", "-accept", "443",
+             "-WWW", "-cert", "origin-cert.pem", "-key", "origin-key.pem"},
+            m_folder.Path(), Path("s_server.out"), "ACCEPT"))
             << ReadFile(Path("s_server.out"));
         ASSERT_TRUE(InNamespace(m_originNs, [&] { m_httpOrigin.Start(); }));
         ASSERT_TRUE(m_httpOrigin.Ok());
@@ -371,9 +373,9 @@ protected:
 
     // Starts the gateway with `faults` for every request.
     void StartGateway(const std::vector<std::string>& faults = {}) {
-        std::vector<std::string> args = {"netns",    "exec",     m_gatewayNs,   kGatewayBinary,
-                                         "--listen", "0.0.0.0:443", "--listen", "0.0.0.0:80",
-                                         "--key",    kPrivateKey, "--log",      GatewayLog()};
+        std::vector<std::string> args = {"netns",    "exec",        m_gatewayNs, kGatewayBinary,
+                                         "--listen", "0.0.0.0:443", "--listen",  "0.0.0.0:80",
+                                         "--key",    kPrivateKey,   "--log",     GatewayLog()};
         for (const std::string& fault : faults) {
             args.push_back("--fault");
             args.push_back(fault);
@@ -384,7 +386,9 @@ protected:
             << error;
     }
     std::string GatewayLog() const { return Path("gateway.log"); }
-    int GatewayLines(const std::string& text) { return swg_test::CountLinesWith(GatewayLog(), text); }
+    int GatewayLines(const std::string& text) {
+        return swg_test::CountLinesWith(GatewayLog(), text);
+    }
 
     // The configuration: the sample organisation's identity and key, the gateway by name.
     void Configure(const std::function<void(CSWGAgent::ORGINFO&)>& edit) {
@@ -403,7 +407,8 @@ protected:
     }
 
     void ApplyPolicy(Policy policy) {
-        Configure([policy](CSWGAgent::ORGINFO& info) { info.bFailOpen = policy == Policy::FailOpen; });
+        Configure(
+            [policy](CSWGAgent::ORGINFO& info) { info.bFailOpen = policy == Policy::FailOpen; });
         g_pSWGAgent->SetCaptivePortalProbe([policy](long) { return policy == Policy::Portal; });
     }
     // The gateway name of the configuration is `domain`; everything else as Configure sets it.
@@ -419,10 +424,10 @@ protected:
         const std::string scheme = originPort == 443 ? "https" : "http";
         const std::string command =
             "curl -sS --noproxy '*' --max-time 30 " + std::string(headers ? "-i " : "") +
-            "--cacert " + Path("origin-cert.pem") + " --connect-to origin.swg.test:" +
-            std::to_string(originPort) + ":127.0.0.1:" + std::to_string(forwarder.Port()) + " " +
-            scheme + "://origin.swg.test" + url + " -o " + Path("curl.out") + " 2>" +
-            Path("curl.err");
+            "--cacert " + Path("origin-cert.pem") +
+            " --connect-to origin.swg.test:" + std::to_string(originPort) +
+            ":127.0.0.1:" + std::to_string(forwarder.Port()) + " " + scheme + "://origin.swg.test" +
+            url + " -o " + Path("curl.out") + " 2>" + Path("curl.err");
         ::unlink(Path("curl.out").c_str());
         CurlResult result;
         const auto started = Clock::now();
@@ -440,8 +445,8 @@ protected:
     UniqueFd RawClient(const sockaddr_storage& destination, const std::string& payload) {
         UniqueFd client = swg_test::ConnectTo(swg_test::Endpoint("127.0.0.1", 5002));
         EXPECT_NE(client.Get(), -1);
-        EXPECT_TRUE(
-            swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(destination) + payload, 5s));
+        EXPECT_TRUE(swg_test::WriteAll(client.Get(),
+                                       swg_test::SessionRecordFor(destination) + payload, 5s));
         return client;
     }
 
@@ -501,8 +506,7 @@ TEST_F(GatewayIntegrationTest, HttpThroughTheGatewayDeliversTheOriginsContent) {
 
 // ---- the failure table ----------------------------------------------------------------------
 
-class FailureRowTest : public GatewayIntegrationTest,
-                       public ::testing::WithParamInterface<Policy> {
+class FailureRowTest : public GatewayIntegrationTest, public ::testing::WithParamInterface<Policy> {
 protected:
     void SetUp() override {
         GatewayIntegrationTest::SetUp();
@@ -562,8 +566,8 @@ TEST_P(FailureRowTest, ConnectCannotBeWritten) {
     } else {
         EXPECT_NE(result.exit, 0);
         EXPECT_EQ(result.out, "");
-        EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Failed to connect to tower 198.18.1.2:443"),
-                  1);
+        EXPECT_EQ(
+            m_trace.CountPrefix(ERR, "Connection : Failed to connect to tower 198.18.1.2:443"), 1);
     }
 }
 
@@ -578,7 +582,8 @@ TEST_P(FailureRowTest, HttpHeaderBlockCannotBeWritten) {
     } else {
         EXPECT_NE(result.exit, 0);
         EXPECT_EQ(result.out, "");
-        EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Failed to write back headers. Code : "), 1);
+        EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Failed to write back headers. Code : "),
+                  1);
         EXPECT_EQ(m_httpOrigin.Accepted(), 0);
     }
 }
@@ -591,9 +596,8 @@ INSTANTIATE_TEST_SUITE_P(Policies, FailureRowTest,
 
 // The gateway's answer to CONNECT fails the check (no Via, a close, bytes that are not HTTP):
 // fail open and a portal retry in bypass, fail close closes.
-class ResponseRowTest
-    : public GatewayIntegrationTest,
-      public ::testing::WithParamInterface<std::tuple<Policy, const char*>> {};
+class ResponseRowTest : public GatewayIntegrationTest,
+                        public ::testing::WithParamInterface<std::tuple<Policy, const char*>> {};
 
 TEST_P(ResponseRowTest, InvalidAnswerToConnect) {
     const Policy policy = std::get<0>(GetParam());
@@ -711,9 +715,10 @@ TEST_F(GatewayIntegrationTest, RefusalPageIsTranslatedUnderAGermanLocale) {
         "konnte keine Verbindung hergestellt werden. Richtlinie \xE2\x80\x9E"
         "Fail close\xE2\x80\x9C aktiv: Ist der Sicherheitsdienst nicht erreichbar, werden "
         "Verbindungen blockiert.</p></body></html>";
-    EXPECT_EQ(result.out, "HTTP/1.1 499 Fail close\r\nContent-Length: 416\r\nConnection: "
-                          "Keep-Alive\r\nContent-Type: text/html\r\n\r\n" +
-                              body);
+    EXPECT_EQ(result.out,
+              "HTTP/1.1 499 Fail close\r\nContent-Length: 416\r\nConnection: "
+              "Keep-Alive\r\nContent-Type: text/html\r\n\r\n" +
+                  body);
 }
 
 // A gateway that drops SYNs: two connects of 4 s each and the 1 s pause between them, then the

@@ -123,8 +123,9 @@ TEST_P(FailureTableTest, DecidesByPolicyReasonAndPortal) {
             EXPECT_EQ(m_thread.TMode, 0);
             EXPECT_NE(m_thread.m_pExternalSocket, nullptr);
             EXPECT_TRUE(m_origin.WaitForAccepted(1, 5s));
-            EXPECT_EQ(m_trace.Count(TRACE, "Connection : Retrying in bypass mode. CMode : 1 TMode : 0"),
-                      1);
+            EXPECT_EQ(
+                m_trace.Count(TRACE, "Connection : Retrying in bypass mode. CMode : 1 TMode : 0"),
+                1);
             EXPECT_EQ(ClientReceived(), "");
             break;
         case Outcome::RefusalPage:
@@ -146,14 +147,14 @@ TEST_P(FailureTableTest, DecidesByPolicyReasonAndPortal) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, FailureTableTest,
-    ::testing::Combine(::testing::Range(0, 9), ::testing::Bool(), ::testing::Bool()),
-    [](const ::testing::TestParamInfo<std::tuple<int, bool, bool>>& param) {
-        return "Reason" + std::to_string(std::get<0>(param.param)) +
-               (std::get<1>(param.param) ? "_FailOpen" : "_FailClose") +
-               (std::get<2>(param.param) ? "_Portal" : "_NoPortal");
-    });
+INSTANTIATE_TEST_SUITE_P(Table, FailureTableTest,
+                         ::testing::Combine(::testing::Range(0, 9), ::testing::Bool(),
+                                            ::testing::Bool()),
+                         [](const ::testing::TestParamInfo<std::tuple<int, bool, bool>>& param) {
+                             return "Reason" + std::to_string(std::get<0>(param.param)) +
+                                    (std::get<1>(param.param) ? "_FailOpen" : "_FailClose") +
+                                    (std::get<2>(param.param) ? "_Portal" : "_NoPortal");
+                         });
 
 class FailurePolicyTest : public FailurePolicyFixture, public ::testing::Test {};
 
@@ -232,9 +233,9 @@ TEST_F(FailurePolicyTest, FailureMessageNamesReasonAndPolicy) {
     SetPolicy(false);
     EXPECT_EQ(m_thread.GetConnectionFailureMsg(static_cast<Reason>(12)),
               "Unknown Fail close policy set.");
-    EXPECT_EQ(m_thread.GetConnectionFailureMsg(CDnConnectionThread::FAILURE_PROXY_CREDENTIALS),
-              m_thread.GetConnectionFailureMsg(
-                  CDnConnectionThread::FAILURE_PROXY_CREDENTIALS_REQUIRED));
+    EXPECT_EQ(
+        m_thread.GetConnectionFailureMsg(CDnConnectionThread::FAILURE_PROXY_CREDENTIALS),
+        m_thread.GetConnectionFailureMsg(CDnConnectionThread::FAILURE_PROXY_CREDENTIALS_REQUIRED));
 }
 
 // ---- the refusal page --------------------------------------------------------------------------
@@ -261,13 +262,12 @@ TEST_F(FailurePolicyTest, RefusalPageInEnglishIsExact) {
     ::setenv("SWG_DATA_ROOT", empty.Path().c_str(), 1);
     ::setenv("LANG", "C", 1);
     SetPolicy(false);
-    ASSERT_TRUE(m_thread.SendFailCloseMessageToBrowser(m_thread.m_pKdfSocket,
-                                                       CDnConnectionThread::FAILURE_CONNECT,
-                                                       false));
-    EXPECT_EQ(ClientReceived(),
-              PageHead("317") +
-                  PageBody("en-us", "Connection Failure",
-                           "Could not establish a connection. Fail close policy set."));
+    ASSERT_TRUE(m_thread.SendFailCloseMessageToBrowser(
+        m_thread.m_pKdfSocket, CDnConnectionThread::FAILURE_CONNECT, false));
+    EXPECT_EQ(
+        ClientReceived(),
+        PageHead("317") + PageBody("en-us", "Connection Failure",
+                                   "Could not establish a connection. Fail close policy set."));
 }
 
 // The German page from the shipped catalogue: translated heading and reason, untranslated
@@ -276,14 +276,13 @@ TEST_F(FailurePolicyTest, RefusalPageInGermanCountsBytes) {
     ::setenv("SWG_DATA_ROOT", SWG_BUILD_DATA_ROOT, 1);
     ::setenv("LANG", "de_DE.UTF-8", 1);
     SetPolicy(false);
-    ASSERT_TRUE(m_thread.SendFailCloseMessageToBrowser(m_thread.m_pKdfSocket,
-                                                       CDnConnectionThread::FAILURE_CONNECT,
-                                                       false));
-    const std::string body = PageBody(
-        "de-de", "Verbindungsfehler",
-        "Es konnte keine Verbindung hergestellt werden. Richtlinie \xE2\x80\x9E"
-        "Fail close\xE2\x80\x9C aktiv: Ist der Sicherheitsdienst nicht erreichbar, werden "
-        "Verbindungen blockiert.");
+    ASSERT_TRUE(m_thread.SendFailCloseMessageToBrowser(
+        m_thread.m_pKdfSocket, CDnConnectionThread::FAILURE_CONNECT, false));
+    const std::string body =
+        PageBody("de-de", "Verbindungsfehler",
+                 "Es konnte keine Verbindung hergestellt werden. Richtlinie \xE2\x80\x9E"
+                 "Fail close\xE2\x80\x9C aktiv: Ist der Sicherheitsdienst nicht erreichbar, werden "
+                 "Verbindungen blockiert.");
     EXPECT_EQ(ClientReceived(), PageHead("416") + body);
 }
 

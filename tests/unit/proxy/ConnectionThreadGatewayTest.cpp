@@ -135,7 +135,8 @@ TEST_F(GatewayExchangeTest, ForbiddenWithViaIsForwardedWithItsBodyAndFails) {
 
 // A status page without a body goes to the client as its header block alone.
 TEST_F(GatewayExchangeTest, StatusWithoutBodyForwardsTheHeaderBlock) {
-    const std::string head = "HTTP/1.1 407 Proxy Authentication Required\r\nVia: 1.1 m_proxy_1\r\n\r\n";
+    const std::string head =
+        "HTTP/1.1 407 Proxy Authentication Required\r\nVia: 1.1 m_proxy_1\r\n\r\n";
     GatewaySends(head, false);
     EXPECT_EQ(Process(), SWG_E_FAIL);
     EXPECT_EQ(ClientReceived(), head);
@@ -173,7 +174,8 @@ TEST_F(GatewayExchangeTest, ShortBodyFails) {
 
 // A short status page is not passed on in part: the client gets its header block only.
 TEST_F(GatewayExchangeTest, ShortBodyOfAStatusPageIsNotPassedOn) {
-    const std::string head = "HTTP/1.1 403 Forbidden\r\nVia: 1.1 s_proxy_gw\r\nContent-Length: 50\r\n\r\n";
+    const std::string head =
+        "HTTP/1.1 403 Forbidden\r\nVia: 1.1 s_proxy_gw\r\nContent-Length: 50\r\n\r\n";
     GatewaySends(head + "partial", true);
     EXPECT_EQ(Process(), SWG_E_FAIL);
     EXPECT_EQ(ClientReceived(), head);
@@ -199,7 +201,10 @@ TEST_F(GatewayExchangeTest, GatewayClosingInsideTheHeaderBlockFails) {
 // The answer may arrive in pieces, split inside a line and inside the body.
 TEST_F(GatewayExchangeTest, AnswerInPiecesIsCollected) {
     const std::string answer =
-        "HTTP/1.1 200 OK\r\nVia: 1.1 s_pr" "oxy_gw\r\nContent-Len" "gth: 9\r\n\r\nbo" "dy-bodyT";
+        "HTTP/1.1 200 OK\r\nVia: 1.1 s_pr"
+        "oxy_gw\r\nContent-Len"
+        "gth: 9\r\n\r\nbo"
+        "dy-bodyT";
     std::thread gateway([&] {
         for (std::size_t at = 0; at < answer.size(); at += 7) {
             (void)swg_test::WriteAll(m_gateway.Get(), answer.substr(at, 7), 1s);
@@ -239,9 +244,9 @@ TEST_P(ProxyConnectTest, RequestBytesFollowTheBracketRule) {
     EXPECT_EQ(m_thread.DoProxyConnect(GetParam().host, 8443, "", false), 0);
     m_thread.CloseConnection();
     const std::string target = GetParam().target;
-    EXPECT_EQ(swg_test::ReadToEnd(m_gateway.Get()),
-              "CONNECT " + target + " HTTP/1.1\r\nContent-Length: 0\r\nHost: " + target +
-                  "\r\n\r\n");
+    EXPECT_EQ(
+        swg_test::ReadToEnd(m_gateway.Get()),
+        "CONNECT " + target + " HTTP/1.1\r\nContent-Length: 0\r\nHost: " + target + "\r\n\r\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -270,7 +275,8 @@ class GatewayAddressTest : public ::testing::Test {
 protected:
     static std::vector<unsigned char> Bytes16(unsigned char first) {
         std::vector<unsigned char> bytes(16);
-        for (int i = 0; i < 16; ++i) bytes[static_cast<std::size_t>(i)] = static_cast<unsigned char>(first + i);
+        for (int i = 0; i < 16; ++i)
+            bytes[static_cast<std::size_t>(i)] = static_cast<unsigned char>(first + i);
         return bytes;
     }
 
@@ -302,8 +308,8 @@ TEST_F(GatewayAddressTest, IPv6PickStartsAtTheByteIndex) {
 
     ASSERT_TRUE(m_thread.resolveToIPV6(name, picked));  // index 3 % 3 = 0: the first address
     EXPECT_EQ(std::vector<unsigned char>(picked, picked + 16), Bytes16(0x10));
-    EXPECT_EQ(m_trace.Count(BRIDGE, "Connection: Using IPV6 cached DNS response for gw6.index.test"),
-              3);
+    EXPECT_EQ(
+        m_trace.Count(BRIDGE, "Connection: Using IPV6 cached DNS response for gw6.index.test"), 3);
 }
 
 // A literal is taken as it stands and moves no counter; an empty name is no address.
