@@ -13,10 +13,11 @@
 
 #include "foundation/DnEventThread.h"
 #include "platform/RedirectorRecords.h"
+#include "proxy/HttpHeaders.h"
+#include "upstream/ProxyInfo.h"
 
 class CDnListenThread;
 class CDnVSocket;
-class CDnHttpHeaders;
 
 // The worker of the connection path. The pool creates it, Initialize and StartThread make it
 // ready, and each Start hands it one accepted socket; ProcessEvent then runs the job on the
@@ -145,6 +146,32 @@ public:
     static std::atomic<std::uint16_t> sm_usNextIPIndex;
     static std::atomic<std::uint16_t> sm_usNextIPV6Index;
 
+    // ---- mode selection and the client's header block (ConnectionThreadModes.cpp) ------
+    // Records the original destination as the upstream proxy the client talks to, in
+    // g_ProxyInfo and m_proxyInfo. Returns 0, or -1 when the destination has no IPv4
+    // address text (always so on an IPv6 connection: proxies are recorded as IPv4 only).
+    long SetProxyDetails();
+    // Puts g_ProxyInfo back to the default record. Never fails.
+    void ResetProxyDetails();
+    // The address of the local interface that the licence header names: the local address
+    // of the outgoing socket. False, logging, with `out` empty when there is no connected
+    // outgoing socket.
+    bool GetBestInterfaceIP(std::string& out);
+
+    // The client's header block when CMode is 2; reset for every job.
+    CDnHttpHeaders m_headers{256};
+    // The upstream proxy of this connection; reset for every job.
+    LOCAL_PROXY_INFO m_proxyInfo;
+    // How long SelectInitialMode waits for a client's first bytes, in 10 ms rounds: 2000.
+    // Tests shorten it so that a client that sends no line end decides quickly.
+    int m_firstBytesWaitMs = 2000;
+
+private:
+    // Steps of SelectInitialMode.
+    long WaitForFirstBytes(unsigned long& readable, int& remainingMs);
+    long SelectHttpModes(const std::string& line);
+    void CheckSystemProxy();
+
 private:
     // Steps of HandleConnection.
     long ReadSessionRecord();
@@ -164,11 +191,6 @@ private:
     void DeleteExternalSocket();
     void DeleteSockets();
     void ResetDefaults();
-
-    // Stand-ins for the client's header block until the header class lands.
-    void ResetHttpHeaders();
-    CDnHttpHeaders* ClientHeaders();
-    long WriteClientHeaders();
 
 public:
     // Fields of the job, in the order of the record.

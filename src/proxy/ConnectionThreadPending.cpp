@@ -7,18 +7,6 @@
 
 #include "foundation/Trace.h"
 
-// TODO(lead): mode selection; until then no byte is looked at and CMode and TMode stay 0.
-long CDnConnectionThread::SelectInitialMode() { return 0; }
-// TODO(lead): HTTP header block, with CDnHttpHeaders; CMode 2 is never chosen until then.
-long CDnConnectionThread::ReadHttpHeaders() { return 0; }
-void CDnConnectionThread::SetupHost() {}
-bool CDnConnectionThread::ModifyHttpHeaders(CDnHttpHeaders* /*headers*/) { return false; }
-// TODO(lead): stand-ins for m_headers.Reset(), &m_headers and m_headers.Write(outgoing socket)
-// until the member lands with the header class.
-void CDnConnectionThread::ResetHttpHeaders() {}
-CDnHttpHeaders* CDnConnectionThread::ClientHeaders() { return nullptr; }
-long CDnConnectionThread::WriteClientHeaders() { return 0; }
-
 // TODO(lead): gateway connection; no gateway exchange takes place until then.
 long CDnConnectionThread::DoProxyConnect(std::string /*host*/, unsigned short /*port*/,
                                          std::string /*reserved*/, bool /*addLicence*/) {
