@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -162,6 +163,8 @@ struct RequestCase {
     bool proxyRecorded;   // the destination becomes the observed proxy
     const char* logLine;  // the branch's own line, at level 7
 };
+
+void PrintTo(const RequestCase& c, std::ostream* out) { *out << c.name; }
 
 class RequestLineTest : public ModeSelectionTest,
                         public ::testing::WithParamInterface<RequestCase> {};
