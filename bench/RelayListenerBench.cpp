@@ -318,8 +318,8 @@ double Rate(const Path& path, std::uint16_t serverPort, std::size_t connections,
             std::size_t clients) {
     std::atomic<std::size_t> next{0};
     std::atomic<std::size_t> done{0};
-    const std::string head =
-        (path.agent ? RecordFor(serverPort) : std::string()) + std::string(kMessage - 1, 'q') + "\n";
+    const std::string head = (path.agent ? RecordFor(serverPort) : std::string()) +
+                             std::string(kMessage - 1, 'q') + "\n";
     const auto start = Clock::now();
     std::vector<std::thread> threads;
     for (std::size_t c = 0; c < clients; ++c) {

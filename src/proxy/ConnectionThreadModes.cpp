@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // CDnConnectionThread: what the client speaks (TLS, HTTP, HTTP to a proxy) and its header block.
-#include "proxy/ConnectionThread.h"
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -18,6 +16,7 @@
 #include "foundation/GlobalUtils.h"
 #include "foundation/Token.h"
 #include "foundation/Trace.h"
+#include "proxy/ConnectionThread.h"
 #include "proxy/VSocket.h"
 #include "upstream/LicenceHeader.h"
 #include "upstream/ProxyInfo.h"
@@ -44,8 +43,7 @@ constexpr std::size_t kTlsSniffBytes = 6;
 bool IsTlsClientHello(const std::string& bytes) {
     if (bytes.size() < kTlsSniffBytes) return false;
     const auto byte = [&bytes](std::size_t at) { return static_cast<unsigned char>(bytes[at]); };
-    return byte(0) == kTlsHandshake && byte(5) == kTlsClientHello &&
-           byte(1) >= kTlsMinMajorVersion;
+    return byte(0) == kTlsHandshake && byte(5) == kTlsClientHello && byte(1) >= kTlsMinMajorVersion;
 }
 
 // Method, request URI and version of a request line; a part that is missing stays empty.
@@ -130,8 +128,7 @@ long CDnConnectionThread::WaitForFirstBytes(unsigned long& readable, int& remain
             return 0;
         }
         remainingMs = (rounds - round) * kFirstBytesRoundMs;
-        if (m_pKdfSocket->IsDataAvailable(readable, &error) || error != 0 || round >= rounds)
-            break;
+        if (m_pKdfSocket->IsDataAvailable(readable, &error) || error != 0 || round >= rounds) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(kFirstBytesRoundMs));
     }
     if (error != 0) {
@@ -317,7 +314,8 @@ bool CDnConnectionThread::ModifyHttpHeaders(CDnHttpHeaders* headers) {
                 ntohs(m_origDstPort), error.c_str());
         return false;
     }
-    for (const std::string& line : lines) headers->m_lines.push_back(line + g_szHTTPHeaderTerminator);
+    for (const std::string& line : lines)
+        headers->m_lines.push_back(line + g_szHTTPHeaderTerminator);
     return true;
 }
 

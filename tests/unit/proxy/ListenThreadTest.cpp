@@ -156,8 +156,8 @@ TEST_P(ListenThreadLimitTest, RunningOutOfDescriptorsPausesAcceptAndRecovers) {
     }
 
     m_fillers.clear();
-    ASSERT_TRUE(
-        swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(server.Address()) + "ok\n", 5s));
+    ASSERT_TRUE(swg_test::WriteAll(client.Get(),
+                                   swg_test::SessionRecordFor(server.Address()) + "ok\n", 5s));
     std::string echoed;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
     EXPECT_EQ(echoed, "ok\n");

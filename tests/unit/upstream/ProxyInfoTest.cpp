@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The process-wide proxy record: defaults, first record wins, system-only setters, whole copies.
-#include "upstream/ProxyInfo.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -9,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "upstream/ProxyInfo.h"
 #include "upstream/PublicProxyManager.h"
 
 namespace {
@@ -92,9 +91,9 @@ TEST_F(ProxyInfoTest, ConcurrentWritersAndReadersSeeWholeRecords) {
             for (int i = 0; i < 2000; ++i) {
                 const std::uint16_t port = static_cast<std::uint16_t>(1000 + (i % 50));
                 // The host names the port, so that a copy can be checked on its own.
-                SetProxyInfo(Record("198.18." + std::to_string(writer) + "." +
-                                        std::to_string(port % 250),
-                                    port, ProxyModeObserved));
+                SetProxyInfo(
+                    Record("198.18." + std::to_string(writer) + "." + std::to_string(port % 250),
+                           port, ProxyModeObserved));
             }
         });
     }
