@@ -115,9 +115,13 @@ public:
     // ---- steps of later pieces (ConnectionThreadPending.cpp until they land) ------------
     // Looks at the client's first bytes and sets CMode and TMode. 0 or a code.
     long SelectInitialMode();
-    // Reads the client's header block into m_headers. 0 or a code.
+    // Reads the client's header block into m_headers; bytes behind it stay in the socket's
+    // line buffer. Blocks until the block ends. Returns 0, or the reader's code, logged (1
+    // when the client closed, the job was killed or told to stop first).
     long ReadHttpHeaders();
-    // Sets m_host, the host named in the gateway request.
+    // Sets m_host, the host named in the gateway request: an HTTP client's Host value cut
+    // before its first ":", else (and when that is empty) the original destination address.
+    // On an IPv6 connection an IPv6 literal in Host gives the address too. Never fails.
     void SetupHost();
     // Appends the licence header lines to `headers`; false when they could not be had.
     bool ModifyHttpHeaders(CDnHttpHeaders* headers);
