@@ -171,15 +171,17 @@ long CDnConnectionThread::SelectHttpModes(const std::string& line) {
     const bool originForm = uri[0] == '/' || (options && uri[0] == '*');
     CMode = 2;
     if (originForm) {
-        TMode = 1;
         if (options) {
+            TMode = 1;
             DNTRACE(BRIDGE,
                     "Connection :Method == OPTIONS. RequestURI == abs_path(%s). CMode : %d TMode "
                     ": %d",
                     uri, CMode, TMode);
         } else {
+            // This line shows TMode as it was before the choice, unlike its siblings.
             DNTRACE(BRIDGE, "Connection : RequestURI == abs_path(%s). CMode : %d TMode : %d", uri,
                     CMode, TMode);
+            TMode = 1;
         }
         CheckSystemProxy();
         return 0;

@@ -204,12 +204,12 @@ TEST_P(RequestLineTest, TakesTheBranchOfItsMethodAndUriForm) {
 
 const RequestCase kRequestCases[] = {
     {"GetOriginForm", "GET /index.html HTTP/1.1", 2, 1, false,
-     "Connection : RequestURI == abs_path(/index.html). CMode : 2 TMode : 1"},
+     "Connection : RequestURI == abs_path(/index.html). CMode : 2 TMode : 0"},
     {"GetAbsoluteForm", "GET http://a.example/x HTTP/1.1", 2, 1, true,
      "Connection : RequestURI == absoluteURI(http://a.example/x). Request made via Proxy "
      "198.18.0.7:3128 CMode : 2 TMode : 1"},
     {"PostOriginForm", "POST /form HTTP/1.0", 2, 1, false,
-     "Connection : RequestURI == abs_path(/form). CMode : 2 TMode : 1"},
+     "Connection : RequestURI == abs_path(/form). CMode : 2 TMode : 0"},
     {"Connect", "CONNECT a.example:443 HTTP/1.1", 2, 1, true,
      "Connection : Method == CONNECT. Request made via Proxy 198.18.0.7:3128 CMode : 2 TMode : 1"},
     {"TraceOriginForm", "TRACE / HTTP/1.1", 0, 0, false,
@@ -227,7 +227,7 @@ const RequestCase kRequestCases[] = {
      "Connection : RequestURI == absoluteURI(a.example:443). Request made via Proxy "
      "198.18.0.7:3128 CMode : 2 TMode : 1"},
     {"LowerCaseTrace", "trace / HTTP/1.1", 2, 1, false,
-     "Connection : RequestURI == abs_path(/). CMode : 2 TMode : 1"},
+     "Connection : RequestURI == abs_path(/). CMode : 2 TMode : 0"},
     {"LowerCaseOptionsAsterisk", "options * HTTP/1.1", 2, 1, true,
      "Connection : RequestURI == absoluteURI(*). Request made via Proxy 198.18.0.7:3128 CMode : "
      "2 TMode : 1"},
