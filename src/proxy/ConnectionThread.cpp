@@ -304,10 +304,10 @@ bool CDnConnectionThread::IsLoopToListener() {
 void CDnConnectionThread::ResetForJob() {
     CMode = 0;
     TMode = 0;
-    ResetHttpHeaders();
+    m_headers.Reset();
     m_host.clear();
     if (g_pSWGAgent->IsCaptivePortalMode()) g_pSWGAgent->DetectCaptivePortalPresence(5);
-    // TODO(lead): reset m_proxyInfo here once LOCAL_PROXY_INFO lands with the upstream proxy.
+    m_proxyInfo = LOCAL_PROXY_INFO();
 }
 
 bool CDnConnectionThread::ApplyBackoff() {
@@ -402,9 +402,9 @@ long CDnConnectionThread::ConnectAndExchange() {
         if (CMode == 2) {
             if (TMode != 0) {
                 EndSetConnectTime();
-                (void)ModifyHttpHeaders(ClientHeaders());
+                (void)ModifyHttpHeaders(&m_headers);
             }
-            code = WriteClientHeaders();
+            code = m_headers.Write(m_pExternalSocket, exit_requested);
             if (ExitRequested()) return 0;
             if (code != 0) {
                 handleCaptivePortal(

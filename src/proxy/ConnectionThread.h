@@ -14,10 +14,11 @@
 
 #include "foundation/DnEventThread.h"
 #include "platform/RedirectorRecords.h"
+#include "proxy/HttpHeaders.h"
+#include "upstream/ProxyInfo.h"
 
 class CDnListenThread;
 class CDnVSocket;
-class CDnHttpHeaders;
 
 // The worker of the connection path. The pool creates it, Initialize and StartThread make it
 // ready, and each Start hands it one accepted socket; ProcessEvent then runs the job on the
@@ -112,12 +113,16 @@ public:
     // has no "/"; empty when the path can't be had.
     static std::string getProcessName(unsigned int pid);
 
-    // ---- steps of later pieces (ConnectionThreadPending.cpp until they land) ------------
+    // ---- mode selection (ConnectionThreadModes.cpp) ---------------------------------------
     // Looks at the client's first bytes and sets CMode and TMode. 0 or a code.
     long SelectInitialMode();
-    // Reads the client's header block into m_headers. 0 or a code.
+    // Reads the client's header block into m_headers; bytes behind it stay in the socket's
+    // line buffer. Blocks until the block ends. Returns 0, or the reader's code, logged (1
+    // when the client closed, the job was killed or told to stop first).
     long ReadHttpHeaders();
-    // Sets m_host, the host named in the gateway request.
+    // Sets m_host, the host named in the gateway request: an HTTP client's Host value cut
+    // before its first ":", else (and when that is empty) the original destination address.
+    // On an IPv6 connection an IPv6 literal in Host gives the address too. Never fails.
     void SetupHost();
     // Appends the licence header lines to `headers`; false when they could not be had.
     bool ModifyHttpHeaders(CDnHttpHeaders* headers);
@@ -177,6 +182,32 @@ public:
     static std::atomic<std::uint16_t> sm_usNextIPIndex;
     static std::atomic<std::uint16_t> sm_usNextIPV6Index;
 
+    // ---- mode selection and the client's header block (ConnectionThreadModes.cpp) ------
+    // Records the original destination as the upstream proxy the client talks to, in
+    // g_ProxyInfo and m_proxyInfo. Returns 0, or -1 when the destination has no IPv4
+    // address text (always so on an IPv6 connection: proxies are recorded as IPv4 only).
+    long SetProxyDetails();
+    // Puts g_ProxyInfo back to the default record. Never fails.
+    void ResetProxyDetails();
+    // The address of the local interface that the licence header names: the local address
+    // of the outgoing socket. False, logging, with `out` empty when there is no connected
+    // outgoing socket.
+    bool GetBestInterfaceIP(std::string& out);
+
+    // The client's header block when CMode is 2; reset for every job.
+    CDnHttpHeaders m_headers{256};
+    // The upstream proxy of this connection; reset for every job.
+    LOCAL_PROXY_INFO m_proxyInfo;
+    // How long SelectInitialMode waits for a client's first bytes, in 10 ms rounds: 2000.
+    // Tests shorten it so that a client that sends no line end decides quickly.
+    int m_firstBytesWaitMs = 2000;
+
+private:
+    // Steps of SelectInitialMode.
+    long WaitForFirstBytes(unsigned long& readable, int& remainingMs);
+    long SelectHttpModes(const std::string& line);
+    void CheckSystemProxy();
+
 private:
     // Steps of HandleConnection.
     long ReadSessionRecord();
@@ -204,11 +235,6 @@ private:
     void DeleteExternalSocket();
     void DeleteSockets();
     void ResetDefaults();
-
-    // Stand-ins for the client's header block until the header class lands.
-    void ResetHttpHeaders();
-    CDnHttpHeaders* ClientHeaders();
-    long WriteClientHeaders();
 
 public:
     // Fields of the job, in the order of the record.
