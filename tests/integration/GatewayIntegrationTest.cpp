@@ -515,6 +515,15 @@ protected:
     bool Bypasses() const { return GetParam() != Policy::FailClose; }
 };
 
+// How many times a failed gateway step at `stage` was turned to bypass by `policy`.
+int TurnedToBypass(swg_test::RecordingTrace& trace, Policy policy, const std::string& stage) {
+    const std::string why =
+        policy == Policy::Portal ? "Since CP detected . " : "Since fail open policy set. ";
+    return trace.CountPrefix(
+        WARN, why + "TCP handshake to SWG Proxy URL was successful [Failure: " + stage +
+                  "], try connection in bypass mode");
+}
+
 // Connecting to the gateway fails twice: fail open and a portal retry in bypass, fail close
 // answers with the refusal page.
 TEST_P(FailureRowTest, GatewayConnectFailsTwice) {
@@ -527,6 +536,8 @@ TEST_P(FailureRowTest, GatewayConnectFailsTwice) {
         EXPECT_EQ(result.exit, 0) << result.err;
         EXPECT_EQ(HttpBodyOf(result.out), kHttpBody);
         EXPECT_EQ(m_httpOrigin.Accepted(), 1);
+        EXPECT_EQ(m_trace.Count(TRACE, "Connection : Retrying in bypass mode. CMode : 2 TMode : 0"),
+                  1);
     } else {
         EXPECT_EQ(result.out.rfind("HTTP/1.1 499 Fail close\r\nContent-Length: 317\r\n", 0), 0u)
             << result.out;
@@ -554,12 +565,27 @@ TEST_P(FailureRowTest, OriginalDestinationConnectFailsTwice) {
     EXPECT_EQ(GatewayLines("HTTP "), 0);
 }
 
+// Fail open with neither the gateway nor the destination in reach: the one bypass retry fails
+// too, and the client sees only the close, no page.
+TEST_F(GatewayIntegrationTest, FailOpenRetryThatFailsTooJustCloses) {
+    StartGateway();
+    UseGatewayName(kUnreachable, Policy::FailOpen);
+    UniqueFd client = RawClient(swg_test::Endpoint(kUnreachable, 80),
+                                "GET / HTTP/1.1\r\nHost: gateway-down.swg.test\r\n\r\n");
+    std::string received;
+    EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 10s));
+    EXPECT_EQ(received, "");
+    EXPECT_EQ(m_trace.Count(TRACE, "Connection : Retrying in bypass mode. CMode : 2 TMode : 0"), 1);
+    EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Retry failed. Code : "), 1);
+}
+
 // The gateway resets the connection (it does not listen): the connect counts as made, and the
 // CONNECT is what fails. Fail open and a portal go straight to the origin, fail close closes.
 TEST_P(FailureRowTest, ConnectCannotBeWritten) {
     StartGateway({"refuse"});
     const CurlResult result = Https();
     EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Failed to connect externally"), 0);
+    EXPECT_EQ(TurnedToBypass(m_trace, GetParam(), "Writing HTTPs Headers"), Bypasses() ? 1 : 0);
     if (Bypasses()) {
         EXPECT_EQ(result.exit, 0) << result.err;
         EXPECT_EQ(result.out, kHttpsBody);
@@ -575,6 +601,7 @@ TEST_P(FailureRowTest, ConnectCannotBeWritten) {
 TEST_P(FailureRowTest, HttpHeaderBlockCannotBeWritten) {
     StartGateway({"refuse"});
     const CurlResult result = Http();
+    EXPECT_EQ(TurnedToBypass(m_trace, GetParam(), "Writing HTTP Headers"), Bypasses() ? 1 : 0);
     if (Bypasses()) {
         EXPECT_EQ(result.exit, 0) << result.err;
         EXPECT_EQ(HttpBodyOf(result.out), kHttpBody);
@@ -605,6 +632,8 @@ TEST_P(ResponseRowTest, InvalidAnswerToConnect) {
     StartGateway({std::get<1>(GetParam())});
     const CurlResult result = Https();
     EXPECT_TRUE(swg_test::WaitForLines(GatewayLog(), "CONNECT 198.18.2.2:443", 1, 5s));
+    EXPECT_EQ(TurnedToBypass(m_trace, policy, "Reading HTTPs Headers"),
+              policy != Policy::FailClose ? 1 : 0);
     if (policy != Policy::FailClose) {
         EXPECT_EQ(result.exit, 0) << result.err;
         EXPECT_EQ(result.out, kHttpsBody);
