@@ -7,13 +7,12 @@
 #include <netinet/tcp.h>
 #include <unistd.h>
 
+#include <boost/bind/bind.hpp>
+#include <boost/function.hpp>
 #include <cerrno>
 #include <cstring>
 #include <new>
 #include <stdexcept>
-
-#include <boost/bind/bind.hpp>
-#include <boost/function.hpp>
 
 #include "core/SWGAgent.h"
 #include "foundation/GlobalConst.h"
@@ -400,7 +399,8 @@ long CDnConnectionThread::ConnectAndExchange() {
             }
         }
         if (CMode == 2) {
-            if (TMode != 0) {
+            const bool onGateway = TMode != 0;
+            if (onGateway) {
                 EndSetConnectTime();
                 (void)ModifyHttpHeaders(&m_headers);
             }
@@ -412,7 +412,9 @@ long CDnConnectionThread::ConnectAndExchange() {
                     "Headers]",
                     false);
                 retry = false;
-                if (g_pSWGAgent->IsCaptivePortalMode() || failOpen) continue;
+                // Only the gateway leg has a bypass to fall back to: going round again after
+                // a failed write to the destination itself would connect and fail for ever.
+                if (onGateway && (g_pSWGAgent->IsCaptivePortalMode() || failOpen)) continue;
                 DNTRACE(ERR, "Connection : Failed to write back headers. Code : %d",
                         static_cast<int>(code));
                 throw static_cast<unsigned int>(code);

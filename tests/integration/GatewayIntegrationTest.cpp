@@ -579,6 +579,22 @@ TEST_F(GatewayIntegrationTest, FailOpenRetryThatFailsTooJustCloses) {
     EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Retry failed. Code : "), 1);
 }
 
+// The header block cannot be written to the destination either (it resets): the one bypass
+// retry is all there is, and the client is closed, not left to a loop of connects.
+TEST_P(FailureRowTest, HttpHeaderBlockCannotBeWrittenToTheDestinationEither) {
+    StartGateway({"refuse"});
+    const auto started = Clock::now();
+    // Nothing listens on the origin's port 81.
+    UniqueFd client = RawClient(swg_test::Endpoint(kOrigin, 81),
+                                "GET / HTTP/1.1\r\nHost: origin.swg.test:81\r\n\r\n");
+    ASSERT_TRUE(swg_test::WaitReadable(client.Get(), 5s));
+    char byte = 0;
+    EXPECT_EQ(::recv(client.Get(), &byte, 1, 0), 0);
+    EXPECT_LT(Clock::now() - started, 3s);
+    // Once to the gateway, once to the destination under fail open or a portal.
+    EXPECT_EQ(m_trace.CountPrefix(BRIDGE, "Connection : Connecting to "), Bypasses() ? 2 : 1);
+}
+
 // The gateway resets the connection (it does not listen): the connect counts as made, and the
 // CONNECT is what fails. Fail open and a portal go straight to the origin, fail close closes.
 TEST_P(FailureRowTest, ConnectCannotBeWritten) {
