@@ -7,12 +7,13 @@
 #include <netinet/tcp.h>
 #include <unistd.h>
 
-#include <boost/bind/bind.hpp>
-#include <boost/function.hpp>
 #include <cerrno>
 #include <cstring>
 #include <new>
 #include <stdexcept>
+
+#include <boost/bind/bind.hpp>
+#include <boost/function.hpp>
 
 #include "core/SWGAgent.h"
 #include "foundation/GlobalConst.h"
