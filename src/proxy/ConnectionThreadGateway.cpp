@@ -6,7 +6,6 @@
 #include <netinet/tcp.h>
 #include <unistd.h>
 
-#include <boost/date_time/posix_time/posix_time.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +13,8 @@
 #include <new>
 #include <regex>
 #include <vector>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
 
 #include "core/SWGAgent.h"
 #include "foundation/GlobalConst.h"
