@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "GatewayTestSupport.h"
+#include "support/GatewayProcess.h"
+#include "upstream/LicenceHeader.h"
 #include "foundation/GlobalConst.h"
 #include "unit/foundation/ThreadTestSupport.h"
 
@@ -254,6 +256,55 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(ConnectCase{false, false, "198.18.2.2", "198.18.2.2:8443"},
                       ConnectCase{false, true, "2001:db8::2", "[2001:db8::2]:8443"},
                       ConnectCase{true, false, "2001:db8::2", "2001:db8::2:8443"}));
+
+std::string ReadSample(const char* name) {
+    return swg_test::ReadTextFile(std::string(SWG_SOURCE_DIR) + "/packaging/sample/" + name);
+}
+
+// The licence lines come behind the request's own three lines, and open with the
+// organisation's private key to the identity of the configuration.
+TEST_F(GatewayExchangeTest, ConnectCarriesTheLicenceBehindItsOwnLines) {
+    ScopedAgentState state;
+    ScopedAgentState::Edit([](CSWGAgent::ORGINFO& info) {
+        info.strOrgId = "org-1";
+        info.strDeviceId = "device-1";
+        info.strPstrUserId = "Hjane@corp.test";
+        info.strOverlayUser = "";
+        info.strpKeyPem = ReadSample("licence-test-public.pem");
+        info.strpKeyId = "sample-key-1";
+    });
+    ASSERT_EQ(m_thread.DoProxyConnect("198.18.2.2", 443, "", true), 0);
+    m_thread.CloseConnection();
+    const std::string request = swg_test::ReadToEnd(m_gateway.Get());
+
+    std::vector<std::string> lines;
+    for (std::size_t at = 0; at < request.size();) {
+        const std::size_t end = request.find("\r\n", at);
+        ASSERT_NE(end, std::string::npos) << request;
+        lines.push_back(request.substr(at, end - at));
+        at = end + 2;
+    }
+    ASSERT_EQ(lines.size(), 6u) << request;
+    EXPECT_EQ(lines[0], "CONNECT 198.18.2.2:443 HTTP/1.1");
+    EXPECT_EQ(lines[1], "Content-Length: 0");
+    EXPECT_EQ(lines[2], "Host: 198.18.2.2:443");
+    EXPECT_EQ(lines[5], "");
+    const std::string idName = "X-SWG-Licence-Id: ";
+    const std::string payloadName = "X-SWG-Licence: ";
+    ASSERT_EQ(lines[3].rfind(idName, 0), 0u);
+    ASSERT_EQ(lines[4].rfind(payloadName, 0), 0u);
+
+    LicenceIdentity identity;
+    std::string error;
+    ASSERT_TRUE(DecodeLicenceHeader(lines[3].substr(idName.size()),
+                                    lines[4].substr(payloadName.size()),
+                                    ReadSample("licence-test-private.pem"), identity, error))
+        << error;
+    EXPECT_EQ(identity.strOrgId, "org-1");
+    EXPECT_EQ(identity.strDeviceId, "device-1");
+    EXPECT_EQ(identity.strUserId, "Hjane@corp.test");
+    EXPECT_EQ(identity.strKeyId, "sample-key-1");
+}
 
 // Without an outgoing socket there is nothing to write to: the header writer's argument error.
 TEST_F(GatewayExchangeTest, ConnectWithoutOutgoingSocketFails) {
