@@ -4,8 +4,6 @@
 // nothing to stop. Remove an entry here when its component lands.
 #include "core/SWGAgent.h"
 
-#include <utility>
-
 #include "foundation/Trace.h"
 
 // TODO(lead): network tracking; no change is reported.
@@ -28,7 +26,7 @@ void CSWGAgent::DetectCaptivePortalPresence(long timeoutSeconds) {
 
 void CSWGAgent::SetCaptivePortalProbe(std::function<bool(long)> probe) {
     boost::recursive_mutex::scoped_lock hold(m_captivePortalLock);
-    m_captivePortalProbe = std::move(probe);
+    m_captivePortalProbe = probe;
 }
 
 // TODO(lead): IPC, state words and statistics; with no plug-in attached nothing is sent.

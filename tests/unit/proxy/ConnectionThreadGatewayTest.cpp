@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "GatewayTestSupport.h"
-#include "support/GatewayProcess.h"
-#include "upstream/LicenceHeader.h"
 #include "foundation/GlobalConst.h"
+#include "support/GatewayProcess.h"
 #include "unit/foundation/ThreadTestSupport.h"
+#include "upstream/LicenceHeader.h"
 
 namespace {
 
