@@ -7,6 +7,9 @@
 //   agent   client -> 127.0.0.1:5002 (CDnListenThread, session record in front) -> server
 //   socat   client -> socat TCP-LISTEN:p,fork,reuseaddr TCP:127.0.0.1:q -> server
 // Bulk: one connection moves SWG_BENCH_MB megabytes (default 256) up, then one down.
+// Every client speaks first and ends a line early: the agent waits for a client's first line
+// before it connects (a silent client is dropped after 2 s), so on every path the request, each
+// upload chunk and the download's opening line end with a newline.
 // Rate: SWG_BENCH_CONNECTIONS connections (default 4000) from SWG_BENCH_CLIENTS client
 // threads (default 4), each a 64-byte request and a 64-byte answer on a new connection.
 // Every figure is the median of SWG_BENCH_ROUNDS rounds (default 5); the paths take turns
@@ -275,6 +278,7 @@ double Upload(const Path& path, std::uint16_t sinkPort, std::atomic<std::uint64_
     std::string head = path.agent ? RecordFor(sinkPort) : std::string();
     if (!head.empty()) (void)SendAll(fd, head.data(), head.size());
     std::vector<char> chunk(kChunk, 'u');
+    chunk.back() = '\n';
     std::size_t sent = 0;
     while (sent < total && Clock::now() - start < kTransferLimit) {
         const std::size_t n = std::min(kChunk, total - sent);
@@ -295,10 +299,8 @@ double Download(const Path& path, std::uint16_t sourcePort) {
     const auto start = Clock::now();
     const int fd = Connect(path.port);
     if (fd == -1) return 0;
-    if (path.agent) {
-        const std::string head = RecordFor(sourcePort);
-        (void)SendAll(fd, head.data(), head.size());
-    }
+    const std::string head = (path.agent ? RecordFor(sourcePort) : std::string()) + "go\n";
+    (void)SendAll(fd, head.data(), head.size());
     std::vector<char> chunk(kChunk);
     std::uint64_t received = 0;
     while (Clock::now() - start < kTransferLimit) {
@@ -316,8 +318,8 @@ double Rate(const Path& path, std::uint16_t serverPort, std::size_t connections,
             std::size_t clients) {
     std::atomic<std::size_t> next{0};
     std::atomic<std::size_t> done{0};
-    const std::string head =
-        (path.agent ? RecordFor(serverPort) : std::string()) + std::string(kMessage, 'q');
+    const std::string head = (path.agent ? RecordFor(serverPort) : std::string()) +
+                             std::string(kMessage - 1, 'q') + "\n";
     const auto start = Clock::now();
     std::vector<std::thread> threads;
     for (std::size_t c = 0; c < clients; ++c) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <string>
 #include <vector>
@@ -192,6 +193,10 @@ public:
     // Probes for a captive portal for at most `timeoutSeconds` and sets the flag by the
     // answer. Blocks; any thread but the main loop's.
     void DetectCaptivePortalPresence(long timeoutSeconds);
+    // Test seam: while a probe is installed, DetectCaptivePortalPresence sets the flag to what
+    // it answers (true: a portal) instead of probing. An empty function removes it. Any
+    // thread; the probe is called on the detecting thread without a lock held.
+    void SetCaptivePortalProbe(std::function<bool(long timeoutSeconds)> probe);
 
     // ---- state and statistics ---------------------------------------------------------
     // Reports a state word to the UI and the state file. 0 handled, -1 refused, -2 failed.
@@ -254,6 +259,7 @@ public:
     std::atomic<uint8_t> m_kdfStopReasons{0};
     std::atomic<bool> m_kdfDisruptionHandlerBusy{false};
     std::string m_strCaptivePortalDomain;
+    std::function<bool(long)> m_captivePortalProbe;  // test seam, under m_captivePortalLock
 
     // Resolved-address caches (one host at a time, shared key).
     std::vector<uint8_t> m_resolvedIPv6List;

@@ -13,8 +13,21 @@ void CSWGAgent::HandleNetworkChangeEvent() {}
 // TODO(lead): backoff decision; until it lands the agent never stands aside.
 void CSWGAgent::OnBackoffStateChange() {}
 
-// TODO(lead): captive portal detection; no portal is ever detected.
-void CSWGAgent::DetectCaptivePortalPresence(long /*timeoutSeconds*/) {}
+// TODO(lead): captive portal detection; no portal is ever detected, and the mode stays as it
+// is, unless a test installed a probe.
+void CSWGAgent::DetectCaptivePortalPresence(long timeoutSeconds) {
+    std::function<bool(long)> probe;
+    {
+        boost::recursive_mutex::scoped_lock hold(m_captivePortalLock);
+        probe = m_captivePortalProbe;
+    }
+    if (probe) SetCaptivePortalMode(probe(timeoutSeconds));
+}
+
+void CSWGAgent::SetCaptivePortalProbe(std::function<bool(long)> probe) {
+    boost::recursive_mutex::scoped_lock hold(m_captivePortalLock);
+    m_captivePortalProbe = probe;
+}
 
 // TODO(lead): IPC, state words and statistics; with no plug-in attached nothing is sent.
 int CSWGAgent::SendSWGState(const std::string& /*state*/, int /*update*/) { return 0; }

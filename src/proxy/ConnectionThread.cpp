@@ -35,8 +35,6 @@ constexpr int kRecordSize = static_cast<int>(sizeof(ngc_session_info));
 constexpr std::size_t kHostNamesKept = 767;
 constexpr std::size_t kProcessPathSize = 2048;
 constexpr unsigned long kRetryPauseMs = 1000;
-constexpr int kIPv6ReceiveBuffer = 65536;
-constexpr std::uint32_t kConnectTimeoutSeconds = 4;
 // A record that names the agent's own listener: the job ends before anything is connected.
 constexpr long kLoopCode = ELOOP;
 
@@ -61,45 +59,6 @@ void ResetRule(redirect_info& rule) {
     rule.exclude_addrs.clear();
     rule.exclude_hosts.clear();
     rule.include_hosts.clear();
-}
-
-#define SWG_IPV6_FORMAT "%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x:%.2x%.2x"
-#define SWG_IPV6_BYTES(a)                                                                    \
-    (a)[0], (a)[1], (a)[2], (a)[3], (a)[4], (a)[5], (a)[6], (a)[7], (a)[8], (a)[9], (a)[10], \
-        (a)[11], (a)[12], (a)[13], (a)[14], (a)[15]
-
-void LogConnecting(const sockaddr_storage& target) {
-    if (target.ss_family == AF_INET) {
-        const auto& in4 = reinterpret_cast<const sockaddr_in&>(target);
-        DNTRACE(BRIDGE, "Connection : Connecting to %s:%d", InaddrToAddress(in4.sin_addr).c_str(),
-                ntohs(in4.sin_port));
-        return;
-    }
-    const auto& in6 = reinterpret_cast<const sockaddr_in6&>(target);
-    DNTRACE(TRACE, "Connection : Connecting to: " SWG_IPV6_FORMAT " (%.4x)",
-            SWG_IPV6_BYTES(in6.sin6_addr.s6_addr), ntohs(in6.sin6_port));
-}
-
-void LogConnectFailed(const sockaddr_storage& target, int code) {
-    if (target.ss_family == AF_INET) {
-        const auto& in4 = reinterpret_cast<const sockaddr_in&>(target);
-        DNTRACE(ERR, "Connection : Failed to connect to %s:%d. Code : %d",
-                InaddrToAddress(in4.sin_addr).c_str(), ntohs(in4.sin_port), code);
-        return;
-    }
-    const auto& in6 = reinterpret_cast<const sockaddr_in6&>(target);
-    DNTRACE(ERR, "Connection : Failed to connect to: " SWG_IPV6_FORMAT " (%.4x) Code: %d",
-            SWG_IPV6_BYTES(in6.sin6_addr.s6_addr), ntohs(in6.sin6_port), code);
-}
-
-// Marks the outgoing socket so that the diversion lets it pass. A failure is logged once per
-// process: without CAP_NET_ADMIN every socket would fail alike.
-void MarkOutgoingSocket(int fd) {
-    static std::atomic<bool> s_reported{false};
-    const int result = ApplyAgentSocketMark(fd);
-    if (result != 0 && !s_reported.exchange(true))
-        DNTRACE(WARN, "Connection : Failed to set the agent's mark on outgoing sockets. Code : %d",
-                result);
 }
 
 }  // namespace
@@ -345,10 +304,10 @@ bool CDnConnectionThread::IsLoopToListener() {
 void CDnConnectionThread::ResetForJob() {
     CMode = 0;
     TMode = 0;
-    ResetHttpHeaders();
+    m_headers.Reset();
     m_host.clear();
     if (g_pSWGAgent->IsCaptivePortalMode()) g_pSWGAgent->DetectCaptivePortalPresence(5);
-    // TODO(lead): reset m_proxyInfo here once LOCAL_PROXY_INFO lands with the upstream proxy.
+    m_proxyInfo = LOCAL_PROXY_INFO();
 }
 
 bool CDnConnectionThread::ApplyBackoff() {
@@ -441,11 +400,12 @@ long CDnConnectionThread::ConnectAndExchange() {
             }
         }
         if (CMode == 2) {
-            if (TMode != 0) {
+            const bool onGateway = TMode != 0;
+            if (onGateway) {
                 EndSetConnectTime();
-                (void)ModifyHttpHeaders(ClientHeaders());
+                (void)ModifyHttpHeaders(&m_headers);
             }
-            code = WriteClientHeaders();
+            code = m_headers.Write(m_pExternalSocket, exit_requested);
             if (ExitRequested()) return 0;
             if (code != 0) {
                 handleCaptivePortal(
@@ -453,7 +413,9 @@ long CDnConnectionThread::ConnectAndExchange() {
                     "Headers]",
                     false);
                 retry = false;
-                if (g_pSWGAgent->IsCaptivePortalMode() || failOpen) continue;
+                // Only the gateway leg has a bypass to fall back to: going round again after
+                // a failed write to the destination itself would connect and fail for ever.
+                if (onGateway && (g_pSWGAgent->IsCaptivePortalMode() || failOpen)) continue;
                 DNTRACE(ERR, "Connection : Failed to write back headers. Code : %d",
                         static_cast<int>(code));
                 throw static_cast<unsigned int>(code);
@@ -491,77 +453,6 @@ socklen_t CDnConnectionThread::OriginalTarget(sockaddr_storage& target, bool ipv
     in6.sin6_port = m_origDstPort;
     std::memcpy(&in6.sin6_addr, m_origDstV6, sizeof(in6.sin6_addr));
     return sizeof(sockaddr_in6);
-}
-
-long CDnConnectionThread::GetExternalConnection() {
-    int fd = -1;  // held here until the socket object owns it
-    try {
-        const bool ipv4Socket = !m_bIPv6 && (!m_bIPv6ViaIPv4 || TMode != 0);
-        fd = ::socket(ipv4Socket ? AF_INET : AF_INET6, SOCK_STREAM, 0);
-        if (fd == -1) {
-            const int error = errno;
-            DNTRACE(ERR, "Connection : failed to create external socket. Code : %d", error);
-            throw static_cast<unsigned int>(error);
-        }
-        MarkOutgoingSocket(fd);
-        if (!ipv4Socket) {
-            const int receiveBuffer = kIPv6ReceiveBuffer;
-            if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer)) != 0)
-                DNTRACE(WARN, "Connection: setsockopt SO_RCVBUF for ipv6 socket failed");
-            const int v6Only = 0;
-            if (::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6Only, sizeof(v6Only)) != 0)
-                DNTRACE(WARN, "Connection: setsockopt IPV6_V6ONLY for ipv6 socket failed");
-        }
-        const int noDelay = 1;
-        if (::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay)) != 0)
-            DNTRACE(WARN, "Connection : setsockopt SO_RCVBUF socket failed");
-
-        sockaddr_storage target{};
-        socklen_t targetLength = 0;
-        if (TMode == 0 || TMode == 2) {
-            targetLength = OriginalTarget(target, m_bIPv6 || m_bIPv6ViaIPv4);
-        } else {
-            // TODO(lead): the gateway target (name, resolved list or anycast address) comes
-            // with the gateway connection. Until then no gateway address exists, which is the
-            // case of a name that does not resolve with no anycast fallback.
-            DNTRACE(ERR,
-                    "Connection : Failed to convert domain name to IP. No fallback Anycast IP "
-                    "present.");
-            throw std::runtime_error("no gateway address");
-        }
-
-        {
-            std::lock_guard<std::mutex> hold(m_socketLock);
-            m_pExternalSocket = new CDnSocket(fd);
-            fd = -1;
-        }
-        CDnVSocket::m_dwTimeout = kConnectTimeoutSeconds;
-
-        const auto* targetAddress = reinterpret_cast<const sockaddr*>(&target);
-        LogConnecting(target);
-        (void)MakeNoRedirectKdfException(*targetAddress);
-
-        const int result =
-            m_pExternalSocket->Connect(targetAddress, static_cast<int>(targetLength), -1);
-        if (result == 0) return 0;
-        LogConnectFailed(target, result);
-        if (m_bAnycastFallback) handleAnycastFailure();
-        throw static_cast<unsigned int>(result);
-    } catch (unsigned int code) {
-        DeleteExternalSocket();
-        if (fd != -1) ::close(fd);
-        DNTRACE(ERR, "Connection : Caught exception. Code : %d", static_cast<int>(code));
-        return static_cast<long>(code);
-    } catch (const std::bad_alloc&) {
-        if (fd != -1) ::close(fd);
-        DNTRACE(ERR, "Connection : System Out Of Memory!!!");
-        return SWG_E_OUTOFMEMORY;
-    } catch (...) {
-        DeleteExternalSocket();
-        if (fd != -1) ::close(fd);
-        DNTRACE(ERR, "Connection : Caught unknown exception");
-        return -1;
-    }
 }
 
 int CDnConnectionThread::BridgeConnections() {

@@ -8,15 +8,17 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include "foundation/DnEventThread.h"
 #include "platform/RedirectorRecords.h"
+#include "proxy/HttpHeaders.h"
+#include "upstream/ProxyInfo.h"
 
 class CDnListenThread;
 class CDnVSocket;
-class CDnHttpHeaders;
 
 // The worker of the connection path. The pool creates it, Initialize and StartThread make it
 // ready, and each Start hands it one accepted socket; ProcessEvent then runs the job on the
@@ -111,31 +113,66 @@ public:
     // has no "/"; empty when the path can't be had.
     static std::string getProcessName(unsigned int pid);
 
-    // ---- steps of later pieces (ConnectionThreadPending.cpp until they land) ------------
+    // ---- mode selection (ConnectionThreadModes.cpp) ---------------------------------------
     // Looks at the client's first bytes and sets CMode and TMode. 0 or a code.
     long SelectInitialMode();
-    // Reads the client's header block into m_headers. 0 or a code.
+    // Reads the client's header block into m_headers; bytes behind it stay in the socket's
+    // line buffer. Blocks until the block ends. Returns 0, or the reader's code, logged (1
+    // when the client closed, the job was killed or told to stop first).
     long ReadHttpHeaders();
-    // Sets m_host, the host named in the gateway request.
+    // Sets m_host, the host named in the gateway request: an HTTP client's Host value cut
+    // before its first ":", else (and when that is empty) the original destination address.
+    // On an IPv6 connection an IPv6 literal in Host gives the address too. Never fails.
     void SetupHost();
     // Appends the licence header lines to `headers`; false when they could not be had.
     bool ModifyHttpHeaders(CDnHttpHeaders* headers);
-    // Sends the CONNECT request for `host`:`port` to the gateway. 0 or a code.
+
+    // ---- gateway connection and failure policy (ConnectionThreadGateway.cpp,
+    // ConnectionThreadFailure.cpp) ------------------------------------------------------
+    // The gateway's IPv4 address (network order) for `name`: an IPv4 literal as it stands,
+    // else the agent's cache or a lookup of up to 5000 ms (which fills the cache), picked round
+    // robin across all threads. False for an empty name, an IPv6 literal or a failed lookup.
+    bool resolveToIPV4(std::string& name, unsigned long& address);
+    // The same for IPv6 into the 16 bytes at `address`. The pick copies 16 bytes from byte
+    // `index` of the cached list (not from entry `index`). False for an empty name or when no
+    // IPv6 address can be had.
+    bool resolveToIPV6(std::string& name, unsigned char* address);
+    // Moves the anycast address of the failed connect (m_anycastIP) from the front of its
+    // list to the back, through SetOrgInfo. Nothing when the list has fewer than two entries
+    // or another thread has already moved it.
+    void handleAnycastFailure();
+    // Writes "CONNECT host:port" with Content-Length 0, Host and, with `addLicence`, the
+    // licence lines to the outgoing socket; the host is bracketed when m_bIPv6ViaIPv4 is set.
+    // Returns CDnHttpHeaders::Write's result: 0, -1, or 0x80070057 without a socket.
     long DoProxyConnect(std::string host, unsigned short port, std::string reserved,
                         bool addLicence);
-    // Reads and checks the gateway's answer to CONNECT. 0 or a code.
+    // Reads the gateway's answer to CONNECT and proves it by its Via header. 0 for a 200 with
+    // a gateway Via (its body read and dropped); 0x80004005 for no such Via, or for any other
+    // status, whose header block and body then go to the client (unless `noForward`: 0);
+    // the read's code, with `connectionLost`, when no header block came; 0x8007000E when the
+    // body cannot be held; -1 when the body cannot be passed on. 0 when told to stop.
+    // `status` gets the status code. Blocks on the outgoing socket.
     long ProcessProxyResponse(bool& connectionLost, int& status, bool noForward);
-    // Applies the failure policy after both connect attempts failed. True when an outgoing
-    // connection now stands and the job may go on.
-    bool OnConnectionFailure(CONN_FAILURE_REASON reason);
-    // Looks for a captive portal after a failed gateway step and turns to bypass if one is
-    // there or the policy is fail open.
-    void handleCaptivePortal(const std::string& message, bool keepSocket);
-    // Moves a failed anycast gateway address to the back of its list.
-    void handleAnycastFailure();
-    // Record the start of a gateway connect, and the time it took.
+    // Records the start of a gateway connect / stores the time since then in m_connectMillis.
     void StartSetConnectTime();
     void EndSetConnectTime();
+
+    // Applies the failure policy after both connect attempts failed: a bypass retry, the
+    // refusal page, or nothing. True when the job may go on (an outgoing connection stands,
+    // or reason 0 under fail open, which makes none). Sends "cloud_service_unavailable" for a
+    // gateway connection and sets m_bFailureReported.
+    bool OnConnectionFailure(CONN_FAILURE_REASON reason);
+    // After a failed gateway step: runs the captive portal test unless the mode is on; with
+    // the mode on or fail open, turns TMode to 0 and, unless `keepSocket`, deletes the
+    // outgoing socket. `message` names the failed stage for the log.
+    void handleCaptivePortal(const std::string& message, bool keepSocket);
+    // Sends `socket` the "HTTP/1.1 499 Fail close" page naming `reason`, in the user's
+    // language. True when the header block was written (the body's send is not checked);
+    // false, logged, otherwise (a null socket included).
+    bool SendFailCloseMessageToBrowser(CDnVSocket* socket, CONN_FAILURE_REASON reason,
+                                       bool reserved);
+    // The translated reason text, then " " and the translated policy sentence.
+    std::string GetConnectionFailureMsg(CONN_FAILURE_REASON reason);
 
     // What a client speaks (0 unknown, 1 TLS, 2 HTTP) and how its connection travels
     // (0 bypass, 1 gateway, 2 plain tunnel through a proxy, turned into 0).
@@ -144,6 +181,32 @@ public:
 
     static std::atomic<std::uint16_t> sm_usNextIPIndex;
     static std::atomic<std::uint16_t> sm_usNextIPV6Index;
+
+    // ---- mode selection and the client's header block (ConnectionThreadModes.cpp) ------
+    // Records the original destination as the upstream proxy the client talks to, in
+    // g_ProxyInfo and m_proxyInfo. Returns 0, or -1 when the destination has no IPv4
+    // address text (always so on an IPv6 connection: proxies are recorded as IPv4 only).
+    long SetProxyDetails();
+    // Puts g_ProxyInfo back to the default record. Never fails.
+    void ResetProxyDetails();
+    // The address of the local interface that the licence header names: the local address
+    // of the outgoing socket. False, logging, with `out` empty when there is no connected
+    // outgoing socket.
+    bool GetBestInterfaceIP(std::string& out);
+
+    // The client's header block when CMode is 2; reset for every job.
+    CDnHttpHeaders m_headers{256};
+    // The upstream proxy of this connection; reset for every job.
+    LOCAL_PROXY_INFO m_proxyInfo;
+    // How long SelectInitialMode waits for a client's first bytes, in 10 ms rounds: 2000.
+    // Tests shorten it so that a client that sends no line end decides quickly.
+    int m_firstBytesWaitMs = 2000;
+
+private:
+    // Steps of SelectInitialMode.
+    long WaitForFirstBytes(unsigned long& readable, int& remainingMs);
+    long SelectHttpModes(const std::string& line);
+    void CheckSystemProxy();
 
 private:
     // Steps of HandleConnection.
@@ -156,6 +219,14 @@ private:
     void CountConnection();
     bool ExitRequested();
 
+    // Steps of the gateway connection and the failure policy.
+    socklen_t GatewayTarget(sockaddr_storage& target);
+    bool LookupIPv6List(const std::string& name, std::vector<unsigned char>& ipv6);
+    bool ForwardProxyStatus(CDnHttpHeaders& response, int status, bool noForward, long& code);
+    long ReadProxyResponseBody(CDnHttpHeaders& response, bool& connectionLost, int status,
+                               long code);
+    bool RetryInBypass();
+
     // The original destination as a socket address of the family the job leaves on.
     socklen_t OriginalTarget(sockaddr_storage& target, bool ipv6) const;
     // Makes the session record of a connection that the kernel redirected and puts it in
@@ -164,11 +235,6 @@ private:
     void DeleteExternalSocket();
     void DeleteSockets();
     void ResetDefaults();
-
-    // Stand-ins for the client's header block until the header class lands.
-    void ResetHttpHeaders();
-    CDnHttpHeaders* ClientHeaders();
-    long WriteClientHeaders();
 
 public:
     // Fields of the job, in the order of the record.

@@ -142,7 +142,7 @@ TEST_F(ListenerIntegrationTest, LargeUploadArrivesWhole) {
 TEST_F(ListenerIntegrationTest, LargeDownloadArrivesWholeBeforeTheClose) {
     swg_test::TestServer source(swg_test::Endpoint(kHostA, 0),
                                 [](int fd) { (void)swg_test::SendPattern(fd, kLarge, 9, 120s); });
-    UniqueFd client = Client(source.Address());
+    UniqueFd client = Client(source.Address(), "hi\n");
     const swg_test::StreamDigest received = swg_test::ReceiveDigest(client.Get(), ~0ull, 120s);
     EXPECT_EQ(received.Length(), kLarge);
     EXPECT_EQ(received.Value(), swg_test::PatternDigest(kLarge, 9).Value());
@@ -152,7 +152,7 @@ TEST_F(ListenerIntegrationTest, LargeDownloadArrivesWholeBeforeTheClose) {
 TEST_F(ListenerIntegrationTest, RemoteCloseAfterDataStillDeliversTheData) {
     swg_test::TestServer server(swg_test::Endpoint(kHostA, 0),
                                 [](int fd) { (void)swg_test::WriteAll(fd, "hello world", 1s); });
-    UniqueFd client = Client(server.Address());
+    UniqueFd client = Client(server.Address(), "hi\n");
     std::string received;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 11, received, 5s));
     EXPECT_EQ(received, "hello world");
@@ -166,12 +166,12 @@ TEST_F(ListenerIntegrationTest, LoneByteFromTheServerIsDeliveredAfter200Ms) {
     std::atomic<std::int64_t> sentAt{0};
     swg_test::TestServer server(swg_test::Endpoint(kHostA, 0), [&](int fd) {
         std::string go;
-        if (!swg_test::ReadExactly(fd, 2, go, 5s)) return;
+        if (!swg_test::ReadExactly(fd, 3, go, 5s)) return;
         sentAt = Clock::now().time_since_epoch().count();
         (void)swg_test::WriteAll(fd, "\x16", 1s);
         (void)swg_test::WaitReadable(fd, 10s);  // stalls until the client goes
     });
-    UniqueFd client = Client(server.Address(), "go");
+    UniqueFd client = Client(server.Address(), "go\n");
     std::string received;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 1, received, 5s));
     const auto arrived = Clock::now().time_since_epoch().count();
@@ -187,14 +187,14 @@ TEST_F(ListenerIntegrationTest, ClientDataSentBeforeTheRelayReachesTheServerFirs
     Seen seen;
     swg_test::TestServer server(swg_test::Endpoint(kHostA, 0), [&](int fd) {
         std::string text;
-        (void)swg_test::ReadExactly(fd, 9, text, 5s);
+        (void)swg_test::ReadExactly(fd, 10, text, 5s);
         seen.Add(seen.texts, text);
     });
-    UniqueFd client = Client(server.Address(), "EARLY");
+    UniqueFd client = Client(server.Address(), "EARLY\n");
     ASSERT_TRUE(server.WaitForAccepted(1, 5s));
     ASSERT_TRUE(swg_test::WriteAll(client.Get(), "LATE", 1s));
     ASSERT_TRUE(seen.WaitFor(0, 1, 5s));
-    EXPECT_EQ(seen.texts[0], "EARLYLATE");
+    EXPECT_EQ(seen.texts[0], "EARLY\nLATE");
 }
 
 // A client gone before its record is whole: no byte back, nothing connected on its behalf.
@@ -218,7 +218,7 @@ TEST_F(ListenerIntegrationTest, ClientClosingBeforeTheRecordIsCompleteEndsWithNo
 TEST_F(ListenerIntegrationTest, KillDuringBlockedReadsEndsTheJobsWithin500Ms) {
     swg_test::TestServer silent(swg_test::Endpoint(kHostA, 0),
                                 [](int fd) { (void)swg_test::WaitReadable(fd, 30s); });
-    UniqueFd relaying = Client(silent.Address());
+    UniqueFd relaying = Client(silent.Address(), "x\n");
     ASSERT_TRUE(silent.WaitForAccepted(1, 5s));
     UniqueFd partial = swg_test::ConnectTo(swg_test::Endpoint("127.0.0.1", 5002));
     ASSERT_TRUE(swg_test::WriteAll(partial.Get(), std::string(100, 'r'), 1s));
@@ -244,7 +244,7 @@ TEST_F(ListenerIntegrationTest, LoopToTheListenerItselfIsClosed) {
 // Two failed connects, one second apart, end the job; the client sees only the close.
 TEST_F(ListenerIntegrationTest, DestinationThatCannotBeReachedTwiceClosesTheClient) {
     const auto start = Clock::now();
-    UniqueFd client = Client(swg_test::Endpoint(kUnroutable, 80), "GET / HTTP/1.1\r\n\r\n");
+    UniqueFd client = Client(swg_test::Endpoint(kUnroutable, 80), "hello\n");
     std::string received;
     EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 5s));
     EXPECT_TRUE(received.empty());
@@ -261,10 +261,10 @@ TEST_F(ListenerIntegrationTest, DestinationThatCannotBeReachedTwiceClosesTheClie
 TEST_F(ListenerIntegrationTest, IPv6ListenerRelaysToAnIPv6Destination) {
     StartListener(true);
     swg_test::TestServer echo(swg_test::Endpoint("::1", 0), swg_test::EchoHandler);
-    UniqueFd client = Client(echo.Address(), "six", "::1");
+    UniqueFd client = Client(echo.Address(), "six\n", "::1");
     std::string echoed;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
-    EXPECT_EQ(echoed, "six");
+    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 4, echoed, 5s));
+    EXPECT_EQ(echoed, "six\n");
 }
 
 // A connection that nftables redirected carries no record: the listener side makes it from
@@ -279,10 +279,10 @@ TEST_F(ListenerIntegrationTest, RedirectedConnectionIsRelayedToItsOriginalDestin
     ASSERT_TRUE(echo.Ok());
     UniqueFd client = swg_test::ConnectTo(echo.Address());
     ASSERT_NE(client.Get(), -1);
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), "redirected", 1s));
+    ASSERT_TRUE(swg_test::WriteAll(client.Get(), "redirected\n", 1s));
     std::string echoed;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 10, echoed, 5s));
-    EXPECT_EQ(echoed, "redirected");
+    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 11, echoed, 5s));
+    EXPECT_EQ(echoed, "redirected\n");
     EXPECT_EQ(Started(), 1);
     EXPECT_EQ(m_trace.Count(LISTEN, "Connection : Redirected connection of process " +
                                         std::to_string(::getpid()) + ", record made on accept"),
@@ -299,15 +299,15 @@ TEST_F(ListenerIntegrationTest, The751stSimultaneousConnectionWaitsForAThread) {
     swg_test::TestServer stall(swg_test::Endpoint(kHostA, 0), nullptr, 1024, false);
     swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
     std::vector<UniqueFd> busy;
-    for (int i = 0; i < 750; ++i) busy.push_back(Client(stall.Address()));
+    for (int i = 0; i < 750; ++i) busy.push_back(Client(stall.Address(), "x\n"));
     ASSERT_TRUE(swg_test::WaitUntil([&] {
         return m_trace.CountPrefix(BRIDGE, "Connection : Connecting to 198.18.0.1:") == 750;
     }));
     EXPECT_EQ(Listener().m_ConnectionThreadPool.ActiveCount(), 750u);
 
-    UniqueFd waiting = Client(echo.Address(), "ping");
+    UniqueFd waiting = Client(echo.Address(), "ping\n");
     std::string echoed;
-    EXPECT_FALSE(swg_test::ReadExactly(waiting.Get(), 4, echoed, 500ms));
+    EXPECT_FALSE(swg_test::ReadExactly(waiting.Get(), 5, echoed, 500ms));
     EXPECT_EQ(m_trace.Count(THREAD,
                             "Connection Pool  : Failed to get a thread.  Waiting for an "
                             "available thread"),
@@ -315,8 +315,8 @@ TEST_F(ListenerIntegrationTest, The751stSimultaneousConnectionWaitsForAThread) {
     EXPECT_EQ(Started(), 750);
 
     busy[17].Reset();  // one job ends
-    ASSERT_TRUE(swg_test::ReadExactly(waiting.Get(), 4, echoed, 5s));
-    EXPECT_EQ(echoed, "ping");
+    ASSERT_TRUE(swg_test::ReadExactly(waiting.Get(), 5, echoed, 5s));
+    EXPECT_EQ(echoed, "ping\n");
     EXPECT_EQ(Listener().m_ConnectionThreadPool.ActiveCount(), 750u);
 }
 
@@ -325,10 +325,10 @@ TEST_F(ListenerIntegrationTest, The751stSimultaneousConnectionWaitsForAThread) {
 TEST_F(ListenerIntegrationTest, IdleThreadsAboveTenAreTrimmedAtTheNextTick) {
     swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
     std::vector<UniqueFd> clients;
-    for (int i = 0; i < 25; ++i) clients.push_back(Client(echo.Address(), "xy"));
+    for (int i = 0; i < 25; ++i) clients.push_back(Client(echo.Address(), "xy\n"));
     for (UniqueFd& client : clients) {
         std::string echoed;
-        ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 2, echoed, 5s));
+        ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
     }
     clients.clear();
     CDnConnectionThreadPoolThread& pool = Listener().m_ConnectionThreadPool;
@@ -351,10 +351,10 @@ TEST_F(ListenerIntegrationTest, TwoThousandConnectionsLeakNoDescriptorOrThread) 
     for (int done = 0; done < 2000 && Clock::now() < deadline; done += kBatch) {
         std::vector<UniqueFd> batch;
         // Two bytes, so that the relay's hold of a lone byte does not pace the loop.
-        for (int i = 0; i < kBatch; ++i) batch.push_back(Client(echo.Address(), "qq"));
+        for (int i = 0; i < kBatch; ++i) batch.push_back(Client(echo.Address(), "qq\n"));
         for (UniqueFd& client : batch) {
             std::string echoed;
-            ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 2, echoed, 5s));
+            ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
         }
     }
     ASSERT_TRUE(echo.WaitForAccepted(2000, 10s));

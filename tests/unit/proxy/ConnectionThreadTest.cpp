@@ -90,10 +90,10 @@ TEST_P(ConnectionThreadTest, RelaysBothWaysToTheDestinationInTheRecord) {
     ASSERT_TRUE(server.Ok());
     UniqueFd client = StartJob();
     ASSERT_TRUE(swg_test::WriteAll(client.Get(),
-                                   swg_test::SessionRecordFor(server.Address()) + "hello", 5s));
+                                   swg_test::SessionRecordFor(server.Address()) + "hello\n", 5s));
     std::string echoed;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 5, echoed, 5s));
-    EXPECT_EQ(echoed, "hello");
+    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 6, echoed, 5s));
+    EXPECT_EQ(echoed, "hello\n");
     EXPECT_EQ(server.Accepted(), 1);
 
     client.Reset();
@@ -111,10 +111,10 @@ TEST_P(ConnectionThreadTest, RecordInPiecesIsCollectedWithoutTakingClientBytes) 
     std::this_thread::sleep_for(30ms);
     ASSERT_TRUE(swg_test::WriteAll(client.Get(), record.substr(3, 500), 1s));
     std::this_thread::sleep_for(30ms);
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), record.substr(503) + "abc", 1s));
+    ASSERT_TRUE(swg_test::WriteAll(client.Get(), record.substr(503) + "abc\n", 1s));
     std::string echoed;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
-    EXPECT_EQ(echoed, "abc");
+    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 4, echoed, 5s));
+    EXPECT_EQ(echoed, "abc\n");
 }
 
 // A -1 on the first read ends the record loop as if it were complete: the job goes on with
@@ -123,8 +123,8 @@ TEST_P(ConnectionThreadTest, FailedFirstReadGoesOnWithTheLastJobsDestination) {
     swg_test::TestServer server(swg_test::Endpoint(Loopback(), 0), swg_test::EchoHandler);
     {
         UniqueFd first = StartJob();
-        ASSERT_TRUE(
-            swg_test::WriteAll(first.Get(), swg_test::SessionRecordFor(server.Address()), 1s));
+        ASSERT_TRUE(swg_test::WriteAll(
+            first.Get(), swg_test::SessionRecordFor(server.Address()) + "first\n", 1s));
         ASSERT_TRUE(server.WaitForAccepted(1, 5s));
     }
     ASSERT_TRUE(JobEnded(5s));
@@ -137,11 +137,14 @@ TEST_P(ConnectionThreadTest, FailedFirstReadGoesOnWithTheLastJobsDestination) {
     ASSERT_EQ(m_thread.Start(m_done, new CDnSocket(pair.b.Release()), nullptr, Family() == AF_INET6,
                              true),
               0);
+    // The client speaks once the record read has given up, well within the wait for its
+    // first bytes.
+    std::this_thread::sleep_for(200ms);
+    ASSERT_TRUE(swg_test::WriteAll(pair.a.Get(), "ping\n", 1s));
     ASSERT_TRUE(server.WaitForAccepted(2, 5s));
-    ASSERT_TRUE(swg_test::WriteAll(pair.a.Get(), "ping", 1s));
     std::string echoed;
-    ASSERT_TRUE(swg_test::ReadExactly(pair.a.Get(), 4, echoed, 5s));
-    EXPECT_EQ(echoed, "ping");
+    ASSERT_TRUE(swg_test::ReadExactly(pair.a.Get(), 5, echoed, 5s));
+    EXPECT_EQ(echoed, "ping\n");
 }
 
 // A -1 after part of the record takes one byte off the count: the gap is filled by the
@@ -160,10 +163,10 @@ TEST_P(ConnectionThreadTest, FailedReadInsideTheRecordCostsOneByte) {
     const std::string record = swg_test::SessionRecordFor(server.Address());
     ASSERT_TRUE(swg_test::WriteAll(pair.a.Get(), record.substr(0, 400), 1s));
     std::this_thread::sleep_for(300ms);
-    ASSERT_TRUE(swg_test::WriteAll(pair.a.Get(), record.substr(400) + "XYZ", 1s));
+    ASSERT_TRUE(swg_test::WriteAll(pair.a.Get(), record.substr(400) + "XYZ\n", 1s));
     std::string echoed;
-    ASSERT_TRUE(swg_test::ReadExactly(pair.a.Get(), 2, echoed, 5s));
-    EXPECT_EQ(echoed, "YZ");
+    ASSERT_TRUE(swg_test::ReadExactly(pair.a.Get(), 3, echoed, 5s));
+    EXPECT_EQ(echoed, "YZ\n");
 }
 
 // Kill must wake a job that waits for its record, not leave it blocked in recv.
@@ -186,7 +189,7 @@ TEST_P(ConnectionThreadTest, RefusedDestinationClosesTheClient) {
         closed = gone.Address();
     }
     UniqueFd client = StartJob();
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(closed), 1s));
+    ASSERT_TRUE(swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(closed) + "x\n", 1s));
     ASSERT_TRUE(JobEnded(5s));
     EXPECT_NE(m_thread.m_result, 0);
     std::string received;

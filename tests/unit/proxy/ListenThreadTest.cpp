@@ -71,8 +71,8 @@ TEST_P(ListenThreadTest, HandsEachAcceptedConnectionToAWorker) {
     ASSERT_TRUE(StartListener(GetParam()));
     swg_test::TestServer server(swg_test::Endpoint(GetParam() == AF_INET6 ? "::1" : "127.0.0.1", 0),
                                 swg_test::EchoHandler);
-    EXPECT_TRUE(RoundTrip(GetParam(), server.Address(), "first"));
-    EXPECT_TRUE(RoundTrip(GetParam(), server.Address(), "second"));
+    EXPECT_TRUE(RoundTrip(GetParam(), server.Address(), "first\n"));
+    EXPECT_TRUE(RoundTrip(GetParam(), server.Address(), "second\n"));
     EXPECT_EQ(m_trace.Count(LISTEN, "Listener : Connection started"), 2);
 }
 
@@ -156,11 +156,11 @@ TEST_P(ListenThreadLimitTest, RunningOutOfDescriptorsPausesAcceptAndRecovers) {
     }
 
     m_fillers.clear();
-    ASSERT_TRUE(
-        swg_test::WriteAll(client.Get(), swg_test::SessionRecordFor(server.Address()) + "ok", 5s));
+    ASSERT_TRUE(swg_test::WriteAll(client.Get(),
+                                   swg_test::SessionRecordFor(server.Address()) + "ok\n", 5s));
     std::string echoed;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 2, echoed, 5s));
-    EXPECT_EQ(echoed, "ok");
+    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
+    EXPECT_EQ(echoed, "ok\n");
     // The worker secured before the failures served it; one more waits for the next.
     EXPECT_EQ(m_listener->m_ConnectionThreadPool.ActiveCount(), 2u);
 }
@@ -190,7 +190,7 @@ TEST_P(ListenThreadLimitTest, AcceptedDescriptorBeyondTheSelectLimitIsRefused) {
     // goes the same way, and a later one is served.
     bool served = false;
     for (int attempt = 0; attempt < 3 && !served; ++attempt)
-        served = RoundTrip(AF_INET, server.Address(), "after");
+        served = RoundTrip(AF_INET, server.Address(), "after\n");
     EXPECT_TRUE(served);
     EXPECT_EQ(m_trace.Count(LISTEN, "Listener : Connection started"), 1);
     // Refusals cost no worker: the one that served and the one secured for the next.

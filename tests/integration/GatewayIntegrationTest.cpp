@@ -1,0 +1,783 @@
+// SPDX-License-Identifier: Apache-2.0
+// Through the gateway and around it: real clients, the agent's listener, the test gateway and
+// origin servers on test hosts, each in network namespaces of the test's own.
+//
+// Peers, per test:
+//   agent namespace (the test's main thread, unshared): lo with the listener on 127.0.0.1:5002,
+//     a forwarder that puts the session record in front of a client's bytes, curl; routes
+//     198.18.1.0/24 to the gateway and 198.18.2.0/24 to the origin, forwards between them, and
+//     has 198.18.3.0/24 unreachable. Its own /etc/hosts (mount namespace): gateway.swg.test
+//     198.18.1.2, gateway-down.swg.test 198.18.3.9, origin.swg.test 198.18.2.2; no DNS.
+//   gateway namespace: swg-test-gateway on 198.18.1.2 and 198.18.1.3, ports 443 and 80.
+//   origin namespace: openssl s_server -WWW on 198.18.2.2:443, a small HTTP server on :80.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "core/SWGAgent.h"
+#include "foundation/MsgCatalog.h"
+#include "proxy/ListenThread.h"
+#include "support/GatewayProcess.h"
+#include "support/MoFile.h"
+#include "support/SocketPeers.h"
+#include "support/TestServers.h"
+#include "unit/foundation/ThreadTestSupport.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using swg_test::UniqueFd;
+
+constexpr const char* kGateway = "198.18.1.2";
+constexpr const char* kOrigin = "198.18.2.2";
+constexpr const char* kUnreachable = "198.18.3.9";
+
+const std::string kGatewayBinary =
+    std::string(SWG_BINARY_DIR) + "/tools/test-gateway/swg-test-gateway";
+const std::string kPrivateKey =
+    std::string(SWG_SOURCE_DIR) + "/packaging/sample/licence-test-private.pem";
+const std::string kPublicKey =
+    std::string(SWG_SOURCE_DIR) + "/packaging/sample/licence-test-public.pem";
+const std::string kBuildDataRoot = std::string(SWG_BINARY_DIR) + "/data";
+
+const char kHosts[] =
+    "127.0.0.1 localhost\n"
+    "::1 localhost\n"
+    "198.18.1.2 gateway.swg.test\n"
+    "198.18.3.9 gateway-down.swg.test\n"
+    "198.18.2.2 origin.swg.test\n";
+// Files only: a name that is not in the hosts file fails at once and no query leaves the host.
+const char kNsswitch[] = "hosts: files\n";
+const char kResolvConf[] = "nameserver 127.0.0.1\n";
+
+const std::string kHttpsBody = "<html><body>origin over TLS</body></html>\n";
+const std::string kHttpBody = "plain origin page\n";
+
+int Shell(const std::string& command) {
+    return std::system((command + " >/dev/null 2>&1").c_str());
+}
+
+std::string ReadFile(const std::string& path) { return swg_test::ReadTextFile(path); }
+
+void WriteFile(const std::string& path, const std::string& text) {
+    std::ofstream file(path, std::ios::binary);
+    file << text;
+}
+
+std::string IpProgram() {
+    return ::access("/usr/sbin/ip", X_OK) == 0 ? "/usr/sbin/ip" : "/sbin/ip";
+}
+
+// A child process with its output in a file; killed and reaped on destruction.
+class ChildProcess {
+public:
+    ~ChildProcess() { Stop(); }
+
+    // Starts `argv` in `folder`; true once `readyText` shows in its output within 10 s.
+    bool Start(const std::vector<std::string>& argv, const std::string& folder,
+               const std::string& outputPath, const std::string& readyText) {
+        std::vector<char*> args;
+        for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+        args.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addchdir_np(&actions, folder.c_str());
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, outputPath.c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        const int spawned = posix_spawn(&m_pid, args[0], &actions, nullptr, args.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (spawned != 0) {
+            m_pid = -1;
+            return false;
+        }
+        return swg_test::WaitForLines(outputPath, readyText, 1, 10s);
+    }
+    void Stop() {
+        if (m_pid <= 0) return;
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+
+private:
+    pid_t m_pid = -1;
+};
+
+// Runs `body` on a thread that has entered the network namespace /run/netns/`name`; sockets it
+// creates belong there.
+bool InNamespace(const std::string& name, const std::function<void()>& body) {
+    bool entered = false;
+    std::thread helper([&] {
+        const int fd = ::open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return;
+        entered = ::setns(fd, CLONE_NEWNET) == 0;
+        ::close(fd);
+        if (entered) body();
+    });
+    helper.join();
+    return entered;
+}
+
+// Moves bytes both ways between two sockets until both directions have ended, passing each end
+// of stream on as a half close. Bounded by `limit`.
+void Splice(int a, int b, std::chrono::seconds limit) {
+    const auto giveUp = Clock::now() + limit;
+    bool open[2] = {true, true};  // a->b, b->a
+    char buffer[16384];
+    while ((open[0] || open[1]) && Clock::now() < giveUp) {
+        pollfd wait[2] = {{a, static_cast<short>(open[0] ? POLLIN : 0), 0},
+                          {b, static_cast<short>(open[1] ? POLLIN : 0), 0}};
+        if (::poll(wait, 2, 200) <= 0) continue;
+        for (int side = 0; side < 2; ++side) {
+            if (!open[side] || (wait[side].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
+            const int from = side == 0 ? a : b;
+            const int to = side == 0 ? b : a;
+            const ssize_t count = ::recv(from, buffer, sizeof(buffer), 0);
+            if (count <= 0 || !swg_test::WriteAll(
+                                  to, std::string(buffer, static_cast<std::size_t>(count)), 10s)) {
+                open[side] = false;
+                ::shutdown(to, SHUT_WR);
+            }
+        }
+    }
+}
+
+// The client wrapper: a local port that curl connects to; each connection is carried to the
+// agent's listener behind an 800-byte record naming `destination`.
+class RecordForwarder {
+public:
+    explicit RecordForwarder(const sockaddr_storage& destination)
+        : m_record(swg_test::SessionRecordFor(destination)),
+          m_server(swg_test::Endpoint("127.0.0.1", 0), [this](int fd) { Carry(fd); }) {}
+
+    std::uint16_t Port() const { return swg_test::EndpointPort(m_server.Address()); }
+
+private:
+    void Carry(int client) {
+        UniqueFd agent = swg_test::ConnectTo(swg_test::Endpoint("127.0.0.1", 5002));
+        if (agent.Get() == -1 || !swg_test::WriteAll(agent.Get(), m_record, 5s)) return;
+        Splice(client, agent.Get(), 60s);
+    }
+
+    std::string m_record;
+    swg_test::TestServer m_server;
+};
+
+// The origin's plain HTTP server: answers every request with kHttpBody and closes, and keeps
+// the header blocks it was sent.
+class HttpOrigin {
+public:
+    void Start() {
+        m_server = std::make_unique<swg_test::TestServer>(swg_test::Endpoint(kOrigin, 80),
+                                                          [this](int fd) { Serve(fd); });
+    }
+    bool Ok() const { return m_server && m_server->Ok(); }
+    int Accepted() const { return m_server ? m_server->Accepted() : 0; }
+    std::vector<std::string> Requests() {
+        std::lock_guard<std::mutex> hold(m_lock);
+        return m_requests;
+    }
+    void Stop() { m_server.reset(); }
+
+private:
+    void Serve(int fd) {
+        std::string request;
+        char buffer[4096];
+        const auto giveUp = Clock::now() + 5s;
+        while (request.find("\r\n\r\n") == std::string::npos && Clock::now() < giveUp) {
+            if (!swg_test::WaitReadable(fd, 1s)) continue;
+            const ssize_t count = ::recv(fd, buffer, sizeof(buffer), 0);
+            if (count <= 0) break;
+            request.append(buffer, static_cast<std::size_t>(count));
+        }
+        {
+            std::lock_guard<std::mutex> hold(m_lock);
+            m_requests.push_back(request);
+        }
+        (void)swg_test::WriteAll(fd,
+                                 "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " +
+                                     std::to_string(kHttpBody.size()) +
+                                     "\r\nConnection: close\r\n\r\n" + kHttpBody,
+                                 5s);
+    }
+
+    std::unique_ptr<swg_test::TestServer> m_server;
+    std::mutex m_lock;
+    std::vector<std::string> m_requests;
+};
+
+struct CurlResult {
+    int exit = -1;
+    std::string out;  // what curl wrote: with -i the status line and headers too
+    std::string err;
+    Clock::duration took{};
+};
+
+enum class Policy { FailOpen, FailClose, Portal };
+
+std::string PolicyName(Policy policy) {
+    switch (policy) {
+        case Policy::FailOpen:
+            return "FailOpen";
+        case Policy::FailClose:
+            return "FailClose";
+        case Policy::Portal:
+            return "CaptivePortal";
+    }
+    return "?";
+}
+
+class GatewayIntegrationTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0)
+            GTEST_SKIP() << "needs root: the agent, gateway and origin run in network namespaces";
+        if (::unshare(CLONE_NEWNS | CLONE_NEWNET) != 0)
+            GTEST_SKIP() << "unshare(CLONE_NEWNS|CLONE_NEWNET) failed: " << std::strerror(errno);
+        // Without this the bind mounts below would reach the host's /etc.
+        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        WriteFile(Path("hosts"), kHosts);
+        WriteFile(Path("nsswitch.conf"), kNsswitch);
+        WriteFile(Path("resolv.conf"), kResolvConf);
+        for (const char* name : {"hosts", "nsswitch.conf", "resolv.conf"}) {
+            const std::string target = std::string("/etc/") + name;
+            ASSERT_EQ(::mount(Path(name).c_str(), target.c_str(), nullptr, MS_BIND, nullptr), 0)
+                << target << ": " << std::strerror(errno);
+            m_bound = true;
+        }
+        static int s_serial = 0;
+        const std::string suffix = std::to_string(::getpid()) + "x" + std::to_string(++s_serial);
+        m_gatewayNs = "swggw" + suffix;
+        m_originNs = "swgor" + suffix;
+        ASSERT_NO_FATAL_FAILURE(BuildNetwork());
+
+        m_savedOrgInfo = g_pSWGAgent->GetOrgInfo();
+        g_pSWGAgent->SetCaptivePortalMode(false);
+        g_pSWGAgent->SetCaptivePortalProbe(nullptr);
+        for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG", "SWG_DATA_ROOT"}) {
+            if (const char* value = ::getenv(name)) m_savedEnvironment[name] = value;
+            ::unsetenv(name);
+        }
+        ::setenv("LANG", "C", 1);
+        ::setenv("SWG_DATA_ROOT", m_folder.Path().c_str(), 1);
+        MsgCatalog::Uninitialize();
+        Configure([](CSWGAgent::ORGINFO&) {});
+
+        ASSERT_NO_FATAL_FAILURE(StartOrigin());
+        m_listener = std::make_unique<CDnListenThread>();
+        ASSERT_TRUE(m_listener->Initialize(false));
+        ASSERT_EQ(m_listener->StartThread(), 0);
+        ASSERT_TRUE(swg_test::WaitUntil([&] { return m_listener->IsListening(); }));
+    }
+
+    void TearDown() override {
+        if (m_listener) m_listener->Deinitialize();
+        m_listener.reset();
+        m_gatewayProcess.reset();
+        m_tlsOrigin.Stop();
+        m_httpOrigin.Stop();
+        if (!m_gatewayNs.empty()) {
+            g_pSWGAgent->SetOrgInfo(m_savedOrgInfo);
+            g_pSWGAgent->SetCaptivePortalMode(false);
+            g_pSWGAgent->SetCaptivePortalProbe(nullptr);
+            for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG", "SWG_DATA_ROOT"})
+                ::unsetenv(name);
+            for (const auto& entry : m_savedEnvironment)
+                ::setenv(entry.first.c_str(), entry.second.c_str(), 1);
+            MsgCatalog::Uninitialize();
+            Shell("ip netns del " + m_gatewayNs);
+            Shell("ip netns del " + m_originNs);
+        }
+        // The files behind the binds go with the temporary folder; a later test binds anew.
+        for (const char* target : {"/etc/hosts", "/etc/nsswitch.conf", "/etc/resolv.conf"}) {
+            if (m_bound) ::umount2(target, MNT_DETACH);
+        }
+        m_bound = false;
+    }
+
+    std::string Path(const std::string& name) const { return m_folder.Path() + "/" + name; }
+
+    void BuildNetwork() {
+        const std::string gw = "ip -n " + m_gatewayNs + " ";
+        const std::string origin = "ip -n " + m_originNs + " ";
+        const std::vector<std::string> commands = {
+            "ip link set lo up",
+            "ip netns add " + m_gatewayNs,
+            "ip netns add " + m_originNs,
+            "ip link add swga0 type veth peer name swgb0 netns " + m_gatewayNs,
+            "ip link add swga1 type veth peer name swgb1 netns " + m_originNs,
+            "ip addr add 198.18.1.1/24 dev swga0",
+            "ip link set swga0 up",
+            "ip addr add 198.18.2.1/24 dev swga1",
+            "ip link set swga1 up",
+            gw + "link set lo up",
+            gw + "addr add 198.18.1.2/24 dev swgb0",
+            gw + "addr add 198.18.1.3/24 dev swgb0",
+            gw + "link set swgb0 up",
+            gw + "route add default via 198.18.1.1",
+            origin + "link set lo up",
+            origin + "addr add 198.18.2.2/24 dev swgb1",
+            origin + "link set swgb1 up",
+            origin + "route add default via 198.18.2.1",
+            "sysctl -qw net.ipv4.ip_forward=1",
+            "ip route add unreachable 198.18.3.0/24",
+        };
+        for (const std::string& command : commands) ASSERT_EQ(Shell(command), 0) << command;
+    }
+
+    void StartOrigin() {
+        WriteFile(Path("index.html"), kHttpsBody);
+        ASSERT_EQ(Shell("cd " + m_folder.Path() +
+                        " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
+                        "-nodes -keyout origin-key.pem -out origin-cert.pem -days 2 "
+                        "-subj /CN=origin.swg.test -addext subjectAltName=DNS:origin.swg.test"),
+                  0);
+        ASSERT_TRUE(m_tlsOrigin.Start(
+            {IpProgram(), "netns", "exec", m_originNs, "openssl", "s_server", "-accept", "443",
+             "-WWW", "-cert", "origin-cert.pem", "-key", "origin-key.pem"},
+            m_folder.Path(), Path("s_server.out"), "ACCEPT"))
+            << ReadFile(Path("s_server.out"));
+        ASSERT_TRUE(InNamespace(m_originNs, [&] { m_httpOrigin.Start(); }));
+        ASSERT_TRUE(m_httpOrigin.Ok());
+    }
+
+    // Starts the gateway with `faults` for every request.
+    void StartGateway(const std::vector<std::string>& faults = {}) {
+        std::vector<std::string> args = {"netns",    "exec",        m_gatewayNs, kGatewayBinary,
+                                         "--listen", "0.0.0.0:443", "--listen",  "0.0.0.0:80",
+                                         "--key",    kPrivateKey,   "--log",     GatewayLog()};
+        for (const std::string& fault : faults) {
+            args.push_back("--fault");
+            args.push_back(fault);
+        }
+        m_gatewayProcess = std::make_unique<swg_test::CGatewayProcess>();
+        std::string error;
+        ASSERT_TRUE(m_gatewayProcess->Start(IpProgram(), args, Path("gateway.out"), 10s, error))
+            << error;
+    }
+    std::string GatewayLog() const { return Path("gateway.log"); }
+    int GatewayLines(const std::string& text) {
+        return swg_test::CountLinesWith(GatewayLog(), text);
+    }
+
+    // The configuration: the sample organisation's identity and key, the gateway by name.
+    void Configure(const std::function<void(CSWGAgent::ORGINFO&)>& edit) {
+        CSWGAgent::ORGINFO info;
+        info.strOrgId = "org-4711";
+        info.strDeviceId = "device-9f1c";
+        info.strPstrUserId = "Hjane.doe@corp.test";
+        info.strOverlayUser = "Hoverlay-user";
+        info.strHostname = "unused.swg.test";
+        info.strpKeyPem = ReadFile(kPublicKey);
+        info.strpKeyId = "sample-key-1";
+        info.strSWGDomain = "gateway.swg.test";
+        info.bFailOpen = false;
+        edit(info);
+        g_pSWGAgent->SetOrgInfo(info);
+    }
+
+    void ApplyPolicy(Policy policy) {
+        Configure(
+            [policy](CSWGAgent::ORGINFO& info) { info.bFailOpen = policy == Policy::FailOpen; });
+        g_pSWGAgent->SetCaptivePortalProbe([policy](long) { return policy == Policy::Portal; });
+    }
+    // The gateway name of the configuration is `domain`; everything else as Configure sets it.
+    void UseGatewayName(const std::string& domain, Policy policy) {
+        Configure([&](CSWGAgent::ORGINFO& info) {
+            info.strSWGDomain = domain;
+            info.bFailOpen = policy == Policy::FailOpen;
+        });
+    }
+
+    CurlResult Curl(const std::string& url, std::uint16_t originPort, bool headers) {
+        RecordForwarder forwarder(swg_test::Endpoint(kOrigin, originPort));
+        const std::string scheme = originPort == 443 ? "https" : "http";
+        const std::string command =
+            "curl -sS --noproxy '*' --max-time 30 " + std::string(headers ? "-i " : "") +
+            "--cacert " + Path("origin-cert.pem") +
+            " --connect-to origin.swg.test:" + std::to_string(originPort) +
+            ":127.0.0.1:" + std::to_string(forwarder.Port()) + " " + scheme + "://origin.swg.test" +
+            url + " -o " + Path("curl.out") + " 2>" + Path("curl.err");
+        ::unlink(Path("curl.out").c_str());
+        CurlResult result;
+        const auto started = Clock::now();
+        const int status = std::system(command.c_str());
+        result.took = Clock::now() - started;
+        result.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        result.out = ReadFile(Path("curl.out"));
+        result.err = ReadFile(Path("curl.err"));
+        return result;
+    }
+    CurlResult Https() { return Curl("/index.html", 443, false); }
+    CurlResult Http() { return Curl("/page.html", 80, true); }
+
+    // A raw client of the listener: the record naming `destination`, then `payload`.
+    UniqueFd RawClient(const sockaddr_storage& destination, const std::string& payload) {
+        UniqueFd client = swg_test::ConnectTo(swg_test::Endpoint("127.0.0.1", 5002));
+        EXPECT_NE(client.Get(), -1);
+        EXPECT_TRUE(swg_test::WriteAll(client.Get(),
+                                       swg_test::SessionRecordFor(destination) + payload, 5s));
+        return client;
+    }
+
+    static std::string HttpBodyOf(const std::string& response) {
+        const std::size_t end = response.find("\r\n\r\n");
+        return end == std::string::npos ? std::string() : response.substr(end + 4);
+    }
+
+    swg_test::TempFolder m_folder;
+    swg_test::RecordingTrace m_trace;
+    bool m_bound = false;
+    std::string m_gatewayNs;
+    std::string m_originNs;
+    CSWGAgent::ORGINFO m_savedOrgInfo;
+    std::map<std::string, std::string> m_savedEnvironment;
+    ChildProcess m_tlsOrigin;
+    HttpOrigin m_httpOrigin;
+    std::unique_ptr<swg_test::CGatewayProcess> m_gatewayProcess;
+    std::unique_ptr<CDnListenThread> m_listener;
+};
+
+const char kLicenceOk[] =
+    "licence ok org=org-4711 device=device-9f1c user=Hjane.doe@corp.test "
+    "overlay=Hoverlay-user key-id=sample-key-1";
+
+// ---- through the gateway --------------------------------------------------------------------
+
+// A TLS client's bytes go through a CONNECT tunnel to the origin and back unchanged, and the
+// CONNECT carries the licence that the gateway opens to the configured identity.
+TEST_F(GatewayIntegrationTest, HttpsThroughTheGatewayDeliversTheOriginsContent) {
+    StartGateway();
+    const CurlResult result = Https();
+    EXPECT_EQ(result.exit, 0) << result.err;
+    EXPECT_EQ(result.out, kHttpsBody);
+    EXPECT_TRUE(swg_test::WaitForLines(GatewayLog(), "result tunnel", 1, 5s));
+    EXPECT_EQ(GatewayLines("CONNECT 198.18.2.2:443"), 1);
+    EXPECT_EQ(GatewayLines("result tunnel no-via"), 0);
+    EXPECT_EQ(GatewayLines(kLicenceOk), 1) << ReadFile(GatewayLog());
+    EXPECT_EQ(m_trace.Count(THREAD, "Connection : Success in converting domain name to IP"), 1);
+}
+
+// An HTTP client's header block goes to the gateway's port 80 with the licence added; the
+// gateway forwards it, without the licence, to the origin named in Host.
+TEST_F(GatewayIntegrationTest, HttpThroughTheGatewayDeliversTheOriginsContent) {
+    StartGateway();
+    const CurlResult result = Http();
+    EXPECT_EQ(result.exit, 0) << result.err;
+    EXPECT_EQ(HttpBodyOf(result.out), kHttpBody);
+    EXPECT_TRUE(swg_test::WaitForLines(GatewayLog(), "result forward", 1, 5s));
+    EXPECT_EQ(GatewayLines("HTTP GET origin.swg.test/page.html"), 1);
+    EXPECT_EQ(GatewayLines(kLicenceOk), 1) << ReadFile(GatewayLog());
+    const std::vector<std::string> requests = m_httpOrigin.Requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].rfind("GET /page.html HTTP/1.1\r\n", 0), 0u) << requests[0];
+    EXPECT_EQ(requests[0].find("X-SWG-Licence"), std::string::npos);
+}
+
+// ---- the failure table ----------------------------------------------------------------------
+
+class FailureRowTest : public GatewayIntegrationTest, public ::testing::WithParamInterface<Policy> {
+protected:
+    void SetUp() override {
+        GatewayIntegrationTest::SetUp();
+        if (!IsSkipped() && !HasFatalFailure()) ApplyPolicy(GetParam());
+    }
+    bool Bypasses() const { return GetParam() != Policy::FailClose; }
+};
+
+// How many times a failed gateway step at `stage` was turned to bypass by `policy`.
+int TurnedToBypass(swg_test::RecordingTrace& trace, Policy policy, const std::string& stage) {
+    const std::string why =
+        policy == Policy::Portal ? "Since CP detected . " : "Since fail open policy set. ";
+    return trace.CountPrefix(
+        WARN, why + "TCP handshake to SWG Proxy URL was successful [Failure: " + stage +
+                  "], try connection in bypass mode");
+}
+
+// Connecting to the gateway fails twice: fail open and a portal retry in bypass, fail close
+// answers with the refusal page.
+TEST_P(FailureRowTest, GatewayConnectFailsTwice) {
+    StartGateway();
+    UseGatewayName(kUnreachable, GetParam());
+    const CurlResult result = Http();
+    EXPECT_GE(result.took, 1s);  // the pause between the two attempts
+    EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Failed to connect externally. Code : "), 2);
+    if (Bypasses()) {
+        EXPECT_EQ(result.exit, 0) << result.err;
+        EXPECT_EQ(HttpBodyOf(result.out), kHttpBody);
+        EXPECT_EQ(m_httpOrigin.Accepted(), 1);
+        EXPECT_EQ(m_trace.Count(TRACE, "Connection : Retrying in bypass mode. CMode : 2 TMode : 0"),
+                  1);
+    } else {
+        EXPECT_EQ(result.out.rfind("HTTP/1.1 499 Fail close\r\nContent-Length: 317\r\n", 0), 0u)
+            << result.out;
+        EXPECT_NE(result.out.find("Could not establish a connection. Fail close policy set."),
+                  std::string::npos);
+        EXPECT_EQ(m_httpOrigin.Accepted(), 0);
+    }
+    EXPECT_EQ(g_pSWGAgent->IsCaptivePortalMode(), GetParam() == Policy::Portal);
+    EXPECT_EQ(GatewayLines("HTTP "), 0);
+}
+
+// A bypassed connection whose destination cannot be reached just closes, whatever the policy:
+// no page, nothing from the gateway.
+TEST_P(FailureRowTest, OriginalDestinationConnectFailsTwice) {
+    StartGateway();
+    // Neither HTTP nor TLS: the connection is not for the gateway.
+    UniqueFd client = RawClient(swg_test::Endpoint(kUnreachable, 80), "hello, not http\r\n");
+    const auto started = Clock::now();
+    std::string received;
+    EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 10s));
+    EXPECT_GE(Clock::now() - started, 900ms);
+    EXPECT_EQ(received, "");
+    EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Failed to connect externally. Code : "), 2);
+    EXPECT_EQ(GatewayLines("CONNECT"), 0);
+    EXPECT_EQ(GatewayLines("HTTP "), 0);
+}
+
+// Fail open with neither the gateway nor the destination in reach: the one bypass retry fails
+// too, and the client sees only the close, no page.
+TEST_F(GatewayIntegrationTest, FailOpenRetryThatFailsTooJustCloses) {
+    StartGateway();
+    UseGatewayName(kUnreachable, Policy::FailOpen);
+    UniqueFd client = RawClient(swg_test::Endpoint(kUnreachable, 80),
+                                "GET / HTTP/1.1\r\nHost: gateway-down.swg.test\r\n\r\n");
+    std::string received;
+    EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 10s));
+    EXPECT_EQ(received, "");
+    EXPECT_EQ(m_trace.Count(TRACE, "Connection : Retrying in bypass mode. CMode : 2 TMode : 0"), 1);
+    EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Retry failed. Code : "), 1);
+}
+
+// The header block cannot be written to the destination either (it resets): the one bypass
+// retry is all there is, and the client is closed, not left to a loop of connects.
+TEST_P(FailureRowTest, HttpHeaderBlockCannotBeWrittenToTheDestinationEither) {
+    StartGateway({"refuse"});
+    const auto started = Clock::now();
+    // Nothing listens on the origin's port 81.
+    UniqueFd client = RawClient(swg_test::Endpoint(kOrigin, 81),
+                                "GET / HTTP/1.1\r\nHost: origin.swg.test:81\r\n\r\n");
+    ASSERT_TRUE(swg_test::WaitReadable(client.Get(), 5s));
+    char byte = 0;
+    EXPECT_EQ(::recv(client.Get(), &byte, 1, 0), 0);
+    EXPECT_LT(Clock::now() - started, 3s);
+    // Once to the gateway, once to the destination under fail open or a portal.
+    EXPECT_EQ(m_trace.CountPrefix(BRIDGE, "Connection : Connecting to "), Bypasses() ? 2 : 1);
+}
+
+// The gateway resets the connection (it does not listen): the connect counts as made, and the
+// CONNECT is what fails. Fail open and a portal go straight to the origin, fail close closes.
+TEST_P(FailureRowTest, ConnectCannotBeWritten) {
+    StartGateway({"refuse"});
+    const CurlResult result = Https();
+    EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Failed to connect externally"), 0);
+    EXPECT_EQ(TurnedToBypass(m_trace, GetParam(), "Writing HTTPs Headers"), Bypasses() ? 1 : 0);
+    if (Bypasses()) {
+        EXPECT_EQ(result.exit, 0) << result.err;
+        EXPECT_EQ(result.out, kHttpsBody);
+    } else {
+        EXPECT_NE(result.exit, 0);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(
+            m_trace.CountPrefix(ERR, "Connection : Failed to connect to tower 198.18.1.2:443"), 1);
+    }
+}
+
+// The header block of an HTTP client cannot be written to a gateway that resets.
+TEST_P(FailureRowTest, HttpHeaderBlockCannotBeWritten) {
+    StartGateway({"refuse"});
+    const CurlResult result = Http();
+    EXPECT_EQ(TurnedToBypass(m_trace, GetParam(), "Writing HTTP Headers"), Bypasses() ? 1 : 0);
+    if (Bypasses()) {
+        EXPECT_EQ(result.exit, 0) << result.err;
+        EXPECT_EQ(HttpBodyOf(result.out), kHttpBody);
+        EXPECT_EQ(m_httpOrigin.Accepted(), 1);
+    } else {
+        EXPECT_NE(result.exit, 0);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Failed to write back headers. Code : "),
+                  1);
+        EXPECT_EQ(m_httpOrigin.Accepted(), 0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Policies, FailureRowTest,
+                         ::testing::Values(Policy::FailOpen, Policy::FailClose, Policy::Portal),
+                         [](const ::testing::TestParamInfo<Policy>& param) {
+                             return PolicyName(param.param);
+                         });
+
+// The gateway's answer to CONNECT fails the check (no Via, a close, bytes that are not HTTP):
+// fail open and a portal retry in bypass, fail close closes.
+class ResponseRowTest : public GatewayIntegrationTest,
+                        public ::testing::WithParamInterface<std::tuple<Policy, const char*>> {};
+
+TEST_P(ResponseRowTest, InvalidAnswerToConnect) {
+    const Policy policy = std::get<0>(GetParam());
+    ApplyPolicy(policy);
+    StartGateway({std::get<1>(GetParam())});
+    const CurlResult result = Https();
+    EXPECT_TRUE(swg_test::WaitForLines(GatewayLog(), "CONNECT 198.18.2.2:443", 1, 5s));
+    EXPECT_EQ(TurnedToBypass(m_trace, policy, "Reading HTTPs Headers"),
+              policy != Policy::FailClose ? 1 : 0);
+    if (policy != Policy::FailClose) {
+        EXPECT_EQ(result.exit, 0) << result.err;
+        EXPECT_EQ(result.out, kHttpsBody);
+    } else {
+        EXPECT_NE(result.exit, 0);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(m_trace.CountPrefix(
+                      ERR, "Connection : Failed to process response from tower 198.18.1.2:443."),
+                  1);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, ResponseRowTest,
+    ::testing::Combine(::testing::Values(Policy::FailOpen, Policy::FailClose, Policy::Portal),
+                       ::testing::Values("no-via", "close-after-connect", "garbage")),
+    [](const ::testing::TestParamInfo<std::tuple<Policy, const char*>>& param) {
+        std::string fault = std::get<1>(param.param);
+        for (char& c : fault) {
+            if (c == '-') c = '_';
+        }
+        return PolicyName(std::get<0>(param.param)) + "_" + fault;
+    });
+
+// ---- the gateway's own pages ----------------------------------------------------------------
+
+// A block page answering a CONNECT reaches the client byte for byte, and the connection closes.
+TEST_F(GatewayIntegrationTest, BlockPageAnsweringConnectReachesTheClient) {
+    StartGateway({"status=403"});
+    UniqueFd client = RawClient(swg_test::Endpoint(kOrigin, 443), "");
+    std::string page;
+    char buffer[4096];
+    while (swg_test::WaitReadable(client.Get(), 10s)) {
+        const ssize_t count = ::recv(client.Get(), buffer, sizeof(buffer), 0);
+        if (count <= 0) break;
+        page.append(buffer, static_cast<std::size_t>(count));
+    }
+    EXPECT_EQ(page.rfind("HTTP/1.1 403 ", 0), 0u) << page;
+    EXPECT_NE(page.find("\r\nVia: 1.1 s_proxy_"), std::string::npos);
+    const std::size_t lengthAt = page.find("Content-Length: ");
+    ASSERT_NE(lengthAt, std::string::npos);
+    EXPECT_EQ(HttpBodyOf(page).size(),
+              static_cast<std::size_t>(std::atoi(page.c_str() + lengthAt + 16)));
+    EXPECT_EQ(m_trace.Count(TRACE, "Connection : Proxy response status code 403"), 1);
+}
+
+// A block page answering an HTTP request is the response the client gets.
+TEST_F(GatewayIntegrationTest, BlockPageAnsweringHttpReachesTheClient) {
+    StartGateway({"status=403"});
+    const CurlResult result = Http();
+    EXPECT_EQ(result.exit, 0) << result.err;
+    EXPECT_EQ(result.out.rfind("HTTP/1.1 403 ", 0), 0u) << result.out;
+    EXPECT_EQ(m_httpOrigin.Accepted(), 0);
+}
+
+// ---- anycast --------------------------------------------------------------------------------
+
+// A name that does not resolve sends the agent to the anycast list; a front that cannot be
+// reached goes to the back, and the retry uses the next address.
+TEST_F(GatewayIntegrationTest, AnycastListTurnsAfterAFailedConnectWhenTheNameDidNotResolve) {
+    StartGateway();
+    Configure([](CSWGAgent::ORGINFO& info) {
+        info.strSWGDomain = "nothere.swg.test";
+        info.qstrSWGAnycastListV4 = {kUnreachable, kGateway};
+    });
+    const CurlResult result = Https();
+    EXPECT_EQ(result.exit, 0) << result.err;
+    EXPECT_EQ(result.out, kHttpsBody);
+    EXPECT_EQ(g_pSWGAgent->GetOrgInfo().qstrSWGAnycastListV4,
+              (std::deque<std::string>{kGateway, kUnreachable}));
+    EXPECT_EQ(m_trace.Count(TRACE,
+                            "Connection : Marking Anycast IP 198.18.3.9 as bad due to connection "
+                            "failure."),
+              1);
+    EXPECT_EQ(m_trace.Count(TRACE, "Connection : Using new Anycast IP 198.18.1.2 instead"), 1);
+    EXPECT_EQ(m_trace.Count(BRIDGE, "Connection : IP not found for host (nothere.swg.test)"), 2);
+}
+
+// While the name resolves, its failures leave the anycast list alone.
+TEST_F(GatewayIntegrationTest, AnycastListStaysWhenTheNameResolves) {
+    StartGateway();
+    Configure([](CSWGAgent::ORGINFO& info) {
+        info.strSWGDomain = "gateway-down.swg.test";
+        info.qstrSWGAnycastListV4 = {"198.18.1.3", kGateway};
+    });
+    const CurlResult result = Http();
+    EXPECT_EQ(result.out.rfind("HTTP/1.1 499 Fail close\r\n", 0), 0u) << result.out;
+    EXPECT_EQ(g_pSWGAgent->GetOrgInfo().qstrSWGAnycastListV4,
+              (std::deque<std::string>{"198.18.1.3", kGateway}));
+    EXPECT_EQ(m_trace.CountPrefix(TRACE, "Connection : Marking Anycast IP"), 0);
+    EXPECT_EQ(m_trace.CountPrefix(TRACE, "Connection : Domain resolution failed."), 0);
+}
+
+// ---- the refusal page -------------------------------------------------------------------------
+
+// Under a German locale the page comes from the shipped catalogue, and its length counts bytes.
+TEST_F(GatewayIntegrationTest, RefusalPageIsTranslatedUnderAGermanLocale) {
+    ::setenv("LANG", "de_DE.UTF-8", 1);
+    ::setenv("SWG_DATA_ROOT", kBuildDataRoot.c_str(), 1);
+    MsgCatalog::Uninitialize();
+    StartGateway();
+    UseGatewayName(kUnreachable, Policy::FailClose);
+    const CurlResult result = Http();
+    const std::string body =
+        "<html lang=\"de-de\"><head><meta http-equiv=\"Content-Type\" content=\"text/html; "
+        "charset=UTF-8\"/></head><body><h3>Trevo Linkmantle</h3><hr /><h1>Verbindungsfehler</h1>"
+        "<p><p>The requested connection cannot be established.</p></p><p><b>Reason: </b>Es "
+        "konnte keine Verbindung hergestellt werden. Richtlinie \xE2\x80\x9E"
+        "Fail close\xE2\x80\x9C aktiv: Ist der Sicherheitsdienst nicht erreichbar, werden "
+        "Verbindungen blockiert.</p></body></html>";
+    EXPECT_EQ(result.out,
+              "HTTP/1.1 499 Fail close\r\nContent-Length: 416\r\nConnection: "
+              "Keep-Alive\r\nContent-Type: text/html\r\n\r\n" +
+                  body);
+}
+
+// A gateway that drops SYNs: two connects of 4 s each and the 1 s pause between them, then the
+// page; about 9 s, never more than 10.
+TEST_F(GatewayIntegrationTest, GatewayDroppingSynsGivesThePageWithinTenSeconds) {
+    StartGateway();
+    ASSERT_EQ(Shell("nft add table ip swgdrop"), 0);
+    ASSERT_EQ(Shell("nft add chain ip swgdrop out '{ type filter hook output priority 0; }'"), 0);
+    ASSERT_EQ(Shell("nft add rule ip swgdrop out ip daddr 198.18.1.2 tcp flags syn drop"), 0);
+    const CurlResult result = Http();
+    EXPECT_EQ(result.out.rfind("HTTP/1.1 499 Fail close\r\n", 0), 0u) << result.out;
+    EXPECT_GE(result.took, 8500ms);
+    EXPECT_LE(result.took, 10s);
+    EXPECT_EQ(m_trace.Count(ERR, "Connection : Failed to connect to 198.18.1.2:80. Code : 60"), 2);
+}
+
+}  // namespace

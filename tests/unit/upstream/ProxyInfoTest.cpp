@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+// The process-wide proxy record: defaults, first record wins, system-only setters, whole copies.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "upstream/ProxyInfo.h"
+#include "upstream/PublicProxyManager.h"
+
+namespace {
+
+LOCAL_PROXY_INFO Record(const std::string& host, std::uint16_t port, std::uint32_t mode) {
+    LOCAL_PROXY_INFO info;
+    info.proxy_host = host;
+    info.proxy_port = port;
+    info.proxy_mode = mode;
+    info.proxy_type = PROXY_TYPE_OBSERVED;
+    info.proxy_state = PROXY_STATE_IN_USE;
+    return info;
+}
+
+class ProxyInfoTest : public ::testing::Test {
+protected:
+    void SetUp() override { ResetProxyInfo(); }
+    void TearDown() override { ResetProxyInfo(); }
+};
+
+// The reset record is the "no proxy" record that connection threads compare against.
+TEST_F(ProxyInfoTest, ResetGivesTheNoProxyRecord) {
+    SetProxyInfo(Record("198.18.0.5", 3128, ProxyModeSystem));
+    std::string realm = "corp";
+    SetProxyRealm(realm);
+    ResetProxyInfo();
+    const LOCAL_PROXY_INFO info = GetProxyInfo();
+    EXPECT_EQ(info.proxy_mode, ProxyModeObserved);
+    EXPECT_EQ(info.proxy_host, "0.0.0.0");
+    EXPECT_EQ(info.proxy_realm, "");
+    EXPECT_EQ(info.proxy_port, 0);
+    EXPECT_EQ(info.proxy_type, PROXY_TYPE_UNSET);
+    EXPECT_EQ(info.proxy_state, PROXY_STATE_UNSET);
+}
+
+// The first record of a host and port stays: a later one for the same proxy, of another mode
+// or type, changes nothing, while another port replaces it whole.
+TEST_F(ProxyInfoTest, SameHostAndPortKeepTheFirstRecord) {
+    SetProxyInfo(Record("198.18.0.5", 3128, ProxyModeSystem));
+    LOCAL_PROXY_INFO observed = Record("198.18.0.5", 3128, ProxyModeObserved);
+    observed.proxy_type = PROXY_TYPE_STORED_PLAIN;
+    SetProxyInfo(observed);
+    EXPECT_EQ(GetProxyInfo().proxy_mode, ProxyModeSystem);
+    EXPECT_EQ(GetProxyType(), PROXY_TYPE_OBSERVED);
+
+    observed.proxy_port = 8080;
+    SetProxyInfo(observed);
+    EXPECT_EQ(GetProxyInfo().proxy_mode, ProxyModeObserved);
+    EXPECT_EQ(GetProxyInfo().proxy_port, 8080);
+    EXPECT_EQ(GetProxyType(), PROXY_TYPE_STORED_PLAIN);
+}
+
+// The single-field setters belong to the system proxy's credentials flow: they leave a proxy
+// seen in traffic alone.
+TEST_F(ProxyInfoTest, FieldSettersChangeOnlyASystemRecord) {
+    std::string realm = "corp";
+    SetProxyInfo(Record("198.18.0.5", 3128, ProxyModeObserved));
+    SetProxyType(PROXY_TYPE_STORED_QUALIFIED);
+    SetProxyState(PROXY_STATE_CREDENTIALS);
+    SetProxyRealm(realm);
+    EXPECT_EQ(GetProxyType(), PROXY_TYPE_OBSERVED);
+    EXPECT_EQ(GetProxyState(), PROXY_STATE_IN_USE);
+    EXPECT_EQ(GetProxyRealm(), "");
+
+    SetProxyInfo(Record("198.18.0.6", 3128, ProxyModeSystem));
+    SetProxyType(PROXY_TYPE_STORED_QUALIFIED);
+    SetProxyState(PROXY_STATE_CREDENTIALS);
+    SetProxyRealm(realm);
+    EXPECT_EQ(GetProxyType(), PROXY_TYPE_STORED_QUALIFIED);
+    EXPECT_EQ(GetProxyState(), PROXY_STATE_CREDENTIALS);
+    EXPECT_EQ(GetProxyRealm(), "corp");
+}
+
+// Connection threads write and read the record at once: every copy must be one whole record,
+// never the host of one and the port of another.
+TEST_F(ProxyInfoTest, ConcurrentWritersAndReadersSeeWholeRecords) {
+    std::atomic<bool> torn{false};
+    std::vector<std::thread> threads;
+    for (int writer = 0; writer < 2; ++writer) {
+        threads.emplace_back([writer] {
+            for (int i = 0; i < 2000; ++i) {
+                const std::uint16_t port = static_cast<std::uint16_t>(1000 + (i % 50));
+                // The host names the port, so that a copy can be checked on its own.
+                SetProxyInfo(
+                    Record("198.18." + std::to_string(writer) + "." + std::to_string(port % 250),
+                           port, ProxyModeObserved));
+            }
+        });
+    }
+    threads.emplace_back([&torn] {
+        for (int i = 0; i < 4000; ++i) {
+            const LOCAL_PROXY_INFO info = GetProxyInfo();
+            if (info.proxy_port == 0) continue;
+            const std::string suffix = "." + std::to_string(info.proxy_port % 250);
+            if (info.proxy_host.size() < suffix.size() ||
+                info.proxy_host.compare(info.proxy_host.size() - suffix.size(), suffix.size(),
+                                        suffix) != 0)
+                torn = true;
+        }
+    });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_FALSE(torn);
+}
+
+// A stand-in with the manager's acquire and release, counting what the guard gives back.
+struct CountedInstance {
+    static int s_released;
+    static void ReleaseSingletonInstance(CountedInstance* /*instance*/) { ++s_released; }
+};
+int CountedInstance::s_released = 0;
+
+// The guard releases what it holds exactly once, and nothing when the acquisition failed.
+TEST(SmartPtrInstanceTest, ReleasesAnAcquiredInstanceOnceAndNullNever) {
+    CountedInstance instance;
+    CountedInstance::s_released = 0;
+    {
+        CSmartPtrInstance<CountedInstance> held(&instance);
+        EXPECT_TRUE(static_cast<bool>(held));
+        EXPECT_EQ(held.get(), &instance);
+    }
+    EXPECT_EQ(CountedInstance::s_released, 1);
+    {
+        CSmartPtrInstance<CountedInstance> none(nullptr);
+        EXPECT_FALSE(static_cast<bool>(none));
+    }
+    EXPECT_EQ(CountedInstance::s_released, 1);
+}
+
+}  // namespace
