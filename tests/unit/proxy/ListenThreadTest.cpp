@@ -128,6 +128,13 @@ INSTANTIATE_TEST_SUITE_P(Families, ListenThreadLimitTest, ::testing::Values(AF_I
 // Out of descriptors, the loop must neither spin nor stop the service; it serves the waiting
 // connection once descriptors are free again.
 TEST_P(ListenThreadLimitTest, RunningOutOfDescriptorsPausesAcceptAndRecovers) {
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(undefined_behavior_sanitizer)
+    // The sanitizer runtimes need descriptors of their own for their checks (UBSan's type
+    // check reads the process map) and report false errors when none is left.
+    GTEST_SKIP() << "needs free descriptors that a sanitizer runtime would take";
+#endif
+#endif
     swg_test::TestServer server(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
     m_listener = std::make_unique<CDnListenThread>(0);
     ASSERT_TRUE(m_listener->Initialize(false));
