@@ -2,6 +2,8 @@
 // CDnVSocket: line buffer, waits and address helpers shared by every socket of the connection path.
 #include "proxy/VSocket.h"
 
+#include <algorithm>
+
 #include <arpa/inet.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
@@ -24,6 +26,10 @@ namespace {
 constexpr int kReservedBuffer = 1024;
 constexpr int kReceiveLineChunk = 1024;
 constexpr int kPeekPollMs = 10;
+// A client that streams without a line end is looked at no further than this: the sniffer
+// decides on what it has, and the rest stays in the socket for the relay. Without a bound
+// such a client would be buffered in memory until it paused.
+constexpr int kPeekLineLimit = 65536;
 constexpr char kNewline = '\n';
 
 int InvalidArg() { return static_cast<int>(SWG_E_INVALIDARG); }
@@ -179,6 +185,14 @@ std::string CDnVSocket::PeekLine(int size, int timeoutMs, const std::atomic<bool
         std::string line;
         PeekLineFromBuffer(line, -1);
         if (!line.empty()) return line;
+        const int room = kPeekLineLimit - (m_bufferLength - m_bufferOffset);
+        if (room < 1) {
+            DNTRACE(BRIDGE, "Socket : PeekLine stopped after %d bytes without a line end",
+                    m_bufferLength - m_bufferOffset);
+            std::string buffered;
+            PeekDataFromBuffer(buffered);
+            return buffered;
+        }
 
         long readable = GetReadable();
         while (readable < 1 && timeoutMs >= 1 && !exit.load()) {
@@ -187,7 +201,7 @@ std::string CDnVSocket::PeekLine(int size, int timeoutMs, const std::atomic<bool
             readable = GetReadable();
         }
         if (readable < 1) break;
-        size = static_cast<int>(readable);
+        size = static_cast<int>(std::min<long>(readable, room));
     }
     std::string buffered;
     PeekDataFromBuffer(buffered);

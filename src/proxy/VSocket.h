@@ -110,7 +110,8 @@ public:
     // then whatever FIONREAD reports, polling every 10 ms for up to `timeoutMs` after each
     // read. On timeout returns all that is buffered; on exit, size < 1, a failed or closed
     // read, returns empty. Bytes read stay buffered in every case. Starts by resetting the
-    // buffer: the caller must hold nothing in it.
+    // buffer: the caller must hold nothing in it. Stops without a newline once 64 KB are
+    // buffered, and returns them as on a timeout.
     [[nodiscard]] std::string PeekLine(int size, int timeoutMs, const std::atomic<bool>& exit);
     // Sets `line` to the next line, with its newline, from the buffer or else the descriptor,
     // blocking without limit. A partial line stays buffered. Returns 0, errno on a failed

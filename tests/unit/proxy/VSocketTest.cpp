@@ -101,6 +101,25 @@ TEST_F(VSocketTest, PeekLineTimesOutWithPartialLineBuffered) {
     EXPECT_EQ(Buffered(), "GET /partial");
 }
 
+// A client streaming without a line end must not be buffered without bound; what is not
+// looked at stays in the socket, in order.
+TEST_F(VSocketTest, PeekLineStopsAt64KilobytesWithoutLineEnd) {
+    const std::string stream(200000, 'x');
+    std::thread writer([&] { EXPECT_TRUE(swg_test::WriteAll(m_peer.Get(), stream, 5s)); });
+    const std::string line = m_sock->PeekLine(1024, 2000, m_exit);
+    EXPECT_EQ(line.size(), 65536u);
+    // The peeked bytes come first from the buffer, then the socket's, all of them once.
+    std::string all;
+    char chunk[4096];
+    while (all.size() < stream.size()) {
+        const int received = m_sock->Receive(chunk, sizeof(chunk), 0);
+        if (received < 1) break;
+        all.append(chunk, static_cast<size_t>(received));
+    }
+    writer.join();
+    EXPECT_EQ(all, stream);
+}
+
 // Bad sizes, a closed peer and the exit flag must end PeekLine without consuming the socket.
 TEST_F(VSocketTest, PeekLineGivesNothingForBadSizeClosedPeerOrExit) {
     PeerSends("abc\n");
