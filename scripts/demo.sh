@@ -80,8 +80,9 @@ world_curl http://www.demo.test/direct >/dev/null
 tail -n 1 "$WORLD_WORK/origin-www.log" | sed 's/^/    /'
 
 ok=1
-grep -q "www.demo.test" "$WORLD_WORK/curl-http.out" || { echo "the HTTP page is missing" >&2; ok=0; }
-grep -q "secure.demo.test" "$WORLD_WORK/curl-https.out" || { echo "the HTTPS page is missing" >&2; ok=0; }
+grep -q "You asked for /hello on www.demo.test" "$WORLD_WORK/curl-http.out" || { echo "the HTTP page is missing" >&2; ok=0; }
+grep -q "You asked for /secret on secure.demo.test" "$WORLD_WORK/curl-https.out" || { echo "the HTTPS page is missing" >&2; ok=0; }
+grep -q "result forward" "$WORLD_WORK/gateway.log" || { echo "the gateway did not forward the HTTP request" >&2; ok=0; }
 grep -q "HTTP GET www.demo.test" "$WORLD_WORK/gateway.log" || { echo "the gateway did not see the HTTP request" >&2; ok=0; }
 grep -q "CONNECT 198.18.0.21:443" "$WORLD_WORK/gateway.log" || { echo "the gateway did not see the CONNECT" >&2; ok=0; }
 grep -q "licence ok" "$WORLD_WORK/gateway.log" || { echo "the gateway did not read a licence header" >&2; ok=0; }

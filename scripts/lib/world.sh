@@ -35,9 +35,11 @@ world_create() {
     for a in 198.18.0.10 198.18.0.20 198.18.0.21 198.18.0.30 10.99.0.20; do
         ip -n "$inet" addr add "$a/32" dev lo
     done
-    # ip netns exec mounts these over /etc/hosts and /etc/resolv.conf for the laptop.
-    mkdir -p "/etc/netns/$client"
-    cat >"/etc/netns/$client/hosts" <<HOSTS
+    # ip netns exec mounts these over /etc/hosts and /etc/resolv.conf: the laptop and the
+    # gateway both find the test hosts by name, and no query leaves the host.
+    for ns in "$client" "$inet"; do
+        mkdir -p "/etc/netns/$ns"
+        cat >"/etc/netns/$ns/hosts" <<HOSTS
 127.0.0.1 localhost
 198.18.0.10 gateway.swg.test
 198.18.0.20 www.demo.test
@@ -45,13 +47,14 @@ world_create() {
 198.18.0.30 exempt.demo.test
 10.99.0.20 private.demo.test
 HOSTS
-    echo "nameserver 127.0.0.1" >"/etc/netns/$client/resolv.conf"
+        echo "nameserver 127.0.0.1" >"/etc/netns/$ns/resolv.conf"
+    done
 }
 
 world_destroy_namespaces() {
     ip netns del "$(world_client)" 2>/dev/null || true
     ip netns del "$(world_inet)" 2>/dev/null || true
-    rm -rf "/etc/netns/$(world_client)"
+    rm -rf "/etc/netns/$(world_client)" "/etc/netns/$(world_inet)"
 }
 
 # Stops everything started through world_spawn, then removes the namespaces.
