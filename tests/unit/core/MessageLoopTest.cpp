@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <deque>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -27,7 +28,7 @@ struct Step {
 // timeout, so the test sees exactly when the loop chose to act.
 class ScriptedHost : public IMessageLoopHost {
 public:
-    explicit ScriptedHost(std::vector<Step> steps) : m_steps(steps.begin(), steps.end()) {}
+    explicit ScriptedHost(const std::vector<Step>& steps) : m_steps(steps.begin(), steps.end()) {}
 
     long WaitForEvents(unsigned long timeoutMs) override {
         timeouts.push_back(timeoutMs);
@@ -37,28 +38,20 @@ public:
         }
         const Step step = m_steps.front();
         m_steps.pop_front();
-        switch (step.arrival) {
-            case Arrival::Timeout:
-                if (timeoutMs != WAIT_INFINITE) m_now += milliseconds(timeoutMs);
-                return WAIT_TIMEOUT_CODE;
-            case Arrival::Message:
-                m_now += milliseconds(step.afterMs);
-                return 0;
-            case Arrival::Quit:
-                m_now += milliseconds(step.afterMs);
-                m_pendingQuit = true;
-                return 0;
-            case Arrival::AddrChange:
-                m_now += milliseconds(step.afterMs);
-                return 1;
-            case Arrival::Unknown:
-                return 7;
+        if (step.arrival == Arrival::Timeout) {
+            if (timeoutMs != WAIT_INFINITE) m_now += milliseconds(timeoutMs);
+            return WAIT_TIMEOUT_CODE;
         }
-        return WAIT_TIMEOUT_CODE;
+        m_now += milliseconds(step.afterMs);
+        m_pendingQuit = step.arrival == Arrival::Quit;
+        if (step.arrival == Arrival::AddrChange) return 1;
+        return step.arrival == Arrival::Unknown ? 7 : 0;
     }
     ptime Now() override { return m_now; }
-    void TakeActionOnAddrChange() override { actions.push_back((m_now - m_start).total_milliseconds()); }
-    void ResetAddrChangeEvent() override { ++resets; }
+    void TakeActionOnAddrChange() override {
+        actions.push_back((m_now - m_start).total_milliseconds());
+    }
+    void ResetAddrChangeEvent() override {}
     bool DrainMessages() override {
         const bool quit = m_pendingQuit;
         m_pendingQuit = false;
@@ -67,7 +60,6 @@ public:
 
     std::vector<unsigned long> timeouts;
     std::vector<long> actions;  // ms since start at which the loop acted
-    int resets = 0;
 
 private:
     std::deque<Step> m_steps;
@@ -76,89 +68,66 @@ private:
     bool m_pendingQuit = false;
 };
 
-void RunScript(ScriptedHost& host) {
+struct DebounceCase {
+    const char* name;
+    std::vector<Step> script;
+    std::vector<long> actions;            // when the loop acted, ms from the start
+    std::vector<unsigned long> timeouts;  // the timeout of every wait, in order
+};
+
+constexpr unsigned long kInf = WAIT_INFINITE;
+constexpr Arrival kChange = Arrival::AddrChange;
+constexpr Arrival kTimeout = Arrival::Timeout;
+constexpr Arrival kQuit = Arrival::Quit;
+
+const DebounceCase kDebounceCases[] = {
+    // Acting at once, or twice, on one change.
+    {"SingleChangeActsOnceAfterWindow",
+     {{1000, kChange}, {0, kTimeout}, {0, kQuit}},
+     {6000},
+     {kInf, 5000, kInf}},
+    // Acting on every change of a burst, or not restarting the window.
+    {"BurstActsOnceAfterLastChange",
+     {{0, kChange}, {3000, kChange}, {0, kTimeout}, {0, kQuit}},
+     {8000},
+     {kInf, 5000, 5000, kInf}},
+    // A message restarting the window, or cutting it short.
+    {"MessageInsideWindowKeepsDeadline",
+     {{0, kChange}, {1200, Arrival::Message}, {0, kTimeout}, {0, kQuit}},
+     {5000},
+     {kInf, 5000, 3800, kInf}},
+    // Acting on a change that had not settled when the agent stops.
+    {"QuitInsideWindowDropsPendingAction", {{0, kChange}, {2000, kQuit}}, {}, {kInf, 5000}},
+    // Losing a settled change because quit arrived at the same time.
+    {"QuitAfterDeadlineActsFirst", {{0, kChange}, {5000, kQuit}}, {5000}, {kInf, 5000}},
+    // Folding a late change into the old run instead of acting and opening a new window.
+    {"LateChangeActsThenOpensNewWindow",
+     {{0, kChange}, {6000, kChange}, {0, kTimeout}, {0, kQuit}},
+     {6000, 11000},
+     {kInf, 5000, 5000, kInf}},
+    // Treating an empty wake-up of an infinite wait as an error instead of a timeout.
+    {"EmptyWakeUpReadsAsTimeout", {{0, kTimeout}, {0, kQuit}}, {0}, {kInf, kInf}},
+    // Ending the loop, or acting, on a wait result it does not know.
+    {"UnknownResultKeepsLooping", {{0, Arrival::Unknown}, {0, kQuit}}, {}, {kInf, kInf}},
+};
+
+class MessageLoopDebounceTest : public ::testing::TestWithParam<DebounceCase> {};
+
+TEST_P(MessageLoopDebounceTest, ActsAtTheExpectedTimes) {
+    const DebounceCase& c = GetParam();
+    ScriptedHost host(c.script);
     CMessageLoop loop(host, 5000);
-    for (int round = 0; round < 100; ++round) {
-        if (loop.RunOnce()) return;
-    }
-    FAIL() << "loop did not end";
-}
-}  // namespace
-
-// A single change must be acted on exactly once, 5 s after it.
-TEST(MessageLoopTest, SingleChangeActsOnceAfterWindow) {
-    ScriptedHost host({{1000, Arrival::AddrChange}, {0, Arrival::Timeout}, {0, Arrival::Quit}});
-    RunScript(host);
-    EXPECT_EQ(host.actions, (std::vector<long>{6000}));
-    EXPECT_EQ(host.resets, 1);
-    EXPECT_EQ(host.timeouts[0], WAIT_INFINITE);
-    EXPECT_EQ(host.timeouts[1], 5000u);
-    EXPECT_EQ(host.timeouts[2], WAIT_INFINITE);
+    int rounds = 0;
+    while (!loop.RunOnce()) ASSERT_LT(++rounds, 100) << "loop did not end";
+    EXPECT_EQ(host.actions, c.actions);
+    EXPECT_EQ(host.timeouts, c.timeouts);
 }
 
-// Each change restarts the window: two changes 3 s apart act once, 5 s after the second.
-TEST(MessageLoopTest, BurstActsOnceAfterLastChange) {
-    ScriptedHost host({{0, Arrival::AddrChange},
-                       {3000, Arrival::AddrChange},
-                       {0, Arrival::Timeout},
-                       {0, Arrival::Quit}});
-    RunScript(host);
-    EXPECT_EQ(host.actions, (std::vector<long>{8000}));
-    EXPECT_EQ(host.timeouts[2], 5000u);
-}
+INSTANTIATE_TEST_SUITE_P(Scripts, MessageLoopDebounceTest, ::testing::ValuesIn(kDebounceCases),
+                         [](const ::testing::TestParamInfo<DebounceCase>& param) {
+                             return std::string(param.param.name);
+                         });
 
-// A message inside the window must not move the deadline.
-TEST(MessageLoopTest, MessageInsideWindowKeepsDeadline) {
-    ScriptedHost host({{0, Arrival::AddrChange},
-                       {1200, Arrival::Message},
-                       {0, Arrival::Timeout},
-                       {0, Arrival::Quit}});
-    RunScript(host);
-    EXPECT_EQ(host.timeouts[2], 3800u);
-    EXPECT_EQ(host.actions, (std::vector<long>{5000}));
-}
-
-// Quit inside the window ends the loop without the pending action.
-TEST(MessageLoopTest, QuitInsideWindowDropsPendingAction) {
-    ScriptedHost host({{0, Arrival::AddrChange}, {2000, Arrival::Quit}});
-    RunScript(host);
-    EXPECT_TRUE(host.actions.empty());
-}
-
-// A quit that finds the deadline already passed still acts in that same round.
-TEST(MessageLoopTest, QuitAfterDeadlineActsFirst) {
-    ScriptedHost host({{0, Arrival::AddrChange}, {5000, Arrival::Quit}});
-    RunScript(host);
-    EXPECT_EQ(host.actions, (std::vector<long>{5000}));
-}
-
-// A change that arrives after the deadline acts on the old run, then opens a new window.
-TEST(MessageLoopTest, LateChangeActsThenOpensNewWindow) {
-    ScriptedHost host({{0, Arrival::AddrChange},
-                       {6000, Arrival::AddrChange},
-                       {0, Arrival::Timeout},
-                       {0, Arrival::Quit}});
-    RunScript(host);
-    EXPECT_EQ(host.actions, (std::vector<long>{6000, 11000}));
-}
-
-// An empty wake-up of an infinite wait reads as a timeout and runs the action.
-TEST(MessageLoopTest, EmptyWakeUpReadsAsTimeout) {
-    ScriptedHost host({{0, Arrival::Timeout}, {0, Arrival::Quit}});
-    RunScript(host);
-    EXPECT_EQ(host.actions.size(), 1u);
-    EXPECT_EQ(host.timeouts[1], WAIT_INFINITE);
-}
-
-// An unknown wait result is logged and the loop goes on.
-TEST(MessageLoopTest, UnknownResultKeepsLooping) {
-    ScriptedHost host({{0, Arrival::Unknown}, {0, Arrival::Quit}});
-    RunScript(host);
-    EXPECT_EQ(host.timeouts.size(), 2u);
-    EXPECT_TRUE(host.actions.empty());
-}
-
-namespace {
 // The loop over real events and the real clock, with a short window.
 class EventHost : public IMessageLoopHost {
 public:
@@ -177,10 +146,10 @@ public:
     std::atomic<bool> quit{false};
     std::vector<ptime> actionTimes;
 };
-}  // namespace
 
-// The debounce must work over the real multi-event wait: a burst is acted on once, a
-// window after its last event, and quit ends the loop.
+// The debounce must work over the real multi-event wait (a change event left set would keep
+// the window open): a burst is acted on once, a window after its last event, and quit ends
+// the loop.
 TEST(MessageLoopRealEventsTest, BurstOverRealEventsActsOnceAfterTheLastEvent) {
     EventHost host;
     CMessageLoop loop(host, 300);
@@ -198,3 +167,5 @@ TEST(MessageLoopRealEventsTest, BurstOverRealEventsActsOnceAfterTheLastEvent) {
     ASSERT_EQ(host.actionTimes.size(), 1u);
     EXPECT_GE((host.actionTimes[0] - lastChange).total_milliseconds(), 280);
 }
+
+}  // namespace

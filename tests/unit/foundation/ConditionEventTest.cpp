@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tests of one event: reset modes, flags, timed waits and the hand-off to subscribed groups.
+// Tests of one event (reset modes, timed waits, hand-off to groups) and of the wait for any or
+// all of several events.
 #include "foundation/ConditionEvent.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +9,7 @@
 #include <chrono>
 #include <future>
 #include <thread>
+#include <vector>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -15,41 +17,45 @@
 
 namespace {
 
+using boost::posix_time::ptime;
 using boost_ext::condition_event;
+using boost_ext::condition_event_group;
+using swg_test::kHangGuard;
+using swg_test::WaitUntil;
 
-boost::posix_time::ptime InMs(long ms) {
+constexpr unsigned long kGuardMs = 10000;
+
+ptime InMs(long ms) {
     return boost::posix_time::microsec_clock::universal_time() +
            boost::posix_time::milliseconds(ms);
 }
 
-// An automatic-reset event must be cleared by the wait that sees it, or the next waiter
-// would pass without a new signal.
-TEST(ConditionEventTest, AutoResetIsConsumedByTheWaitThatSeesIt) {
-    condition_event event(true);
-    event.notify();
-    EXPECT_TRUE(event.is_signal_one());
-    EXPECT_FALSE(event.is_signal_all());
-
-    EXPECT_TRUE(event.timed_wait(InMs(0)));
-    EXPECT_FALSE(event.is_signal_one());
-    EXPECT_FALSE(event.timed_wait(InMs(20)));
+long Wait(std::vector<condition_event*> events, bool all, unsigned long timeoutMs) {
+    return condition_event_group::WaitForMultipleObjects(events.size(), events.data(), all,
+                                                         timeoutMs);
 }
 
-// A manual-reset event must stay signalled for every waiter until reset() clears it.
-TEST(ConditionEventTest, ManualResetStaysSignalledUntilReset) {
-    condition_event event(false);
-    event.notify();
-    EXPECT_TRUE(event.is_signal_all());
-    EXPECT_FALSE(event.is_signal_one());
+template <typename Result>
+bool Ready(std::future<Result>& f) {
+    return f.wait_for(kHangGuard) == std::future_status::ready;
+}
 
-    EXPECT_TRUE(event.timed_wait(InMs(0)));
-    EXPECT_TRUE(event.timed_wait(InMs(0)));
-    event.wait();  // returns at once
-    EXPECT_TRUE(event.is_signal_all());
+// An automatic-reset event left set lets the next waiter through without a signal; a
+// manual-reset one cleared by its first wait leaves the other waiters asleep.
+TEST(ConditionEventTest, ResetModes) {
+    condition_event automatic(true), manual(false);
+    automatic.notify();
+    manual.notify();
+    EXPECT_TRUE(automatic.is_signal_one());
+    EXPECT_TRUE(manual.is_signal_all());
 
-    event.reset();
-    EXPECT_FALSE(event.is_signal_all());
-    EXPECT_FALSE(event.timed_wait(InMs(20)));
+    EXPECT_TRUE(automatic.timed_wait(InMs(0)));
+    EXPECT_FALSE(automatic.timed_wait(InMs(0)));
+    EXPECT_TRUE(manual.timed_wait(InMs(0)));
+    manual.wait();  // returns at once
+    EXPECT_TRUE(manual.is_signal_all());
+    manual.reset();
+    EXPECT_FALSE(manual.timed_wait(InMs(0)));
 }
 
 // A one-shot signal given while nobody sleeps must not be lost: the next wait takes it.
@@ -57,12 +63,12 @@ TEST(ConditionEventTest, NotifyOneWithoutSleeperLeavesSignalOneSet) {
     condition_event event(false);
     event.notify_one();
     EXPECT_TRUE(event.is_signal_one());
-    EXPECT_FALSE(event.is_signal_all());
     event.wait();  // would hang if the signal had been dropped
     EXPECT_TRUE(event.is_signal_one());
 }
 
-// A timed-out wait must neither invent a signal nor return early.
+// A timed-out wait must neither invent a signal nor return early; deadlines that are not
+// ordinary times count as passed.
 TEST(ConditionEventTest, TimedOutWaitLeavesFlagsClear) {
     condition_event event(true);
     const auto before = std::chrono::steady_clock::now();
@@ -70,154 +76,176 @@ TEST(ConditionEventTest, TimedOutWaitLeavesFlagsClear) {
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(25));
     EXPECT_FALSE(event.is_signal_one());
     EXPECT_FALSE(event.is_signal_all());
+    EXPECT_FALSE(event.timed_wait(ptime(boost::posix_time::not_a_date_time)));
+    EXPECT_FALSE(event.timed_wait(ptime(boost::posix_time::neg_infin)));
 }
 
-// Deadlines that are not ordinary times: +infinity waits, the others have already passed.
-TEST(ConditionEventTest, SpecialDeadlines) {
-    condition_event event(false);
-    EXPECT_FALSE(event.timed_wait(boost::posix_time::ptime(boost::posix_time::not_a_date_time)));
-    EXPECT_FALSE(event.timed_wait(boost::posix_time::ptime(boost::posix_time::neg_infin)));
-
-    auto waiter = std::async(std::launch::async, [&] {
-        return event.timed_wait(boost::posix_time::ptime(boost::posix_time::pos_infin));
-    });
-    event.notify();
-    ASSERT_EQ(waiter.wait_for(swg_test::kHangGuard), std::future_status::ready);
-    EXPECT_TRUE(waiter.get());
-}
-
-// wait() must block until another thread signals, and take the signal of an
-// automatic-reset event.
-TEST(ConditionEventTest, WaitBlocksUntilAnotherThreadSignals) {
-    condition_event event(true);
-    std::atomic<bool> returned{false};
-    std::thread waiter([&] {
-        event.wait();
-        returned = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(returned);
-    event.notify();
-    waiter.join();
-    EXPECT_TRUE(returned);
-    EXPECT_FALSE(event.is_signal_one());
-}
-
-// A timed wait must wake on a signal long before its deadline.
-TEST(ConditionEventTest, TimedWaitWakesOnSignal) {
-    condition_event event(true);
-    auto waiter = std::async(std::launch::async, [&] { return event.timed_wait(InMs(60000)); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    event.notify();
-    ASSERT_EQ(waiter.wait_for(swg_test::kHangGuard), std::future_status::ready);
-    EXPECT_TRUE(waiter.get());
-    EXPECT_FALSE(event.is_signal_one());
-}
-
-// notify_all must reach every sleeper, not just one.
+// notify_all must wake every kind of sleeper, long before a finite deadline and with none.
 TEST(ConditionEventTest, NotifyAllWakesEverySleeper) {
     condition_event event(false);
-    auto a = std::async(std::launch::async, [&] { event.wait(); });
-    auto b = std::async(std::launch::async, [&] { event.wait(); });
+    auto plain = std::async(std::launch::async, [&] { return event.wait(), true; });
+    auto timed = std::async(std::launch::async, [&] { return event.timed_wait(InMs(60000)); });
+    auto endless = std::async(std::launch::async, [&] {
+        return event.timed_wait(ptime(boost::posix_time::pos_infin));
+    });
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     event.notify_all();
-    const bool both = a.wait_for(swg_test::kHangGuard) == std::future_status::ready &&
-                      b.wait_for(swg_test::kHangGuard) == std::future_status::ready;
-    if (!both) event.notify_all();  // release the sleeper left behind before failing
-    EXPECT_TRUE(both);
+    ASSERT_TRUE(Ready(plain) && Ready(timed) && Ready(endless));
+    EXPECT_TRUE(timed.get());
+    EXPECT_TRUE(endless.get());
 }
 
-class GroupHandOffTest : public ::testing::Test {
-protected:
-    condition_event member{true};
-    condition_event g1{false}, g2{false}, g3{false};
-
-    // Which group holds the one-shot signal, after clearing them all for the next round.
-    int TakeSignalledGroup() {
-        int which = 0;
-        int count = 0;
-        condition_event* groups[] = {&g1, &g2, &g3};
+// One-shot signals must go to exactly one group each, the groups taking turns in the order
+// they subscribed, and the group must remember the member as its last signaller; notify_all
+// reaches them all.
+TEST(ConditionEventTest, GroupsTakeTurnsOnNotifyOne) {
+    condition_event member(true);
+    condition_event g1(false), g2(false), g3(false);
+    condition_event* groups[] = {&g1, &g2, &g3};
+    for (condition_event* g : groups) member.subscribe(g);
+    auto takeSignalled = [&] {
+        int which = 0, count = 0;
         for (int i = 0; i < 3; ++i) {
-            if (groups[i]->is_signal_one()) {
-                which = i + 1;
-                ++count;
-            }
-            EXPECT_FALSE(groups[i]->is_signal_all());
+            if (groups[i]->is_signal_one()) which = i + 1, ++count;
             groups[i]->reset();
         }
         EXPECT_LE(count, 1) << "a one-shot signal reached more than one group";
         return which;
-    }
-};
-
-// One-shot signals must go to exactly one group each, the groups taking turns in the order
-// they subscribed; the member remembers itself as the group's last signaller.
-TEST_F(GroupHandOffTest, NotifyOneGoesToOneGroupAndGroupsTakeTurns) {
-    member.subscribe(&g1);
-    member.subscribe(&g2);
-    member.subscribe(&g3);
+    };
 
     member.notify_one();
     EXPECT_EQ(g1.last_signaller(), &member);
     EXPECT_EQ(g2.last_signaller(), nullptr);
-    EXPECT_EQ(TakeSignalledGroup(), 1);
-    EXPECT_TRUE(member.is_signal_one());
-
+    EXPECT_EQ(takeSignalled(), 1);
     member.notify_one();
-    EXPECT_EQ(TakeSignalledGroup(), 2);
+    EXPECT_EQ(takeSignalled(), 2);
     member.notify();  // automatic reset: one-shot
-    EXPECT_EQ(TakeSignalledGroup(), 3);
+    EXPECT_EQ(takeSignalled(), 3);
+    member.unsubscribe(&g2);
     member.notify_one();
-    EXPECT_EQ(TakeSignalledGroup(), 1);
-    EXPECT_EQ(member.subscriber_count(), 3u);
-}
+    EXPECT_EQ(takeSignalled(), 1);
+    member.notify_one();
+    EXPECT_EQ(takeSignalled(), 3);
 
-// notify_all must reach every subscribed group with signal_all and record the signaller.
-TEST_F(GroupHandOffTest, NotifyAllReachesEveryGroup) {
-    member.subscribe(&g1);
-    member.subscribe(&g2);
     member.notify_all();
     EXPECT_TRUE(g1.is_signal_all());
-    EXPECT_TRUE(g2.is_signal_all());
-    EXPECT_FALSE(g3.is_signal_all());
-    EXPECT_EQ(g1.last_signaller(), &member);
-    EXPECT_EQ(g2.last_signaller(), &member);
-    EXPECT_TRUE(member.is_signal_all());
+    EXPECT_FALSE(g2.is_signal_all());
+    EXPECT_TRUE(g3.is_signal_all());
+    EXPECT_EQ(g3.last_signaller(), &member);
 }
 
-// A null subscription must be ignored, not take a turn or crash the hand-off.
-TEST_F(GroupHandOffTest, SubscribeIgnoresNull) {
-    member.subscribe(nullptr);
-    EXPECT_EQ(member.subscriber_count(), 0u);
-    member.subscribe(&g1);
-    member.subscribe(nullptr);
-    EXPECT_EQ(member.subscriber_count(), 1u);
-    member.notify_one();
-    EXPECT_EQ(TakeSignalledGroup(), 1);
-    member.notify_one();
-    EXPECT_EQ(TakeSignalledGroup(), 1);
+// Timeout 0 must poll and a finite timeout must really wait; both give the timeout code and
+// leave no subscription behind.
+TEST(WaitForMultipleObjectsTest, TimeoutWithNothingSignalled) {
+    condition_event a(true), b(false);
+    EXPECT_EQ(Wait({&a, &b}, false, 0), WAIT_TIMEOUT_CODE);
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(Wait({&a, &b}, false, 30), WAIT_TIMEOUT_CODE);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(25));
+    EXPECT_EQ(a.subscriber_count(), 0u);
+    EXPECT_EQ(b.subscriber_count(), 0u);
 }
 
-// unsubscribe must remove only the first matching entry and ignore unknown groups.
-TEST_F(GroupHandOffTest, UnsubscribeRemovesFirstMatchOnly) {
-    member.subscribe(&g1);
-    member.subscribe(&g2);
-    member.subscribe(&g1);
-    member.unsubscribe(&g3);
-    EXPECT_EQ(member.subscriber_count(), 3u);
+// With several entries signalled the lowest index must win; an automatic-reset event
+// reported is consumed, the others keep their signal, and a manual one is reported until reset.
+TEST(WaitForMultipleObjectsTest, AnyOfGivesTheLowestIndexAndLeavesTheOthers) {
+    condition_event quiet(false), first(true), manual(false);
+    first.notify();
+    manual.notify();
+    const std::vector<condition_event*> events{&quiet, &first, &manual};
 
-    member.unsubscribe(&g1);  // list is now g2, g1
-    EXPECT_EQ(member.subscriber_count(), 2u);
-    member.notify_one();
-    EXPECT_EQ(TakeSignalledGroup(), 2);
-    member.notify_one();
-    EXPECT_EQ(TakeSignalledGroup(), 1);
+    EXPECT_EQ(Wait(events, false, 0), 1);
+    EXPECT_TRUE(manual.is_signal_all());
+    EXPECT_EQ(Wait(events, false, 0), 2);
+    EXPECT_EQ(Wait(events, false, 0), 2);
+    manual.reset();
+    EXPECT_EQ(Wait(events, false, 0), WAIT_TIMEOUT_CODE);
+}
 
-    member.unsubscribe(&g1);
-    member.unsubscribe(&g2);
-    EXPECT_EQ(member.subscriber_count(), 0u);
-    member.notify_one();
-    EXPECT_EQ(TakeSignalledGroup(), 0);
+// A null entry counts as signalled, after any lower entry that really is.
+TEST(WaitForMultipleObjectsTest, NullEntryCountsAsSignalled) {
+    condition_event low(true), high(true);
+    high.notify();
+    EXPECT_EQ(Wait({&low, nullptr, &high}, false, WAIT_INFINITE), 1);
+    EXPECT_TRUE(high.is_signal_one());
+    low.notify();
+    EXPECT_EQ(Wait({&low, nullptr, &high}, false, 0), 0);
+    EXPECT_FALSE(low.is_signal_one());
+}
+
+// A signal arriving during the wait must end it with that entry's index, consume it, and
+// the group must be gone from every member afterwards.
+TEST(WaitForMultipleObjectsTest, AnyOfWakesOnSignalDuringTheWait) {
+    condition_event a(true), b(true);
+    auto waiter = std::async(std::launch::async, [&] { return Wait({&a, &b}, false, kGuardMs); });
+    ASSERT_TRUE(WaitUntil([&] { return b.subscriber_count() == 1; }));
+    b.notify();
+    ASSERT_TRUE(Ready(waiter));
+    EXPECT_EQ(waiter.get(), 1);
+    EXPECT_FALSE(b.is_signal_one());
+    EXPECT_EQ(a.subscriber_count(), 0u);
+    EXPECT_EQ(b.subscriber_count(), 0u);
+}
+
+// A wake-up of the group that no member caused finds nothing and must read as a timeout,
+// even without a time limit.
+TEST(WaitForMultipleObjectsTest, EmptyWakeUpReadsAsTimeoutEvenWhenInfinite) {
+    condition_event a(true), b(false), group(false);
+    group.notify_all();
+    std::vector<condition_event*> events{&a, &b};
+    EXPECT_EQ(condition_event_group::WaitWithGroup(group, 2, events.data(), false, WAIT_INFINITE),
+              WAIT_TIMEOUT_CODE);
+    EXPECT_EQ(a.subscriber_count(), 0u);
+}
+
+// When a competing waiter took the flag of the member that woke the group, the member is
+// still reported through the group's last signaller.
+TEST(WaitForMultipleObjectsTest, LastSignallerCountsWhenAnotherWaiterTookTheFlag) {
+    condition_event quiet(true), member(true), group(false);
+    member.subscribe(&group);
+    member.notify_one();  // wakes the group...
+    member.reset();       // ...and a competitor takes the flag first
+    member.unsubscribe(&group);
+    std::vector<condition_event*> events{&quiet, &member};
+    EXPECT_EQ(condition_event_group::WaitWithGroup(group, 2, events.data(), false, 0), 1);
+}
+
+// The all-of wait sleeps before it looks: events already signalled on entry are not enough
+// without a wake-up during the call; manual-reset events are left set.
+TEST(WaitForMultipleObjectsTest, AllOfSeesEarlierSignalsOnlyAfterAWakeUp) {
+    condition_event a(false), b(false);
+    a.notify();
+    b.notify();
+    EXPECT_EQ(Wait({&a, &b}, true, 30), WAIT_TIMEOUT_CODE);
+
+    auto waiter = std::async(std::launch::async, [&] { return Wait({&a, &b}, true, kGuardMs); });
+    ASSERT_TRUE(WaitUntil([&] { return a.subscriber_count() == 1; }));
+    a.notify();  // the wake-up: both are found signalled
+    ASSERT_TRUE(Ready(waiter));
+    EXPECT_EQ(waiter.get(), 0);
+    EXPECT_TRUE(a.is_signal_all());
+}
+
+// All-of must return only when every entry has been seen, collecting them over wake-ups,
+// and consume the automatic-reset ones.
+TEST(WaitForMultipleObjectsTest, AllOfReturnsOnlyWhenEveryEventFired) {
+    condition_event a(true), b(true);
+    std::atomic<bool> returned{false};
+    auto waiter = std::async(std::launch::async, [&] {
+        const long result = Wait({&a, nullptr, &b}, true, kGuardMs);
+        returned = true;
+        return result;
+    });
+    ASSERT_TRUE(WaitUntil([&] { return a.subscriber_count() == 1 && b.subscriber_count() == 1; }));
+    a.notify();
+    ASSERT_TRUE(WaitUntil([&] { return !a.is_signal_one(); }));  // seen and consumed
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(returned) << "all-of returned with one event outstanding";
+    b.notify();
+    ASSERT_TRUE(Ready(waiter));
+    EXPECT_EQ(waiter.get(), 0);
+    EXPECT_FALSE(b.is_signal_one());
+    EXPECT_EQ(b.subscriber_count(), 0u);
 }
 
 }  // namespace

@@ -43,7 +43,7 @@ public:
         }
     }
     long ActualThreadProc(void*) override {
-        // After Kill the derived part may already be destroyed (the destructor test): from
+        // After Kill the derived part may already be destroyed (the destructor case): from
         // then on only the base's exit event and locals are touched.
         std::atomic<bool>* left = m_left;
         condition_event& exitEvent = exit_event;
@@ -67,105 +67,42 @@ private:
     const bool m_stopInDestructor;
 };
 
-class CountingTimer : public CDnTimerThread {
-public:
-    // Ticks until the tick numbered `stopAfter` (0: forever).
-    explicit CountingTimer(int stopAfter, unsigned int periodMs) : m_stopAfter(stopAfter) {
-        period_ms = periodMs;
-    }
-    ~CountingTimer() override {
-        Kill();
-        Wait();
-    }
-    bool ProcessTick() override {
-        const int n = ++ticks;
-        return m_stopAfter == 0 || n < m_stopAfter;
-    }
-    std::atomic<int> ticks{0};
-
-private:
-    const int m_stopAfter;
-};
-
-class EventWorker : public CDnEventThread {
-public:
-    ~EventWorker() override {
-        release.notify();
-        Kill();
-        Wait();
-    }
-    long ProcessEvent() override {
-        stateDuringJob = work_state.load();
-        ++jobs;
-        started.notify();
-        if (holdJobs) {
-            while (!release.is_signal_all()) release.wait();
-        }
-        return 5;
-    }
-    std::atomic<int> jobs{0};
-    std::atomic<int> stateDuringJob{-1};
-    std::atomic<bool> holdJobs{false};
-    condition_event started{true};
-    condition_event release{false};
-};
-
-// ---- CDnThread ----
-
 // Kill on a thread that never ran must only raise the flag and signal the exit event;
 // Initialize lowers the flag but leaves the event to its owner.
 TEST(DnThreadTest, KillOnNeverStartedThread) {
     ParkedThread thread;
-    EXPECT_TRUE(thread.Initialize());
     EXPECT_TRUE(thread.Kill());
     EXPECT_TRUE(thread.exit_requested);
     EXPECT_TRUE(thread.exit_event.is_signal_all());
     EXPECT_FALSE(thread.m_isRunning);
     EXPECT_EQ(thread.Wait(), 0);
     EXPECT_EQ(thread.Wait(10), 0);
-    EXPECT_STREQ(thread.ThreadId(), "");
-
     EXPECT_TRUE(thread.Initialize());
     EXPECT_FALSE(thread.exit_requested);
     EXPECT_TRUE(thread.exit_event.is_signal_all());
 }
 
-// StartThread must run the body once, on a thread that is marked running, log both lines,
-// and ignore a second call while the thread runs.
-TEST(DnThreadTest, StartThreadRunsTheBodyOnceAndLogsIt) {
+// StartThread must run the body once on a thread marked running, log both lines and ignore
+// a second call; Wait(ms) must give up on the running thread and join it once killed.
+TEST(DnThreadTest, StartRunsTheBodyOnceAndTimedWaitGivesUpWhileItRuns) {
     RecordingTrace trace;
     ParkedThread thread;
     ASSERT_TRUE(thread.Initialize());
     EXPECT_EQ(thread.StartThread(), 0);
     ASSERT_TRUE(thread.entered.timed_wait(Guard()));
     EXPECT_TRUE(thread.runningInside);
-    EXPECT_TRUE(thread.m_isRunning);
-
     EXPECT_EQ(thread.StartThread(), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(thread.entries, 1);
 
+    EXPECT_EQ(thread.Wait(20), WAIT_TIMEOUT_CODE);
+    EXPECT_TRUE(thread.m_isRunning);
+    EXPECT_EQ(thread.entries, 1);
     const std::string id = thread.ThreadId();
-    EXPECT_FALSE(id.empty());
     EXPECT_EQ(trace.Count(THREAD, "Thread : Created new thread ID = " + id + " Thread"), 1);
     EXPECT_EQ(trace.Count(THREAD, "Thread : Starting thread Thread"), 1);
 
     thread.Kill();
-    EXPECT_EQ(thread.Wait(), 0);
-    EXPECT_FALSE(thread.m_isRunning);
-}
-
-// Wait(ms) must give up on a thread that keeps running, and join it once it ends.
-TEST(DnThreadTest, WaitWithTimeoutOnRunningThread) {
-    ParkedThread thread;
-    thread.StartThread();
-    ASSERT_TRUE(thread.entered.timed_wait(Guard()));
-    EXPECT_EQ(thread.Wait(20), WAIT_TIMEOUT_CODE);
-    EXPECT_TRUE(thread.m_isRunning);
-
-    thread.Kill();
     EXPECT_EQ(thread.Wait(kGuardMs), 0);
-    EXPECT_EQ(thread.Wait(0), 0);  // joined: no longer joinable
+    EXPECT_FALSE(thread.m_isRunning);
 }
 
 class SelfJoiner : public CDnThread {
@@ -192,34 +129,29 @@ TEST(DnThreadTest, WaitOnItselfRaisesTheBoostError) {
     SelfJoiner thread;
     thread.StartThread();
     ASSERT_EQ(thread.Wait(kGuardMs), 0);
-    EXPECT_NE(thread.joinError.find("boost thread: trying joining itself"), std::string::npos)
-        << thread.joinError;
-    EXPECT_NE(thread.timedJoinError.find("boost thread: trying joining itself"), std::string::npos)
-        << thread.timedJoinError;
+    EXPECT_NE(thread.joinError.find("boost thread: trying joining itself"), std::string::npos);
+    EXPECT_NE(thread.timedJoinError.find("boost thread: trying joining itself"),
+              std::string::npos);
 }
 
-// Deinitialize after Kill must join the thread before it returns, and clear both flags.
-TEST(DnThreadTest, DeinitializeJoinsAKilledThread) {
-    std::atomic<bool> left{false};
-    ParkedThread thread(&left);
-    thread.StartThread();
-    ASSERT_TRUE(thread.entered.timed_wait(Guard()));
-    thread.Kill();
-    EXPECT_TRUE(thread.Deinitialize());
-    EXPECT_TRUE(left);
-    EXPECT_FALSE(thread.m_isRunning);
-    EXPECT_FALSE(thread.exit_requested);
-}
-
-// The destructor of a killed, still running thread must join it before the object goes.
-TEST(DnThreadTest, DestructorJoinsAKilledRunningThread) {
-    std::atomic<bool> left{false};
-    auto* thread = new ParkedThread(&left, false);
-    thread->StartThread();
-    ASSERT_TRUE(thread->entered.timed_wait(Guard()));
-    thread->Kill();
-    delete thread;
-    EXPECT_TRUE(left);
+// Deinitialize and the destructor of a killed, running thread must join it before they
+// return; otherwise the thread outlives its object.
+TEST(DnThreadTest, DeinitializeAndDestructorJoinAKilledThread) {
+    for (const bool byDestructor : {false, true}) {
+        SCOPED_TRACE(byDestructor ? "destructor" : "Deinitialize");
+        std::atomic<bool> left{false};
+        auto* thread = new ParkedThread(&left, false);
+        thread->StartThread();
+        ASSERT_TRUE(thread->entered.timed_wait(Guard()));
+        thread->Kill();
+        if (!byDestructor) {
+            EXPECT_TRUE(thread->Deinitialize());
+            EXPECT_TRUE(left);
+            EXPECT_FALSE(thread->exit_requested);
+        }
+        delete thread;
+        EXPECT_TRUE(left);
+    }
 }
 
 class Thrower : public CDnThread {
@@ -233,7 +165,7 @@ public:
 };
 
 // An exception leaving the body must end only that thread, logged, with the running mark
-// cleared; it must not take the process down.
+// cleared so that the object can be started again.
 TEST(DnThreadTest, EscapedExceptionEndsTheThreadAndIsLogged) {
     RecordingTrace trace;
     Thrower thread;
@@ -249,24 +181,40 @@ TEST(DnThreadTest, EscapedExceptionEndsTheThreadAndIsLogged) {
               1);
 }
 
-// ---- CDnTimerThread ----
+class CountingTimer : public CDnTimerThread {
+public:
+    // Ticks until the tick numbered `stopAfter` (0: forever).
+    CountingTimer(int stopAfter, unsigned int periodMs) : m_stopAfter(stopAfter) {
+        period_ms = periodMs;
+    }
+    ~CountingTimer() override {
+        Kill();
+        Wait();
+    }
+    bool ProcessTick() override {
+        const int n = ++ticks;
+        return m_stopAfter == 0 || n < m_stopAfter;
+    }
+    std::atomic<int> ticks{0};
+
+private:
+    const int m_stopAfter;
+};
 
 // The timer must tick until ProcessTick says stop, then end on its own with its log line.
 TEST(DnTimerThreadTest, TicksUntilProcessTickReturnsFalse) {
     RecordingTrace trace;
     CountingTimer timer(3, 5);
-    ASSERT_TRUE(timer.Initialize());
     timer.StartThread();
     ASSERT_EQ(timer.Wait(kGuardMs), 0);
     EXPECT_EQ(timer.ticks, 3);
     EXPECT_FALSE(timer.m_isRunning);
-    EXPECT_EQ(trace.Count(THREAD, "Thread : Starting thread TimerThread"), 1);
     EXPECT_EQ(trace.Count(THREAD, "Thread : (TimerThread)Main thread exits"), 1);
     EXPECT_EQ(trace.Count(THREAD, "Thread : (TimerThread)Exit event signalled"), 0);
 }
 
 // Kill must wake a timer that sleeps through a long period at once, without a tick.
-TEST(DnTimerThreadTest, KillWakesTheTimerWithoutATick) {
+TEST(DnTimerThreadTest, KillAndWaitEndTheTimerWithoutATick) {
     RecordingTrace trace;
     CountingTimer timer(0, 60000);
     timer.StartThread();
@@ -275,50 +223,43 @@ TEST(DnTimerThreadTest, KillWakesTheTimerWithoutATick) {
     EXPECT_EQ(timer.Wait(kGuardMs), 0);
     EXPECT_EQ(timer.ticks, 0);
     EXPECT_EQ(trace.Count(THREAD, "Thread : (TimerThread)Exit event signalled"), 1);
-    EXPECT_EQ(trace.Count(THREAD, "Thread : (TimerThread)Main thread exits"), 1);
 }
 
-// A ticking timer stops ticking once killed and joined.
-TEST(DnTimerThreadTest, KillAndWaitStopAFastTimer) {
-    CountingTimer timer(0, 2);
-    timer.StartThread();
-    ASSERT_TRUE(WaitUntil([&] { return timer.ticks >= 2; }));
-    timer.Kill();
-    ASSERT_EQ(timer.Wait(kGuardMs), 0);
-    const int ticks = timer.ticks;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(timer.ticks, ticks);
-}
-
-// A timer killed before it starts must never tick.
-TEST(DnTimerThreadTest, KilledBeforeStartNeverTicks) {
-    CountingTimer timer(0, 1);
-    timer.Kill();
-    timer.StartThread();
-    ASSERT_EQ(timer.Wait(kGuardMs), 0);
-    EXPECT_EQ(timer.ticks, 0);
-}
-
-// A timer that ended by itself can be started again on the same object.
-TEST(DnTimerThreadTest, RestartsAfterItEnded) {
-    CountingTimer timer(2, 2);
-    timer.StartThread();
-    ASSERT_TRUE(WaitUntil([&] { return timer.ticks == 2 && !timer.m_isRunning; }));
-    timer.StartThread();
-    ASSERT_TRUE(WaitUntil([&] { return timer.ticks == 3 && !timer.m_isRunning; }));
-    ASSERT_EQ(timer.Wait(kGuardMs), 0);
-    EXPECT_EQ(timer.ticks, 3);
-}
-
-// ---- CDnEventThread ----
+class EventWorker : public CDnEventThread {
+public:
+    ~EventWorker() override {
+        release.notify();
+        Kill();
+        Wait();
+    }
+    long ProcessEvent() override {
+        stateDuringJob = work_state.load();
+        ++jobs;
+        started.notify();
+        if (holdJobs) {
+            while (!release.is_signal_all()) release.wait();
+        }
+        return 5;
+    }
+    std::atomic<int> jobs{0};
+    std::atomic<int> stateDuringJob{-1};
+    std::atomic<bool> holdJobs{false};
+    condition_event started{true};
+    condition_event release{false};
+};
 
 class DnEventThreadTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(worker.Initialize());
         worker.StartThread();
         // In its wait: subscribed to its exit event.
         ASSERT_TRUE(WaitUntil([&] { return worker.exit_event.subscriber_count() == 1; }));
+    }
+    // Hands out a job that stays in ProcessEvent until `release` is signalled.
+    void StartHeldJob(condition_event& done) {
+        worker.holdJobs = true;
+        ASSERT_EQ(worker.Start(done, false), 0);
+        ASSERT_TRUE(worker.started.timed_wait(Guard()));
     }
     EventWorker worker;
 };
@@ -326,30 +267,21 @@ protected:
 // Start must hand out a job: the job runs with the thread busy, the caller's event is
 // notified, and the thread goes back to idle for the next job.
 TEST_F(DnEventThreadTest, StartHandsOutAJobAndReportsCompletion) {
-    EXPECT_EQ(worker.work_state, CDnEventThread::kIdle);
-    condition_event done(true);
-    EXPECT_EQ(worker.Start(done, false), 0);
-    ASSERT_TRUE(done.timed_wait(Guard()));
-    EXPECT_EQ(worker.jobs, 1);
-    EXPECT_EQ(worker.stateDuringJob, CDnEventThread::kBusy);
-    ASSERT_TRUE(WaitUntil([&] { return worker.work_state == CDnEventThread::kIdle; }));
-
-    condition_event other(true);
-    EXPECT_EQ(worker.Start(other, false), 0);
-    ASSERT_TRUE(other.timed_wait(Guard()));
-    EXPECT_EQ(worker.jobs, 2);
-    EXPECT_FALSE(done.is_signal_one());
-    EXPECT_EQ(worker.done_event, &other);
+    for (int job = 1; job <= 2; ++job) {
+        condition_event done(true);
+        EXPECT_EQ(worker.Start(done, false), 0);
+        ASSERT_TRUE(done.timed_wait(Guard()));
+        EXPECT_EQ(worker.jobs, job);
+        EXPECT_EQ(worker.stateDuringJob, CDnEventThread::kBusy);
+        ASSERT_TRUE(WaitUntil([&] { return worker.work_state == CDnEventThread::kIdle; }));
+    }
 }
 
 // Start on a busy thread without force must refuse and change nothing; with force it takes
 // over: the job in hand reports to the new event and the thread runs once more.
 TEST_F(DnEventThreadTest, StartOnABusyThread) {
-    worker.holdJobs = true;
     condition_event first(true), second(true);
-    ASSERT_EQ(worker.Start(first, false), 0);
-    ASSERT_TRUE(worker.started.timed_wait(Guard()));
-
+    StartHeldJob(first);
     EXPECT_EQ(worker.Start(second, false), 1);
     EXPECT_EQ(worker.work_state, CDnEventThread::kBusy);
     EXPECT_EQ(worker.done_event, &first);
@@ -357,8 +289,6 @@ TEST_F(DnEventThreadTest, StartOnABusyThread) {
 
     EXPECT_EQ(worker.Start(second, true), 0);
     EXPECT_EQ(worker.done_event, &second);
-    EXPECT_TRUE(worker.wake_event.is_signal_all());
-
     worker.release.notify();
     ASSERT_TRUE(second.timed_wait(Guard()));
     ASSERT_TRUE(WaitUntil(
@@ -366,58 +296,37 @@ TEST_F(DnEventThreadTest, StartOnABusyThread) {
     EXPECT_FALSE(first.is_signal_one());
 }
 
-// Kill on an idle thread ends the loop through the exit event: work_state ended.
-TEST(DnEventThreadKillTest, KillEndsAnIdleThread) {
-    RecordingTrace trace;
-    EventWorker worker;
-    worker.StartThread();
-    ASSERT_TRUE(WaitUntil([&] { return worker.exit_event.subscriber_count() == 1; }));
-    EXPECT_TRUE(worker.Kill());
-    EXPECT_EQ(worker.Wait(kGuardMs), 0);
-    EXPECT_EQ(worker.work_state, CDnEventThread::kEnded);
-    EXPECT_EQ(worker.jobs, 0);
-    EXPECT_FALSE(worker.m_isRunning);
-    EXPECT_EQ(trace.Count(THREAD, "Thread : Starting thread CDnEventThread"), 1);
-}
-
-// Kill during a job lets the job finish and report; the loop then ends with the thread
-// idle, not ended.
-TEST_F(DnEventThreadTest, KillDuringAJobLetsItFinish) {
-    worker.holdJobs = true;
+// Kill + Wait must end an idle event thread through its exit event, and during a job let
+// the job finish and report first.
+TEST_F(DnEventThreadTest, KillAndWaitEndTheThread) {
     condition_event done(true);
-    ASSERT_EQ(worker.Start(done, false), 0);
-    ASSERT_TRUE(worker.started.timed_wait(Guard()));
+    StartHeldJob(done);
     worker.Kill();
     worker.release.notify();
     EXPECT_EQ(worker.Wait(kGuardMs), 0);
     EXPECT_TRUE(done.is_signal_one());
-    EXPECT_EQ(worker.jobs, 1);
     EXPECT_EQ(worker.work_state, CDnEventThread::kIdle);
+
+    EventWorker idle;
+    idle.StartThread();
+    ASSERT_TRUE(WaitUntil([&] { return idle.exit_event.subscriber_count() == 1; }));
+    EXPECT_TRUE(idle.Kill());
+    EXPECT_EQ(idle.Wait(kGuardMs), 0);
+    EXPECT_EQ(idle.work_state, CDnEventThread::kEnded);
+    EXPECT_FALSE(idle.m_isRunning);
 }
 
 // With a job and the exit event both waiting, the exit event (index 0) wins: the job is not
 // run and the thread ends.
 TEST_F(DnEventThreadTest, ExitEventWinsOverAPendingJob) {
-    worker.holdJobs = true;
     condition_event first(true), second(true);
-    ASSERT_EQ(worker.Start(first, false), 0);
-    ASSERT_TRUE(worker.started.timed_wait(Guard()));
+    StartHeldJob(first);
     ASSERT_EQ(worker.Start(second, true), 0);  // a second job waits behind the first
     worker.exit_event.notify();                // without Kill, so the loop goes round
     worker.release.notify();
     EXPECT_EQ(worker.Wait(kGuardMs), 0);
     EXPECT_EQ(worker.jobs, 1);
     EXPECT_EQ(worker.work_state, CDnEventThread::kEnded);
-}
-
-// A thread killed before it starts returns at once: no job, still idle.
-TEST(DnEventThreadKillTest, KilledBeforeStartReturnsAtOnce) {
-    EventWorker worker;
-    worker.Kill();
-    worker.StartThread();
-    EXPECT_EQ(worker.Wait(kGuardMs), 0);
-    EXPECT_EQ(worker.work_state, CDnEventThread::kIdle);
-    EXPECT_EQ(worker.jobs, 0);
 }
 
 }  // namespace
