@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,7 +48,7 @@ private:
     std::shared_ptr<std::vector<LoggedMessage>> m_sink;
 };
 
-std::string Tid() { return "[TID=" + std::to_string(syscall(SYS_gettid)) + "]"; }
+std::string Tid() { return std::to_string(syscall(SYS_gettid)); }
 
 // A data root of its own per test, so debuglogconfig.json is read from there.
 class AppLogTest : public ::testing::Test {
@@ -58,8 +57,8 @@ protected:
         char pattern[] = "/tmp/swg-applog-XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         m_root = pattern;
-        m_configDir = m_root + "/trevo/trevoclient";
-        std::filesystem::create_directories(m_configDir);
+        m_config = m_root + "/trevo/trevoclient/debuglogconfig.json";
+        std::filesystem::create_directories(m_root + "/trevo/trevoclient");
         setenv("SWG_DATA_ROOT", m_root.c_str(), 1);
     }
     void TearDown() override {
@@ -68,47 +67,51 @@ protected:
         std::filesystem::remove_all(m_root);
     }
 
-    void WriteConfig(const std::string& contents) {
-        std::ofstream(m_configDir + "/debuglogconfig.json") << contents;
-    }
+    void WriteConfig(const std::string& contents) { std::ofstream(m_config) << contents; }
     // Creates the first instance, which loads the configuration.
     void StartLog() {
         long result = -1;
         m_log = std::make_unique<CAppLog>(result, "test", new FakeLogger(m_messages));
         ASSERT_EQ(result, 0);
     }
-    std::vector<LoggedMessage> With(const std::string& fragment) const {
-        std::vector<LoggedMessage> found;
+    size_t CountWith(const std::string& fragment) const {
+        size_t n = 0;
+        for (const auto& m : *m_messages) n += m.text.find(fragment) != std::string::npos;
+        return n;
+    }
+    std::string FirstWith(const std::string& fragment) const {
         for (const auto& m : *m_messages) {
-            if (m.text.find(fragment) != std::string::npos) found.push_back(m);
+            if (m.text.find(fragment) != std::string::npos) return m.text;
         }
-        return found;
+        return "";
+    }
+    // The one message logged since the last clear.
+    const LoggedMessage& Only() const {
+        static const LoggedMessage none{};
+        EXPECT_EQ(m_messages->size(), 1u);
+        return m_messages->size() == 1 ? m_messages->front() : none;
     }
 
     std::string m_root;
-    std::string m_configDir;
+    std::string m_config;
     std::shared_ptr<std::vector<LoggedMessage>> m_messages =
         std::make_shared<std::vector<LoggedMessage>>();
     std::unique_ptr<CAppLog> m_log;
 };
 
-// Guards the layout of message 1 and that the importance and table data reach the logger.
-TEST_F(AppLogTest, DebugMessageCarriesThreadFunctionFileAndLine) {
+// A wrong layout, table entry or importance for the debug and return-code messages, or a
+// system text given to a code of the agent's own (0xFE000000 and up).
+TEST_F(AppLogTest, DebugAndReturnCodeMessageLayouts) {
     StartLog();
     m_messages->clear();
     CAppLog::LogDebugMessage("Func", "file.cpp", 12, Logging::kImportanceError, "text %d", 7);
     ASSERT_EQ(m_messages->size(), 1u);
-    const LoggedMessage& m = m_messages->front();
-    EXPECT_EQ(m.text, Tid() + "\nFunction: Func\nFile: file.cpp\nLine: 12\ntext 7");
-    EXPECT_EQ(m.severity, 7);
-    EXPECT_EQ(m.name, "MID_DEBUG_MESSAGE");
-    EXPECT_EQ(m.id, MID_DEBUG_MESSAGE);
-    EXPECT_EQ(m.importance, Logging::kImportanceError);
-}
+    EXPECT_EQ(Only().text, "[TID=" + Tid() + "]\nFunction: Func\nFile: file.cpp\nLine: 12\ntext 7");
+    EXPECT_EQ(Only().severity, 7);
+    EXPECT_EQ(Only().name, "MID_DEBUG_MESSAGE");
+    EXPECT_EQ(Only().id, MID_DEBUG_MESSAGE);
+    EXPECT_EQ(Only().importance, Logging::kImportanceError);
 
-// Guards the description rule of message 2: strerror_r below 0xFE000000 only.
-TEST_F(AppLogTest, ReturnCodeIsDescribedBySystemTextOnlyForSystemCodes) {
-    StartLog();
     struct Case {
         long code;
         const char* description;
@@ -125,97 +128,90 @@ TEST_F(AppLogTest, ReturnCodeIsDescribedBySystemTextOnlyForSystemCodes) {
         CAppLog::LogReturnCode("F", "f.cpp", 3, Logging::kImportanceInfo, "open", c.code,
                                c.description, "after %s", "call");
         ASSERT_EQ(m_messages->size(), 1u);
-        EXPECT_EQ(m_messages->front().text, Tid() +
-                                                "\nFunction: F\nFile: f.cpp\nLine: 3\n"
-                                                "Invoked Function: open\n" +
-                                                c.expected + "after call");
-        EXPECT_EQ(m_messages->front().name, "MID_DEBUG_RETURN_CODE");
+        EXPECT_EQ(Only().text, "[TID=" + Tid() + "]\nFunction: F\nFile: f.cpp\nLine: 3\n" +
+                                   "Invoked Function: open\n" + c.expected + "after call");
+        EXPECT_EQ(Only().name, "MID_DEBUG_RETURN_CODE");
     }
 }
 
-// Guards the fixed formatting buffers: long texts are cut, never overrun.
+// A text longer than the fixed formatting buffers overrunning them instead of being cut.
 TEST_F(AppLogTest, LongTextsAreTruncatedToTheBuffers) {
     StartLog();
     m_messages->clear();
     const std::string big(5000, 'x');
     CAppLog::LogDebugMessage("F", "f", 1, Logging::kImportanceInfo, "%s", big.c_str());
-    ASSERT_EQ(m_messages->size(), 1u);
-    const std::string& text = m_messages->front().text;
     const std::string kept(CAppLog::kTextBufferBytes - 1, 'x');
-    ASSERT_GT(text.size(), kept.size());
-    EXPECT_EQ(text.substr(text.size() - kept.size() - 1), "\n" + kept);
+    ASSERT_GT(Only().text.size(), kept.size());
+    EXPECT_EQ(Only().text.substr(Only().text.size() - kept.size() - 1), "\n" + kept);
     m_messages->clear();
     CAppLog::LogMessage(MID_UNKNOWN, big.c_str());
-    EXPECT_EQ(m_messages->front().text, std::string(CAppLog::kMessageBufferBytes - 1, 'x'));
-    EXPECT_EQ(m_messages->front().importance, Logging::kImportanceTable);
-    EXPECT_EQ(m_messages->front().severity, 5);
+    EXPECT_EQ(Only().text, std::string(CAppLog::kMessageBufferBytes - 1, 'x'));
+    EXPECT_EQ(Only().importance, Logging::kImportanceTable);
 }
 
-// Guards the table search: ids inside a set are known, the first id past a set is not,
-// and neither kind reads the caller's arguments.
-TEST_F(AppLogTest, MessageIdsOutsideTheFirstSetNeverReadArguments) {
+// A table search that misses a set's edge, or a product or unknown id whose format reads
+// the caller's arguments (set 0 alone has formats that take them).
+TEST_F(AppLogTest, MessageTableLookup) {
     StartLog();
     struct Case {
         Logging::MessageID id;
         const char* name;
-    } cases[] = {{4, "MID_UNKNOWN_MESSAGE_ID"},         {101, "MID_PRODUCT_MESSAGE"},
-                 {103, "MID_PRODUCT_MESSAGE"},          {104, "MID_UNKNOWN_MESSAGE_ID"},
-                 {2161, "MID_PRODUCT_MESSAGE"},         {2162, "MID_UNKNOWN_MESSAGE_ID"},
-                 {6300, "MID_PRODUCT_MESSAGE"},         {6301, "MID_UNKNOWN_MESSAGE_ID"},
-                 {7007, "MID_PRODUCT_MESSAGE"},         {7008, "MID_UNKNOWN_MESSAGE_ID"},
+    } cases[] = {{4, "MID_UNKNOWN_MESSAGE_ID"},  {101, "MID_PRODUCT_MESSAGE"},
+                 {103, "MID_PRODUCT_MESSAGE"},   {104, "MID_UNKNOWN_MESSAGE_ID"},
+                 {2161, "MID_PRODUCT_MESSAGE"},  {2162, "MID_UNKNOWN_MESSAGE_ID"},
+                 {7007, "MID_PRODUCT_MESSAGE"},  {7008, "MID_UNKNOWN_MESSAGE_ID"},
                  {0xFFFFFFFF, "MID_UNKNOWN_MESSAGE_ID"}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.id);
         m_messages->clear();
-        // An int where a format might expect a string: must not be read.
-        CAppLog::LogMessage(c.id, 12345);
+        CAppLog::LogMessage(c.id, 12345);  // an int where a format might expect a string
         ASSERT_EQ(m_messages->size(), 1u);
-        EXPECT_EQ(m_messages->front().name, c.name);
-        EXPECT_EQ(m_messages->front().id, c.id);
-        EXPECT_THAT(m_messages->front().text, HasSubstr(std::to_string(c.id)));
-        EXPECT_EQ(CLoggingMessages::IsKnown(c.id), std::string(c.name) == "MID_PRODUCT_MESSAGE");
+        EXPECT_EQ(Only().name, c.name);
+        EXPECT_EQ(Only().id, c.id);
+        EXPECT_THAT(Only().text, HasSubstr(std::to_string(c.id)));
     }
+    m_messages->clear();
+    CAppLog::LogMessage(MID_UNKNOWN, "set zero");
+    EXPECT_EQ(Only().text, "set zero");
+    EXPECT_EQ(Only().severity, 5);
 }
 
-// Guards instance counting: the logger lives while any instance does.
+// A logger or configuration released while an instance still needs it, a null logger
+// replacing the installed one, or either surviving the last instance.
 TEST_F(AppLogTest, LastInstanceReleasesLoggerAndConfiguration) {
-    EXPECT_FALSE(CAppLog::HasLogger());
     EXPECT_EQ(CAppLog::UpdateLogger("x"), SWG_E_MODULE_NO_INSTANCE);
     WriteConfig(R"({"vpn_curl": 2})");
     StartLog();
     long result = -1;
     auto second = std::make_unique<CAppLog>(result, "second", nullptr);
     EXPECT_EQ(result, 0);
+    m_log.reset();
     m_messages->clear();
     CAppLog::LogMessage(MID_UNKNOWN, "kept");
-    EXPECT_EQ(m_messages->size(), 1u) << "a null logger must not replace the installed one";
-    m_log.reset();
-    EXPECT_TRUE(CAppLog::HasLogger());
+    EXPECT_EQ(m_messages->size(), 1u);
     EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_VPN_CURL), CUST_LOG_LEVEL_MEDIUM);
+
     EXPECT_EQ(CAppLog::UpdateLogger("replacement"), 0);
-    m_messages->clear();
     CAppLog::LogMessage(MID_UNKNOWN, "to syslog now");
-    EXPECT_TRUE(m_messages->empty());
+    EXPECT_EQ(m_messages->size(), 1u);
     second.reset();
-    EXPECT_FALSE(CAppLog::HasLogger());
     EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_VPN_CURL), CUST_LOG_LEVEL_OFF);
     EXPECT_EQ(CAppLog::IsLogVerboseMessage(CUST_LOG_VPN_CURL, CUST_LOG_LEVEL_LOW), "");
     CAppLog::LogDebugMessage("F", "f", 1, Logging::kImportanceInfo, "dropped");  // no logger
 }
 
-// Guards the per-thread id cache: each thread reports its own kernel id.
+// A thread id cached once for the process instead of once per thread.
 TEST_F(AppLogTest, ThreadIdIsThatOfTheCallingThread) {
-    StartLog();
     const int mine = CAppLog::GetCurrentThreadId();
-    EXPECT_EQ(mine, static_cast<int>(syscall(SYS_gettid)));
+    EXPECT_EQ(std::to_string(mine), Tid());
     int other = 0;
     std::thread([&other] { other = CAppLog::GetCurrentThreadId(); }).join();
     EXPECT_NE(other, 0);
     EXPECT_NE(other, mine);
 }
 
-// Guards the file's rules: unknown names skipped, values above 3 fall back to 0,
-// good values apply, and the summary lists all components.
+// An unknown name failing the load, a value outside 0-3 applied instead of the default 0,
+// or a summary that leaves components out.
 TEST_F(AppLogTest, ConfigurationAppliesKnownValuesAndReportsTheRest) {
     WriteConfig(R"({"vpn_curl": 2, "bogus": 1, "vpn_saml": 4, "certificate": 3, "vpn_pbr": -1})");
     StartLog();
@@ -223,119 +219,72 @@ TEST_F(AppLogTest, ConfigurationAppliesKnownValuesAndReportsTheRest) {
     EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_CERTIFICATE), CUST_LOG_LEVEL_HIGH);
     EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_VPN_SAML), CUST_LOG_LEVEL_OFF);
     EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_VPN_PBR), CUST_LOG_LEVEL_OFF);
-    EXPECT_EQ(CAppLog::GetLogLevel(static_cast<CUST_LOG_COMPONENT>(14)), CUST_LOG_LEVEL_OFF);
-    EXPECT_EQ(With("Skipping entry because of unknown component: bogus.").size(), 1u);
-    EXPECT_EQ(
-        With("Unexpected value for component \"vpn_saml\". Default value will be used.").size(),
-        1u);
-    EXPECT_EQ(With("Unexpected value for component \"vpn_pbr\".").size(), 1u);
-    const auto found = With("Custom debug log configuration file found:\n");
-    ASSERT_EQ(found.size(), 1u);
-    const std::string& summary = found[0].text;
+    EXPECT_EQ(CountWith("Skipping entry because of unknown component: bogus."), 1u);
+    EXPECT_EQ(CountWith("Unexpected value for component \"vpn_saml\". Default value will be used."),
+              1u);
+    EXPECT_EQ(CountWith("Unexpected value for component \"vpn_pbr\"."), 1u);
+    ASSERT_EQ(CountWith("Custom debug log configuration file found:\n"), 1u);
+    const std::string summary = FirstWith("file found:");
     EXPECT_THAT(summary, HasSubstr("vpn_curl : 2\n"));
     EXPECT_THAT(summary, HasSubstr("certificate : 3\n"));
     EXPECT_THAT(summary, HasSubstr("vpn_saml : 0\n"));
     size_t lines = 0;
-    for (size_t at = summary.find(" : "); at != std::string::npos;
-         at = summary.find(" : ", at + 1)) {
+    for (size_t at = summary.find(" : "); at != std::string::npos; at = summary.find(" : ", at + 1))
         ++lines;
-    }
-    EXPECT_EQ(lines, 24u);
+    EXPECT_EQ(lines, size_t{CAppLogCustomConfig::kComponentCount});
 }
 
-// Guards the verbose gate: level 0 never passes; a level passes up to the one in force.
+// Level 0 passing the verbose gate, or a level above the one in force passing it.
 TEST_F(AppLogTest, VerboseGateFollowsTheLevelInForce) {
     WriteConfig(R"({"vpn_curl": 2, "vpn_ipc": 3, "vpn_api": 1})");
     StartLog();
     EXPECT_EQ(CAppLog::IsLogVerboseMessage(CUST_LOG_VPN_CURL, CUST_LOG_LEVEL_OFF), "");
-    EXPECT_EQ(CAppLog::IsLogVerboseMessage(CUST_LOG_VPN_CURL, CUST_LOG_LEVEL_LOW), "vpn_curl");
     EXPECT_EQ(CAppLog::IsLogVerboseMessage(CUST_LOG_VPN_CURL, CUST_LOG_LEVEL_MEDIUM), "vpn_curl");
     EXPECT_EQ(CAppLog::IsLogVerboseMessage(CUST_LOG_VPN_CURL, CUST_LOG_LEVEL_HIGH), "");
-    EXPECT_EQ(CAppLog::IsLogVerboseMessage(CUST_LOG_VPN_SAML, CUST_LOG_LEVEL_LOW), "");
     EXPECT_EQ(CAppLog::IsLogAggVerboseMessage(
                   {CUST_LOG_VPN_API, CUST_LOG_VPN_CURL, CUST_LOG_VPN_SAML, CUST_LOG_VPN_IPC},
-                  CUST_LOG_LEVEL_LOW),
-              "vpn_api vpn_curl vpn_ipc");
-    EXPECT_EQ(CAppLog::IsLogAggVerboseMessage(
-                  {CUST_LOG_VPN_API, CUST_LOG_VPN_CURL, CUST_LOG_VPN_IPC}, CUST_LOG_LEVEL_MEDIUM),
+                  CUST_LOG_LEVEL_MEDIUM),
               "vpn_curl vpn_ipc");
     m_messages->clear();
     CAppLog::LogVerboseMessage("Fn", "v.cpp", 9, Logging::kImportanceInfo, CUST_LOG_VPN_CURL,
                                CUST_LOG_LEVEL_MEDIUM, "detail %s", "here");
-    ASSERT_EQ(m_messages->size(), 1u);
-    EXPECT_EQ(m_messages->front().text, "[TID=" + std::to_string(syscall(SYS_gettid)) +
-                                            " CLL=2][vpn_curl] v.cpp:9(Fn) detail here");
-    EXPECT_EQ(m_messages->front().name, "MID_VERBOSE_MESSAGE");
+    EXPECT_EQ(Only().text, "[TID=" + Tid() + " CLL=2][vpn_curl] v.cpp:9(Fn) detail here");
+    EXPECT_EQ(Only().name, "MID_VERBOSE_MESSAGE");
 }
 
-// Guards the missing-file path: one notice, no error report, defaults in force.
-TEST_F(AppLogTest, MissingFileLeavesDefaultsAndSaysSo) {
-    StartLog();
-    EXPECT_EQ(
-        With("Custom debug logging is disabled. Configuration json file is not present.").size(),
-        1u);
-    EXPECT_TRUE(With("Return Code").empty());
-    EXPECT_TRUE(With("file found").empty());
-    EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_VPN_CURL), CUST_LOG_LEVEL_OFF);
-}
-
-// Guards the parse failure path: logged with the parser's text, defaults in force.
-TEST_F(AppLogTest, MalformedFileIsReportedAndDefaultsStand) {
-    WriteConfig(R"({"vpn_curl": 2,)");
-    StartLog();
-    EXPECT_EQ(With("Failed to parse configuration file (").size(), 1u);
-    EXPECT_EQ(With("Return Code: -2147467259 (0x80004005)").size(), 1u);
-    EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_VPN_CURL), CUST_LOG_LEVEL_OFF);
-}
-
-// Guards that an empty file is a success with nothing read.
-TEST_F(AppLogTest, EmptyFileIsASuccessWithDefaults) {
-    WriteConfig("");
-    StartLog();
-    EXPECT_EQ(With("Custom debug log configuration file found:").size(), 1u);
-    EXPECT_TRUE(With("Return Code").empty());
-    EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_CERTIFICATE), CUST_LOG_LEVEL_OFF);
-}
-
-// Guards the unreadable path (a directory where the file should be): code 0xFEDE000A.
-TEST_F(AppLogTest, UnreadableFileGivesItsCodeAndMessage) {
-    ASSERT_EQ(mkdir((m_configDir + "/debuglogconfig.json").c_str(), 0700), 0);
-    std::string contents = "stale";
-    EXPECT_EQ(CAppLogCustomConfig::getConfigurationFileContents(contents),
-              SWG_E_LOGCFG_NOT_READABLE);
-    EXPECT_EQ(contents, "");
-    StartLog();
-    EXPECT_EQ(With("The configuration file for customizing debug logs is empty or is not readable.")
-                  .size(),
-              1u);
-    EXPECT_EQ(With("(0xFEDE000A)").size(), 1u);
-}
-
-// Guards the location: the file follows SWG_DATA_ROOT, and a missing file is 0xFEDE000C.
-TEST_F(AppLogTest, FileLiesUnderTheDataRoot) {
-    EXPECT_EQ(CAppLogCustomConfig::getConfigurationFilePath(),
-              m_root + "/trevo/trevoclient/debuglogconfig.json");
-    std::string contents;
-    EXPECT_EQ(CAppLogCustomConfig::getConfigurationFileContents(contents),
-              SWG_E_LOGCFG_NOT_PRESENT);
-    WriteConfig(R"({"vpn_ipc": 1})");
-    EXPECT_EQ(CAppLogCustomConfig::getConfigurationFileContents(contents), 0);
-    EXPECT_EQ(contents, R"({"vpn_ipc": 1})");
-}
-
-// Guards that the configuration is loaded once: a later change of the file is not read.
-TEST_F(AppLogTest, ConfigurationLoadsOnlyOnce) {
-    WriteConfig(R"({"vpn_ipc": 1})");
-    CAppLogCustomConfig config;
-    config.initConfigurationMap();
-    EXPECT_EQ(config.GetLevel(CUST_LOG_VPN_IPC), CUST_LOG_LEVEL_LOW);
-    WriteConfig(R"({"vpn_ipc": 3})");
-    config.initConfigurationMap();
-    EXPECT_EQ(config.GetLevel(CUST_LOG_VPN_IPC), CUST_LOG_LEVEL_LOW);
-    EXPECT_EQ(config.loadConfigurationFromFile(), 0);
-    EXPECT_EQ(config.GetLevel(CUST_LOG_VPN_IPC), CUST_LOG_LEVEL_HIGH);
-    EXPECT_EQ(config.GetName(CUST_LOG_VIRTUAL_ADAPTER_NTWKBNDQ), "virtual_adapter_ntwkbndq");
-    EXPECT_EQ(config.GetName(static_cast<CUST_LOG_COMPONENT>(15)), "");
+// A missing, malformed, empty or unreadable file treated as the wrong kind of failure (or
+// as none), or leaving anything but the defaults in force.
+TEST_F(AppLogTest, FileProblemsLeaveTheDefaults) {
+    const struct {
+        const char* contents;  // null: no file; "/": a directory in its place
+        const char* message;
+        const char* code;  // null: no return code is reported
+    } cases[] = {
+        {nullptr, "Custom debug logging is disabled. Configuration json file is not present.",
+         nullptr},
+        {R"({"vpn_curl": 2,)", "Failed to parse configuration file (", "(0x80004005)"},
+        {"", "Custom debug log configuration file found:", nullptr},
+        {"/", "The configuration file for customizing debug logs is empty or is not readable.",
+         "(0xFEDE000A)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        std::filesystem::remove_all(m_config);
+        if (c.contents != nullptr && std::string(c.contents) == "/") {
+            ASSERT_EQ(mkdir(m_config.c_str(), 0700), 0);
+        } else if (c.contents != nullptr) {
+            WriteConfig(c.contents);
+        }
+        m_messages->clear();
+        StartLog();
+        EXPECT_EQ(CountWith(c.message), 1u);
+        EXPECT_EQ(CountWith("Return Code"), c.code != nullptr ? 1u : 0u);
+        if (c.code != nullptr) {
+            EXPECT_EQ(CountWith(c.code), 1u);
+        }
+        EXPECT_EQ(CAppLog::GetLogLevel(CUST_LOG_VPN_CURL), CUST_LOG_LEVEL_OFF);
+        m_log.reset();
+    }
 }
 
 }  // namespace
