@@ -255,12 +255,14 @@ protected:
         // In its wait: subscribed to its exit event.
         ASSERT_TRUE(WaitUntil([&] { return worker.exit_event.subscriber_count() == 1; }));
     }
-    // Hands out a job that stays in ProcessEvent until `release` is signalled.
-    void StartHeldJob(condition_event& done) {
+    // Hands out a job that reports to `first` and stays in ProcessEvent until `release`.
+    void StartHeldJob() {
         worker.holdJobs = true;
-        ASSERT_EQ(worker.Start(done, false), 0);
+        ASSERT_EQ(worker.Start(first, false), 0);
         ASSERT_TRUE(worker.started.timed_wait(Guard()));
     }
+    // Done events outlive the worker: it may still notify them as a test ends.
+    condition_event first{true}, second{true};
     EventWorker worker;
 };
 
@@ -268,9 +270,8 @@ protected:
 // notified, and the thread goes back to idle for the next job.
 TEST_F(DnEventThreadTest, StartHandsOutAJobAndReportsCompletion) {
     for (int job = 1; job <= 2; ++job) {
-        condition_event done(true);
-        EXPECT_EQ(worker.Start(done, false), 0);
-        ASSERT_TRUE(done.timed_wait(Guard()));
+        EXPECT_EQ(worker.Start(first, false), 0);
+        ASSERT_TRUE(first.timed_wait(Guard()));
         EXPECT_EQ(worker.jobs, job);
         EXPECT_EQ(worker.stateDuringJob, CDnEventThread::kBusy);
         ASSERT_TRUE(WaitUntil([&] { return worker.work_state == CDnEventThread::kIdle; }));
@@ -280,8 +281,7 @@ TEST_F(DnEventThreadTest, StartHandsOutAJobAndReportsCompletion) {
 // Start on a busy thread without force must refuse and change nothing; with force it takes
 // over: the job in hand reports to the new event and the thread runs once more.
 TEST_F(DnEventThreadTest, StartOnABusyThread) {
-    condition_event first(true), second(true);
-    StartHeldJob(first);
+    StartHeldJob();
     EXPECT_EQ(worker.Start(second, false), 1);
     EXPECT_EQ(worker.work_state, CDnEventThread::kBusy);
     EXPECT_EQ(worker.done_event, &first);
@@ -299,12 +299,11 @@ TEST_F(DnEventThreadTest, StartOnABusyThread) {
 // Kill + Wait must end an idle event thread through its exit event, and during a job let
 // the job finish and report first.
 TEST_F(DnEventThreadTest, KillAndWaitEndTheThread) {
-    condition_event done(true);
-    StartHeldJob(done);
+    StartHeldJob();
     worker.Kill();
     worker.release.notify();
     EXPECT_EQ(worker.Wait(kGuardMs), 0);
-    EXPECT_TRUE(done.is_signal_one());
+    EXPECT_TRUE(first.is_signal_one());
     EXPECT_EQ(worker.work_state, CDnEventThread::kIdle);
 
     EventWorker idle;
@@ -319,8 +318,7 @@ TEST_F(DnEventThreadTest, KillAndWaitEndTheThread) {
 // With a job and the exit event both waiting, the exit event (index 0) wins: the job is not
 // run and the thread ends.
 TEST_F(DnEventThreadTest, ExitEventWinsOverAPendingJob) {
-    condition_event first(true), second(true);
-    StartHeldJob(first);
+    StartHeldJob();
     ASSERT_EQ(worker.Start(second, true), 0);  // a second job waits behind the first
     worker.exit_event.notify();                // without Kill, so the loop goes round
     worker.release.notify();

@@ -2,7 +2,6 @@
 // Free helpers: exact results and codes that other areas compare against.
 #include <arpa/inet.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -18,19 +17,17 @@
 
 namespace {
 
-// Guards the length rule first and the ASCII-only folding.
+// Case folding beyond A-Z, a length difference not reported as -1 at once, or a wrong sign.
 TEST(GlobalUtilsStrings, NocaseCompareTreatsLengthFirst) {
     EXPECT_EQ(StringNocaseCompare("ABC", "abcd"), -1);
     EXPECT_EQ(StringNocaseCompare("abcd", "ABC"), -1);
     EXPECT_EQ(StringNocaseCompare("ABC", "abc"), 0);
-    EXPECT_EQ(StringNocaseCompare("", ""), 0);
     EXPECT_EQ(StringNocaseCompare("0", "1"), -1);
     EXPECT_EQ(StringNocaseCompare("1", "0"), 1);
-    EXPECT_NE(StringNocaseCompare("[", "{"), 0);  // only A-Z fold
-    EXPECT_NE(StringNocaseCompare("true", "TRUX"), 0);
+    EXPECT_NE(StringNocaseCompare("[", "{"), 0);
 }
 
-// Guards the three trims, including texts made only of trimmed characters.
+// A trim that cuts inside the text, or fails on a text made only of trimmed characters.
 TEST(GlobalUtilsStrings, TrimRemovesOnlyTheGivenCharactersAtTheEnds) {
     std::string text = " \r\n value \t x\t\n";
     StringTrim(text, " \r\n\t");
@@ -38,56 +35,45 @@ TEST(GlobalUtilsStrings, TrimRemovesOnlyTheGivenCharactersAtTheEnds) {
     text = "--a--";
     StringTrimLeft(text, "-");
     EXPECT_EQ(text, "a--");
-    text = "--a--";
     StringTrimRight(text, "-");
-    EXPECT_EQ(text, "--a");
+    EXPECT_EQ(text, "a");
     text = "    ";
     StringTrim(text, " ");
     EXPECT_EQ(text, "");
-    text = "abc";
-    StringTrim(text, "");
-    EXPECT_EQ(text, "abc");
 }
 
-// Guards the wildcard matcher, backtracking included.
+// A wildcard matcher without backtracking, or one that lets a suffix pattern match the
+// bare domain.
 TEST(GlobalUtilsStrings, WildcardComparison) {
     struct Case {
         const char* text;
         const char* pattern;
         bool match;
-    } cases[] = {{"abc", "abc", true},
-                 {"abc", "ab", false},
-                 {"ab", "abc", false},
-                 {"abc", "a*c", true},
-                 {"abc", "*", true},
-                 {"", "*", true},
-                 {"", "", true},
-                 {"a", "", false},
-                 {"abc", "a*d", false},
-                 {"abcbc", "a*bc", true},
+    } cases[] = {{"abc", "abc", true},         {"abc", "ab", false},
+                 {"ab", "abc", false},         {"abc", "a*c", true},
+                 {"", "*", true},              {"a", "", false},
+                 {"abc", "a*d", false},        {"abcbc", "a*bc", true},
                  {"a.example.com", "*.example.com", true},
                  {"example.com", "*.example.com", false},
-                 {"xaybzc", "*a*b*c", true},
-                 {"xaybz", "*a*b*c", false},
+                 {"xaybzc", "*a*b*c", true},   {"xaybz", "*a*b*c", false},
                  {"abc", "**b**", true}};
     for (const Case& c : cases) {
         EXPECT_EQ(compareWithWildStr(c.text, c.pattern), c.match) << c.text << " ~ " << c.pattern;
     }
 }
 
-// Guards path joining with exactly one separator.
+// Doubled or missing separators between folder and file name.
 TEST(GlobalUtilsPaths, ConcatenatePathUsesOneSeparator) {
     EXPECT_EQ(ConcatenatePath("/opt/x", "SWGConfig.json", "/"), "/opt/x/SWGConfig.json");
-    EXPECT_EQ(ConcatenatePath("/opt/x/", "SWGConfig.json", "/"), "/opt/x/SWGConfig.json");
     EXPECT_EQ(ConcatenatePath("/opt/x//", "/a", "/"), "/opt/x/a");
     EXPECT_EQ(ConcatenatePath("", "a", "/"), "a");
     EXPECT_EQ(ConcatenatePath("d", "", "/"), "d");
     EXPECT_EQ(ConcatenatePath("d", "n", "::"), "d::n");
-    EXPECT_EQ(ConcatenatePath("d", "n", ""), "dn");
 }
 
-// Guards the data root switch that tests and the demo depend on.
-TEST(GlobalUtilsPaths, AllUsersPathFollowsDataRoot) {
+// The data root ignoring SWG_DATA_ROOT, or taking an empty one; the program's directory
+// with a trailing slash or pointing elsewhere.
+TEST(GlobalUtilsPaths, DataRootAndProgramDirectory) {
     std::string path = "stale";
     unsetenv("SWG_DATA_ROOT");
     EXPECT_TRUE(GetAllUsersAppDataPath(path));
@@ -99,23 +85,15 @@ TEST(GlobalUtilsPaths, AllUsersPathFollowsDataRoot) {
     EXPECT_TRUE(GetAllUsersAppDataPath(path));
     EXPECT_EQ(path, "/opt");
     unsetenv("SWG_DATA_ROOT");
-    EXPECT_EQ(GetTempFolderPath(path), 0);
-    EXPECT_EQ(path, "/tmp");
-}
 
-// Guards the program's directory and file existence against the real file system.
-TEST(GlobalUtilsPaths, ExecutableDirectoryHoldsThisTestProgram) {
     const std::string dir = GetExecutableDirectory();
     ASSERT_FALSE(dir.empty());
-    EXPECT_EQ(dir.front(), '/');
     EXPECT_NE(dir.back(), '/');
     EXPECT_TRUE(DoesFileExist(dir + "/test_foundation"));
-    EXPECT_TRUE(DoesFileExist(dir));
     EXPECT_FALSE(DoesFileExist(dir + "/no-such-file.json"));
-    EXPECT_FALSE(DoesFileExist(""));
 }
 
-// Guards HexEncode/HexDecode as a pair, and their refusals.
+// HexEncode and HexDecode not inverse, lower-case output, or a bad input half decoded.
 TEST(GlobalUtilsHex, EncodeAndDecodeAreInverse) {
     const unsigned char data[] = {0x00, 0x1F, 0xA0, 0xFF};
     std::unique_ptr<char[]> text(HexEncode(data, 4));
@@ -125,41 +103,32 @@ TEST(GlobalUtilsHex, EncodeAndDecodeAreInverse) {
     EXPECT_TRUE(HexDecode(reinterpret_cast<const unsigned char*>("001fA0Ff"), 8, back));
     EXPECT_EQ(back, std::vector<unsigned char>(data, data + 4));
     EXPECT_EQ(HexEncode(nullptr, 4), nullptr);
-    EXPECT_EQ(HexEncode(data, -1), nullptr);
-    std::unique_ptr<char[]> empty(HexEncode(data, 0));
-    ASSERT_NE(empty, nullptr);
-    EXPECT_STREQ(empty.get(), "");
     EXPECT_FALSE(HexDecode(reinterpret_cast<const unsigned char*>("ABC"), 3, back));
     EXPECT_TRUE(back.empty());
-    EXPECT_FALSE(HexDecode(reinterpret_cast<const unsigned char*>("zz"), 2, back));
-    EXPECT_FALSE(HexDecode(nullptr, 2, back));
+    EXPECT_FALSE(HexDecode(reinterpret_cast<const unsigned char*>("0z"), 2, back));
 }
 
-// Guards IsIPAddress: inet_addr's forms, the two refused addresses, and the value.
+// 0.0.0.0 or 255.255.255.255 taken as an address, short forms refused, or a value left
+// behind on refusal.
 TEST(GlobalUtilsAddresses, IsIPAddressFollowsInetAddr) {
     struct Case {
         const char* text;
         bool ok;
         unsigned int value;
-    } cases[] = {{"1.2.3.4", true, 0x01020304},
-                 {"0.0.0.0", false, 0},
-                 {"255.255.255.255", false, 0},
-                 {"1", true, 1},
-                 {"10.1", true, 0x0A000001},
-                 {"garbage", false, 0},
-                 {"", false, 0},
-                 {"256.1.1.1", false, 0},
-                 {"::1", false, 0},
-                 {"198.18.0.1", true, 0xC6120001}};
+    } cases[] = {{"1.2.3.4", true, 0x01020304}, {"0.0.0.0", false, 0},
+                 {"255.255.255.255", false, 0}, {"1", true, 1},
+                 {"10.1", true, 0x0A000001},    {"garbage", false, 0},
+                 {"", false, 0},                {"256.1.1.1", false, 0},
+                 {"::1", false, 0}};
     for (const Case& c : cases) {
         unsigned int value = 0xDEADBEEF;
         EXPECT_EQ(IsIPAddress(c.text, &value), c.ok) << c.text;
         EXPECT_EQ(value, c.value) << c.text;
     }
-    EXPECT_TRUE(IsIPAddress("127.0.0.1"));
 }
 
-// Guards the literal checks that decide between address and host name.
+// A literal of one family taken for the other, brackets accepted, or the any addresses
+// refused where they are allowed.
 TEST(GlobalUtilsAddresses, LiteralChecksByFamily) {
     struct Case {
         const char* text;
@@ -168,11 +137,10 @@ TEST(GlobalUtilsAddresses, LiteralChecksByFamily) {
         bool validOrAny;
     } cases[] = {
         {"::1", true, true, true},      {"::", true, true, true},
-        {"fe80::1", true, true, true},  {"::ffff:10.0.0.0", true, true, true},
-        {"[::1]", false, false, false}, {"10.0.0.0", false, true, true},
-        {"0.0.0.0", false, true, true}, {"255.255.255.255", false, true, false},
-        {"1", false, false, true},      {"example.com", false, false, false},
-        {"", false, false, false},      {"1.2.3.4.5", false, false, false},
+        {"::ffff:10.0.0.0", true, true, true}, {"[::1]", false, false, false},
+        {"10.0.0.0", false, true, true}, {"0.0.0.0", false, true, true},
+        {"255.255.255.255", false, true, false}, {"1", false, false, true},
+        {"example.com", false, false, false},    {"1.2.3.4.5", false, false, false},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(IsIPv6Address(c.text), c.v6) << c.text;
@@ -181,31 +149,25 @@ TEST(GlobalUtilsAddresses, LiteralChecksByFamily) {
     }
 }
 
-// Guards the address-to-text conversions of both families and the socket address.
-TEST(GlobalUtilsAddresses, AddressesToText) {
-    in_addr v4{};
-    ASSERT_EQ(inet_pton(AF_INET, "198.18.0.7", &v4), 1);
-    EXPECT_EQ(InaddrToAddress(v4), "198.18.0.7");
-    in6_addr v6{};
-    ASSERT_EQ(inet_pton(AF_INET6, "2001:db8:0:0::1", &v6), 1);
-    EXPECT_EQ(Inaddr6ToAddress(v6), "2001:db8::1");
-
+// A socket address read as the wrong family, or the port written into the text.
+TEST(GlobalUtilsAddresses, SocketAddressToText) {
     sockaddr_in sin{};
     sin.sin_family = AF_INET;
-    sin.sin_addr = v4;
     sin.sin_port = htons(443);
+    ASSERT_EQ(inet_pton(AF_INET, "198.18.0.7", &sin.sin_addr), 1);
     EXPECT_EQ(SockaddrToAddress(reinterpret_cast<sockaddr*>(&sin)), "198.18.0.7");
     sockaddr_in6 sin6{};
     sin6.sin6_family = AF_INET6;
-    ASSERT_EQ(inet_pton(AF_INET6, "::ffff:1.2.3.4", &sin6.sin6_addr), 1);
-    EXPECT_EQ(SockaddrToAddress(reinterpret_cast<sockaddr*>(&sin6)), "::ffff:1.2.3.4");
+    ASSERT_EQ(inet_pton(AF_INET6, "2001:db8:0:0::1", &sin6.sin6_addr), 1);
+    EXPECT_EQ(SockaddrToAddress(reinterpret_cast<sockaddr*>(&sin6)), "2001:db8::1");
     sockaddr_un sun{};
     sun.sun_family = AF_UNIX;
     EXPECT_EQ(SockaddrToAddress(reinterpret_cast<sockaddr*>(&sun)), "");
     EXPECT_EQ(SockaddrToAddress(nullptr), "");
 }
 
-// Guards the status-line reader and its 20-byte window.
+// A status code read past the 20-byte window or the given length, or a missing code not
+// reported as 30002.
 TEST(GlobalUtilsHttp, StatusCodeFromTheFirstTwentyBytes) {
     struct Case {
         const char* header;
@@ -214,22 +176,22 @@ TEST(GlobalUtilsHttp, StatusCodeFromTheFirstTwentyBytes) {
     } cases[] = {
         {"HTTP/1.1 200 OK\r\n", 17, 200},
         {"HTTP/1.0 302 Found\r\nLocation: x\r\n", 33, 302},
-        {"HTTP/1.1 503", 12, 503},
         {"HTTP/1.1 200 OK", 10, 2},  // length cuts the code short
         {"HTTP/1.1 200", 9, SWG_E_HTTP_NO_STATUS_CODE},
-        {"HTTP/1.1", 8, SWG_E_HTTP_NO_STATUS_CODE},
         {"HTTP/1.1 OK 200", 15, SWG_E_HTTP_NO_STATUS_CODE},
         {"HTTP/1.1234567890123456789 200", 30, SWG_E_HTTP_NO_STATUS_CODE},
         {"", 0, SWG_E_HTTP_NO_STATUS_CODE},
-        {"HTTP/1.1 2000", 13, 200},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(GetStatusCodeFromHTTPHeader(c.header, c.length), c.code) << c.header;
     }
-    EXPECT_EQ(GetStatusCodeFromHTTPHeader(nullptr, 10), SWG_E_HTTP_NO_STATUS_CODE);
+    EXPECT_EQ(GetStatusCodeFromHTTPHeader(nullptr, 10), 30002);
+    EXPECT_EQ(GetHTTPStatusCodeDef(302), "Found");
+    EXPECT_EQ(GetHTTPStatusCodeDef(SWG_E_HTTP_NO_STATUS_CODE), "Unknown");
 }
 
-// Guards URL splitting for the web client and the echo service probe.
+// A URL without a host accepted (30004 expected), the port cut from the host, or stale
+// outputs left on failure.
 TEST(GlobalUtilsHttp, HostAndRequestFromUrl) {
     struct Case {
         const char* url;
@@ -243,7 +205,7 @@ TEST(GlobalUtilsHttp, HostAndRequestFromUrl) {
         {"http://a.example/", 0, "a.example", ""},
         {"http://a.example", SWG_E_HTTP_BAD_URL, "", ""},
         {"http:///path", SWG_E_HTTP_BAD_URL, "", ""},
-        {"", SWG_E_HTTP_BAD_URL, "", ""},
+        {"", 30004, "", ""},
     };
     for (const Case& c : cases) {
         std::string host = "stale";
@@ -254,17 +216,13 @@ TEST(GlobalUtilsHttp, HostAndRequestFromUrl) {
     }
 }
 
-// Guards the captive portal domain: lower case, no scheme, www, port, path or query.
-TEST(GlobalUtilsHttp, DomainFromUrlIsBare) {
+// A captive portal domain that keeps case, scheme, www, port, path or query; an ETag
+// header missed in another case or found inside another header's name.
+TEST(GlobalUtilsHttp, DomainFromUrlAndEtag) {
     EXPECT_EQ(ExtractDomainFromUrl("HTTP://WWW.Portal.Example:8080/login?x=1"), "portal.example");
     EXPECT_EQ(ExtractDomainFromUrl("https://portal.example?next=http://www.x"), "portal.example");
-    EXPECT_EQ(ExtractDomainFromUrl("portal.example/a:b"), "portal.example");
     EXPECT_EQ(ExtractDomainFromUrl("/relative/path"), "");
-    EXPECT_EQ(ExtractDomainFromUrl(""), "");
-}
 
-// Guards the ETag reader: any case of the name, value kept with its quotes.
-TEST(GlobalUtilsHttp, EtagFromHeaders) {
     std::string etag = "stale";
     EXPECT_TRUE(GetEtagFromHTTPHeaders("HTTP/1.1 200 OK\r\nETag: \"abc\"\r\n\r\n", etag));
     EXPECT_EQ(etag, "\"abc\"");
@@ -274,65 +232,37 @@ TEST(GlobalUtilsHttp, EtagFromHeaders) {
     EXPECT_EQ(etag, "");
 }
 
-// Guards the lookup and its fallback for codes without a phrase (30002 included).
-TEST(GlobalUtilsHttp, StatusCodeDefinitions) {
-    EXPECT_EQ(GetHTTPStatusCodeDef(302), "Found");
-    EXPECT_EQ(GetHTTPStatusCodeDef(499), "Unknown");
-    EXPECT_EQ(GetHTTPStatusCodeDef(SWG_E_HTTP_NO_STATUS_CODE), "Unknown");
-}
-
-// Guards the bounds-checked copies: errors, truncation refused, destination cleared.
-TEST(GlobalUtilsBounded, CopiesRefuseWhatDoesNotFit) {
+// A bounded copy that overruns, leaves the destination unterminated or half written, or
+// reports the wrong length.
+TEST(GlobalUtilsBounded, CopiesTruncateOrRefuseAndAlwaysTerminate) {
     char dest[4] = {'x', 'x', 'x', 'x'};
     EXPECT_EQ(memcpy_s(dest, sizeof(dest), "abcd", 4), 0);
     EXPECT_EQ(std::memcmp(dest, "abcd", 4), 0);
     EXPECT_EQ(memcpy_s(dest, sizeof(dest), "abcde", 5), ERANGE);
     EXPECT_EQ(dest[0], '\0');
     EXPECT_EQ(memcpy_s(nullptr, 4, "a", 1), EINVAL);
-    EXPECT_EQ(memcpy_s(dest, sizeof(dest), nullptr, 1), EINVAL);
-
     EXPECT_EQ(strcpy_s(dest, sizeof(dest), "abc"), 0);
     EXPECT_STREQ(dest, "abc");
     EXPECT_EQ(strcpy_s(dest, sizeof(dest), "abcd"), ERANGE);
     EXPECT_STREQ(dest, "");
-    EXPECT_EQ(strcpy_s(dest, 0, "a"), EINVAL);
-    EXPECT_EQ(strcpy_s(dest, sizeof(dest), nullptr), EINVAL);
-
     EXPECT_EQ(strnlen_s("abcdef", 4), 4u);
-    EXPECT_EQ(strnlen_s("ab", 4), 2u);
-    EXPECT_EQ(strnlen_s(nullptr, 4), 0u);
-    EXPECT_EQ(safe_strnlenA("abcdef", 3), 3u);
-    EXPECT_EQ(safe_strnlenA(nullptr, 3), 0u);
-}
 
-// Guards strlcpy/strlcat behaviour: truncated, terminated, length tried returned.
-TEST(GlobalUtilsBounded, SafeCopyAndAppendTruncate) {
     char buffer[6];
     EXPECT_EQ(safe_strlcpyA(buffer, "abc", sizeof(buffer)), 3u);
-    EXPECT_STREQ(buffer, "abc");
     EXPECT_EQ(safe_strlcatA(buffer, "defgh", sizeof(buffer)), 8u);
-    EXPECT_STREQ(buffer, "abcde");
-    EXPECT_EQ(safe_strlcatA(buffer, "z", sizeof(buffer)), 6u);
     EXPECT_STREQ(buffer, "abcde");
     EXPECT_EQ(safe_strlcpyA(buffer, "0123456789", sizeof(buffer)), 10u);
     EXPECT_STREQ(buffer, "01234");
     char unterminated[3] = {'a', 'b', 'c'};
     EXPECT_EQ(safe_strlcatA(unterminated, "d", sizeof(unterminated)), 4u);
     EXPECT_EQ(std::memcmp(unterminated, "abc", 3), 0);
-    EXPECT_EQ(safe_strlcpyA(nullptr, "a", 2), 0u);
-}
 
-// Guards the formatting bound: the result counts what was stored, never more.
-TEST(GlobalUtilsBounded, SafeFormattingTruncatesAndReportsStored) {
-    char buffer[8];
-    EXPECT_EQ(safe_snprintfA(buffer, sizeof(buffer), "%d-%s", 42, "ok"), 5);
-    EXPECT_STREQ(buffer, "42-ok");
-    EXPECT_EQ(safe_snprintfA(buffer, sizeof(buffer), "%s", "0123456789"), 7);
-    EXPECT_STREQ(buffer, "0123456");
-    EXPECT_EQ(safe_snprintfA(buffer, 1, "%s", "x"), 0);
-    EXPECT_STREQ(buffer, "");
-    EXPECT_EQ(safe_snprintfA(buffer, 0, "%s", "x"), -1);
-    EXPECT_EQ(safe_snprintfA(nullptr, 8, "%s", "x"), -1);
+    char formatted[8];
+    EXPECT_EQ(safe_snprintfA(formatted, sizeof(formatted), "%d-%s", 42, "ok"), 5);
+    EXPECT_STREQ(formatted, "42-ok");
+    EXPECT_EQ(safe_snprintfA(formatted, sizeof(formatted), "%s", "0123456789"), 7);
+    EXPECT_STREQ(formatted, "0123456");
+    EXPECT_EQ(safe_snprintfA(formatted, 0, "%s", "x"), -1);
 }
 
 }  // namespace
