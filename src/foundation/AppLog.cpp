@@ -93,11 +93,6 @@ CAppLog::~CAppLog() {
     }
 }
 
-bool CAppLog::HasLogger() {
-    CManualLockHolder hold(getLock());
-    return sm_pLogger != nullptr;
-}
-
 long CAppLog::UpdateLogger(const char* name) {
     CManualLockHolder hold(getLock());
     if (sm_instanceCount == 0) return SWG_E_MODULE_NO_INSTANCE;

@@ -31,9 +31,6 @@ public:
     CAppLog(const CAppLog&) = delete;
     CAppLog& operator=(const CAppLog&) = delete;
 
-    // Whether a logger is installed.
-    static bool HasLogger();
-
     // Replaces the logger with a new CSyslogLogger named `name`. Returns 0, 0xFE00000A
     // when no instance exists, 0x8007000E when it cannot be allocated.
     static long UpdateLogger(const char* name);

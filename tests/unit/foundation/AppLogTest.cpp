@@ -156,10 +156,10 @@ TEST_F(AppLogTest, MessageTableLookup) {
     struct Case {
         Logging::MessageID id;
         const char* name;
-    } cases[] = {{4, "MID_UNKNOWN_MESSAGE_ID"},  {101, "MID_PRODUCT_MESSAGE"},
-                 {103, "MID_PRODUCT_MESSAGE"},   {104, "MID_UNKNOWN_MESSAGE_ID"},
-                 {2161, "MID_PRODUCT_MESSAGE"},  {2162, "MID_UNKNOWN_MESSAGE_ID"},
-                 {7007, "MID_PRODUCT_MESSAGE"},  {7008, "MID_UNKNOWN_MESSAGE_ID"},
+    } cases[] = {{4, "MID_UNKNOWN_MESSAGE_ID"},         {101, "MID_PRODUCT_MESSAGE"},
+                 {103, "MID_PRODUCT_MESSAGE"},          {104, "MID_UNKNOWN_MESSAGE_ID"},
+                 {2161, "MID_PRODUCT_MESSAGE"},         {2162, "MID_UNKNOWN_MESSAGE_ID"},
+                 {7007, "MID_PRODUCT_MESSAGE"},         {7008, "MID_UNKNOWN_MESSAGE_ID"},
                  {0xFFFFFFFF, "MID_UNKNOWN_MESSAGE_ID"}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.id);

@@ -25,9 +25,14 @@ std::string Decode(const std::string& text) {
 
 // A wrong alphabet, bit order or padding (RFC 4648 section 10 vectors).
 TEST(Base64, KnownVectorsEncodeAndDecode) {
-    const std::pair<std::string, std::string> vectors[] = {
-        {"", ""},          {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
-        {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {"\xFB\xFF", "+/8="}};
+    const std::pair<std::string, std::string> vectors[] = {{"", ""},
+                                                           {"f", "Zg=="},
+                                                           {"fo", "Zm8="},
+                                                           {"foo", "Zm9v"},
+                                                           {"foob", "Zm9vYg=="},
+                                                           {"fooba", "Zm9vYmE="},
+                                                           {"foobar", "Zm9vYmFy"},
+                                                           {"\xFB\xFF", "+/8="}};
     for (const auto& v : vectors) {
         SCOPED_TRACE(v.second);
         EXPECT_EQ(Encode(v.first, 0), v.second);

@@ -85,9 +85,8 @@ TEST(ConditionEventTest, NotifyAllWakesEverySleeper) {
     condition_event event(false);
     auto plain = std::async(std::launch::async, [&] { return event.wait(), true; });
     auto timed = std::async(std::launch::async, [&] { return event.timed_wait(InMs(60000)); });
-    auto endless = std::async(std::launch::async, [&] {
-        return event.timed_wait(ptime(boost::posix_time::pos_infin));
-    });
+    auto endless = std::async(
+        std::launch::async, [&] { return event.timed_wait(ptime(boost::posix_time::pos_infin)); });
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     event.notify_all();
     ASSERT_TRUE(Ready(plain) && Ready(timed) && Ready(endless));
@@ -147,30 +146,29 @@ TEST(WaitForMultipleObjectsTest, TimeoutWithNothingSignalled) {
 }
 
 // With several entries signalled the lowest index must win; an automatic-reset event
-// reported is consumed, the others keep their signal, and a manual one is reported until reset.
+// reported is consumed, the others keep their signal, a manual one is reported until reset,
+// and a null entry counts as signalled after any lower entry that really is.
 TEST(WaitForMultipleObjectsTest, AnyOfGivesTheLowestIndexAndLeavesTheOthers) {
-    condition_event quiet(false), first(true), manual(false);
+    condition_event quiet(false), first(true), second(true), manual(false);
     first.notify();
-    manual.notify();
-    const std::vector<condition_event*> events{&quiet, &first, &manual};
-
+    second.notify();
+    const std::vector<condition_event*> events{&quiet, &first, &second};
     EXPECT_EQ(Wait(events, false, 0), 1);
-    EXPECT_TRUE(manual.is_signal_all());
+    EXPECT_TRUE(second.is_signal_one());
     EXPECT_EQ(Wait(events, false, 0), 2);
-    EXPECT_EQ(Wait(events, false, 0), 2);
-    manual.reset();
     EXPECT_EQ(Wait(events, false, 0), WAIT_TIMEOUT_CODE);
-}
 
-// A null entry counts as signalled, after any lower entry that really is.
-TEST(WaitForMultipleObjectsTest, NullEntryCountsAsSignalled) {
-    condition_event low(true), high(true);
-    high.notify();
-    EXPECT_EQ(Wait({&low, nullptr, &high}, false, WAIT_INFINITE), 1);
-    EXPECT_TRUE(high.is_signal_one());
-    low.notify();
-    EXPECT_EQ(Wait({&low, nullptr, &high}, false, 0), 0);
-    EXPECT_FALSE(low.is_signal_one());
+    manual.notify();
+    EXPECT_EQ(Wait({&quiet, &manual}, false, 0), 1);
+    EXPECT_EQ(Wait({&quiet, &manual}, false, 0), 1);
+    manual.reset();
+    EXPECT_EQ(Wait({&quiet, &manual}, false, 0), WAIT_TIMEOUT_CODE);
+
+    first.notify();
+    EXPECT_EQ(Wait({&quiet, nullptr, &first}, false, WAIT_INFINITE), 1);
+    EXPECT_TRUE(first.is_signal_one());
+    EXPECT_EQ(Wait({&first, nullptr}, false, 0), 0);
+    EXPECT_FALSE(first.is_signal_one());
 }
 
 // A signal arriving during the wait must end it with that entry's index, consume it, and

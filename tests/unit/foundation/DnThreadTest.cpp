@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -105,33 +106,37 @@ TEST(DnThreadTest, StartRunsTheBodyOnceAndTimedWaitGivesUpWhileItRuns) {
     EXPECT_FALSE(thread.m_isRunning);
 }
 
-class SelfJoiner : public CDnThread {
+// Runs the given body as its thread procedure.
+class BodyThread : public CDnThread {
 public:
-    ~SelfJoiner() override { Wait(); }
+    explicit BodyThread(std::function<void(CDnThread&)> body) : m_body(std::move(body)) {}
+    ~BodyThread() override { Wait(); }
     long ActualThreadProc(void*) override {
-        try {
-            Wait();
-        } catch (const boost::thread_resource_error& e) {
-            joinError = e.what();
-        }
-        try {
-            Wait(5);
-        } catch (const boost::thread_resource_error& e) {
-            timedJoinError = e.what();
-        }
+        m_body(*this);
         return 0;
     }
-    std::string joinError, timedJoinError;
+
+private:
+    std::function<void(CDnThread&)> m_body;
 };
 
-// A thread that waits for itself must get the boost error instead of hanging.
+// A thread that waits for itself hanging instead of getting the boost error, from either Wait.
 TEST(DnThreadTest, WaitOnItselfRaisesTheBoostError) {
-    SelfJoiner thread;
+    std::string errors;
+    BodyThread thread([&errors](CDnThread& self) {
+        for (const bool timed : {false, true}) {
+            try {
+                timed ? self.Wait(5) : self.Wait();
+            } catch (const boost::thread_resource_error& e) {
+                errors += std::string(e.what()) + "\n";
+            }
+        }
+    });
     thread.StartThread();
     ASSERT_EQ(thread.Wait(kGuardMs), 0);
-    EXPECT_NE(thread.joinError.find("boost thread: trying joining itself"), std::string::npos);
-    EXPECT_NE(thread.timedJoinError.find("boost thread: trying joining itself"),
-              std::string::npos);
+    const std::string line = "boost thread: trying joining itself";
+    EXPECT_NE(errors.find(line), std::string::npos) << errors;
+    EXPECT_NE(errors.find(line, errors.find(line) + 1), std::string::npos) << errors;
 }
 
 // Deinitialize and the destructor of a killed, running thread must join it before they
@@ -154,27 +159,21 @@ TEST(DnThreadTest, DeinitializeAndDestructorJoinAKilledThread) {
     }
 }
 
-class Thrower : public CDnThread {
-public:
-    ~Thrower() override { Wait(); }
-    long ActualThreadProc(void*) override {
-        if (throwCode) throw 0x80004005u;
-        throw std::runtime_error("boom");
-    }
-    bool throwCode = false;
-};
-
 // An exception leaving the body must end only that thread, logged, with the running mark
 // cleared so that the object can be started again.
 TEST(DnThreadTest, EscapedExceptionEndsTheThreadAndIsLogged) {
     RecordingTrace trace;
-    Thrower thread;
+    bool throwCode = false;
+    BodyThread thread([&throwCode](CDnThread&) {
+        if (throwCode) throw 0x80004005u;
+        throw std::runtime_error("boom");
+    });
     thread.StartThread();
     ASSERT_EQ(thread.Wait(kGuardMs), 0);
     EXPECT_FALSE(thread.m_isRunning);
     EXPECT_EQ(trace.Count(ERR, "Thread : (Thread)Exception escaped the thread: boom"), 1);
 
-    thread.throwCode = true;
+    throwCode = true;
     thread.StartThread();
     ASSERT_EQ(thread.Wait(kGuardMs), 0);
     EXPECT_EQ(trace.Count(ERR, "Thread : (Thread)Exception escaped the thread. Code : 80004005"),
@@ -291,8 +290,8 @@ TEST_F(DnEventThreadTest, StartOnABusyThread) {
     EXPECT_EQ(worker.done_event, &second);
     worker.release.notify();
     ASSERT_TRUE(second.timed_wait(Guard()));
-    ASSERT_TRUE(WaitUntil(
-        [&] { return worker.jobs == 2 && worker.work_state == CDnEventThread::kIdle; }));
+    ASSERT_TRUE(
+        WaitUntil([&] { return worker.jobs == 2 && worker.work_state == CDnEventThread::kIdle; }));
     EXPECT_FALSE(first.is_signal_one());
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -45,20 +46,15 @@ TEST(GlobalUtilsStrings, TrimRemovesOnlyTheGivenCharactersAtTheEnds) {
 // A wildcard matcher without backtracking, or one that lets a suffix pattern match the
 // bare domain.
 TEST(GlobalUtilsStrings, WildcardComparison) {
-    struct Case {
-        const char* text;
-        const char* pattern;
-        bool match;
-    } cases[] = {{"abc", "abc", true},         {"abc", "ab", false},
-                 {"ab", "abc", false},         {"abc", "a*c", true},
-                 {"", "*", true},              {"a", "", false},
-                 {"abc", "a*d", false},        {"abcbc", "a*bc", true},
-                 {"a.example.com", "*.example.com", true},
-                 {"example.com", "*.example.com", false},
-                 {"xaybzc", "*a*b*c", true},   {"xaybz", "*a*b*c", false},
-                 {"abc", "**b**", true}};
-    for (const Case& c : cases) {
-        EXPECT_EQ(compareWithWildStr(c.text, c.pattern), c.match) << c.text << " ~ " << c.pattern;
+    using Pair = std::pair<const char*, const char*>;  // text, pattern
+    for (const Pair& p :
+         {Pair{"abc", "abc"}, Pair{"abc", "a*c"}, Pair{"", "*"}, Pair{"abcbc", "a*bc"},
+          Pair{"a.example.com", "*.example.com"}, Pair{"xaybzc", "*a*b*c"}, Pair{"abc", "**b**"}}) {
+        EXPECT_TRUE(compareWithWildStr(p.first, p.second)) << p.first << " ~ " << p.second;
+    }
+    for (const Pair& p : {Pair{"abc", "ab"}, Pair{"ab", "abc"}, Pair{"a", ""}, Pair{"abc", "a*d"},
+                          Pair{"example.com", "*.example.com"}, Pair{"xaybz", "*a*b*c"}}) {
+        EXPECT_FALSE(compareWithWildStr(p.first, p.second)) << p.first << " ~ " << p.second;
     }
 }
 
@@ -115,10 +111,14 @@ TEST(GlobalUtilsAddresses, IsIPAddressFollowsInetAddr) {
         const char* text;
         bool ok;
         unsigned int value;
-    } cases[] = {{"1.2.3.4", true, 0x01020304}, {"0.0.0.0", false, 0},
-                 {"255.255.255.255", false, 0}, {"1", true, 1},
-                 {"10.1", true, 0x0A000001},    {"garbage", false, 0},
-                 {"", false, 0},                {"256.1.1.1", false, 0},
+    } cases[] = {{"1.2.3.4", true, 0x01020304},
+                 {"0.0.0.0", false, 0},
+                 {"255.255.255.255", false, 0},
+                 {"1", true, 1},
+                 {"10.1", true, 0x0A000001},
+                 {"garbage", false, 0},
+                 {"", false, 0},
+                 {"256.1.1.1", false, 0},
                  {"::1", false, 0}};
     for (const Case& c : cases) {
         unsigned int value = 0xDEADBEEF;
@@ -136,11 +136,16 @@ TEST(GlobalUtilsAddresses, LiteralChecksByFamily) {
         bool v4orV6;
         bool validOrAny;
     } cases[] = {
-        {"::1", true, true, true},      {"::", true, true, true},
-        {"::ffff:10.0.0.0", true, true, true}, {"[::1]", false, false, false},
-        {"10.0.0.0", false, true, true}, {"0.0.0.0", false, true, true},
-        {"255.255.255.255", false, true, false}, {"1", false, false, true},
-        {"example.com", false, false, false},    {"1.2.3.4.5", false, false, false},
+        {"::1", true, true, true},
+        {"::", true, true, true},
+        {"::ffff:10.0.0.0", true, true, true},
+        {"[::1]", false, false, false},
+        {"10.0.0.0", false, true, true},
+        {"0.0.0.0", false, true, true},
+        {"255.255.255.255", false, true, false},
+        {"1", false, false, true},
+        {"example.com", false, false, false},
+        {"1.2.3.4.5", false, false, false},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(IsIPv6Address(c.text), c.v6) << c.text;
