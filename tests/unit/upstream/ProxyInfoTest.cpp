@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "upstream/ProxyInfo.h"
-#include "upstream/PublicProxyManager.h"
 
 namespace {
 
@@ -110,30 +109,6 @@ TEST_F(ProxyInfoTest, ConcurrentWritersAndReadersSeeWholeRecords) {
     });
     for (std::thread& thread : threads) thread.join();
     EXPECT_FALSE(torn);
-}
-
-// A stand-in with the manager's acquire and release, counting what the guard gives back.
-struct CountedInstance {
-    static int s_released;
-    static void ReleaseSingletonInstance(CountedInstance* /*instance*/) { ++s_released; }
-};
-int CountedInstance::s_released = 0;
-
-// The guard releases what it holds exactly once, and nothing when the acquisition failed.
-TEST(SmartPtrInstanceTest, ReleasesAnAcquiredInstanceOnceAndNullNever) {
-    CountedInstance instance;
-    CountedInstance::s_released = 0;
-    {
-        CSmartPtrInstance<CountedInstance> held(&instance);
-        EXPECT_TRUE(static_cast<bool>(held));
-        EXPECT_EQ(held.get(), &instance);
-    }
-    EXPECT_EQ(CountedInstance::s_released, 1);
-    {
-        CSmartPtrInstance<CountedInstance> none(nullptr);
-        EXPECT_FALSE(static_cast<bool>(none));
-    }
-    EXPECT_EQ(CountedInstance::s_released, 1);
 }
 
 }  // namespace
