@@ -115,8 +115,7 @@ const FieldCase kFieldCases[] = {
 };
 // clang-format on
 
-// Guards each compared field: its change is seen, logged with its own text, stored whole,
-// and calls exactly its consequences; a second reload of the same file then finds nothing.
+// Guards each compared field: seen, logged with its text, stored whole, exactly its consequences.
 TEST_F(ConfigReloadTest, EachFieldChangeIsLoggedStoredAndActedOn) {
     for (const FieldCase& c : kFieldCases) {
         SCOPED_TRACE(c.path);
@@ -128,9 +127,7 @@ TEST_F(ConfigReloadTest, EachFieldChangeIsLoggedStoredAndActedOn) {
     }
 }
 
-// Guards the order of the consequences, that each runs once however many fields ask for it,
-// that a failed redirector restart is logged and the rest still run, and the full trace mask
-// for a level other than "0"; the change lines come in the order of the fields.
+// Guards the order of the consequences, once each, past a failed restart; the full trace mask.
 TEST_F(ConfigReloadTest, ConsequencesRunOnceEachInTheirOrder) {
     ASSERT_TRUE(Preload(EditConfig(FullConfig(), "orgConfig/logLevel", R"("0")")));
     m_agent.restartResult = false;
@@ -158,9 +155,7 @@ TEST_F(ConfigReloadTest, ConsequencesRunOnceEachInTheirOrder) {
     EXPECT_EQ(failures[0].priority, LOG_ERR);
 }
 
-// Guards the comparison rules that the field table cannot show: letter case alone is no
-// change for lists, and the key id and the IPv6 switch are not compared at all, but are
-// carried along once another field differs.
+// Guards list case, key id and IPv6 switch as no change alone, carried along with a real one.
 TEST_F(ConfigReloadTest, KeyIdAndIPv6SwitchAloneAreNoChange) {
     EXPECT_TRUE(ReloadWith(EditConfig(FullConfig(), "orgConfig/exceptionList",
                                       R"(["198.18.1.0/24","*.LOCAL"])"))

@@ -91,8 +91,7 @@ protected:
     std::unique_ptr<CConfigManager> m_manager;
 };
 
-// Guards survival of replacement by rename: the new file is watched and read once, a whole
-// quiet period after the last event, and a later edit of the replacement is seen too.
+// Guards replacement by rename: one reload a quiet period later, and the new file is watched.
 TEST_F(ConfigMonitorTest, RenameReplacementReloadsOnceAfterTheQuietPeriod) {
     StartWatching(kRealQuiet);
     m_folder.Replace(kFile, WithDomain("renamed.swg.test"));
@@ -108,8 +107,7 @@ TEST_F(ConfigMonitorTest, RenameReplacementReloadsOnceAfterTheQuietPeriod) {
     EXPECT_EQ(m_agent.LoadTimes().size(), 3u) << "more than one reload per change";
 }
 
-// Guards the quiet period's restart: writes a second apart keep postponing the reload, which
-// comes once, after the last write.
+// Guards the quiet period's restart: writes a second apart postpone the one reload.
 TEST_F(ConfigMonitorTest, FiveWritesASecondApartGiveOneReload) {
     StartWatching(kRealQuiet);
     Clock::time_point lastWrite;
@@ -125,8 +123,7 @@ TEST_F(ConfigMonitorTest, FiveWritesASecondApartGiveOneReload) {
     EXPECT_FALSE(WaitForReloads(3, milliseconds(1000)));
 }
 
-// Guards the file-missing state: a deletion never reloads (the last good record stays), and
-// the file's return is picked up by the folder watch and read once.
+// Guards the missing file: a deletion never reloads, the file's return reloads once.
 TEST_F(ConfigMonitorTest, DeleteThenRecreateReloadsOnceAfterTheFileIsBack) {
     StartWatching(kShortQuiet);
     m_folder.Remove(kFile);
@@ -141,10 +138,7 @@ TEST_F(ConfigMonitorTest, DeleteThenRecreateReloadsOnceAfterTheFileIsBack) {
     EXPECT_FALSE(WaitForReloads(3, kShortQuiet * 3));
 }
 
-// Guards the start without a file and the comparison through the watch: the first reload
-// reports the error, a file that appears later is read, unchanged content and a change of
-// letter case in the domain store nothing while one in the trusted server is stored, and a
-// malformed file keeps the record in force and reports "config_error".
+// Guards a late file, rewrites that store nothing or a case change, and a malformed file.
 TEST_F(ConfigMonitorTest, LaterFileRewritesAndBadFiles) {
     EXPECT_EQ(StartWatching(kShortQuiet, false), Texts{"SendSWGState:config_error:0"});
     m_folder.Write(kFile, FullConfig());
@@ -168,8 +162,7 @@ TEST_F(ConfigMonitorTest, LaterFileRewritesAndBadFiles) {
     EXPECT_EQ(DomainInForce(), "fixed.swg.test");
 }
 
-// Guards the stop: the pipe wakes the thread in the middle of a quiet period, the thread
-// ends, and the pending reload is dropped.
+// Guards the stop in the middle of a quiet period: the thread ends, the reload is dropped.
 TEST_F(ConfigMonitorTest, StopDuringTheQuietPeriodEndsWithoutAReload) {
     StartWatching(milliseconds(1000));
     m_folder.Write(kFile, WithDomain("dropped.swg.test"));
@@ -185,8 +178,7 @@ TEST_F(ConfigMonitorTest, StopDuringTheQuietPeriodEndsWithoutAReload) {
     EXPECT_EQ(DomainInForce(), "gateway.swg.test");
 }
 
-// Guards the set-up failure: without the folder there is nothing to watch and the thread
-// ends at once with its message.
+// Guards the set-up failure: without the folder the thread ends at once with its message.
 TEST_F(ConfigMonitorTest, MissingFolderEndsTheThread) {
     CConfigManager manager(m_agent, m_folder.PathOf("absent"), 100);
     manager.StartThread();
@@ -197,8 +189,7 @@ TEST_F(ConfigMonitorTest, MissingFolderEndsTheThread) {
         1u);
 }
 
-// Guards StopMonitorThread before any thread exists: it must not write its wake-up byte to
-// descriptor 0, which a pipe that was never made would leave in its place.
+// Guards a stop before any thread: no wake-up byte goes to descriptor 0 in the pipe's place.
 TEST(ConfigMonitorStop, StopWithoutThreadWritesNothing) {
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);

@@ -43,9 +43,8 @@ protected:
     swg_test::SyslogCapture m_capture;
 };
 
-// Guards the results of a file that cannot be used: a missing one is named with its full
-// path; one that is no readable regular file (a FIFO must not block the loader) or of
-// runaway size fails without reading; a malformed one says so before any override is read.
+// Guards missing, unreadable (a FIFO must not block), oversized, malformed and invalid files;
+// the override's absence is told right after the parse, validity comes last.
 TEST_F(LoadOrgInfoTest, UnusableFileResults) {
     const std::string file = PathOf("SWGConfig.json");
     std::string huge = FullConfig();
@@ -65,6 +64,10 @@ TEST_F(LoadOrgInfoTest, UnusableFileResults) {
         {"malformed",
          [&] { m_folder.Write("SWGConfig.json", "{"); },
          {"\nSWG : Failed to parse json file"}},
+        {"invalid",
+         [&] { m_folder.Write("SWGConfig.json", R"({"identity":{"overlayUser":"ov"}})"); },
+         {"\nSWG : Unable to open the custom config file", "\nSWG : Overlay user ID : Hov",
+          "\nSWG: JSON file has few empty values."}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -73,24 +76,11 @@ TEST_F(LoadOrgInfoTest, UnusableFileResults) {
         c.make();
         EXPECT_FALSE(Load());
         EXPECT_EQ(Lines(), c.lines);
+        for (const auto& line : m_capture.Lines()) EXPECT_EQ(line.priority, LOG_ERR);
     }
 }
 
-// Guards the order of the loader's messages around the override: its absence is reported
-// right after the parse, before the file's own messages, and validity comes last.
-TEST_F(LoadOrgInfoTest, OverrideMessageComesAfterParseAndValidityLast) {
-    m_folder.Write("SWGConfig.json", R"({"identity":{"overlayUser":"ov"}})");
-    EXPECT_FALSE(Load());
-    const Texts expected = {"\nSWG : Unable to open the custom config file",
-                            "\nSWG : Overlay user ID : Hov",
-                            "\nSWG: JSON file has few empty values."};
-    EXPECT_EQ(Lines(), expected);
-    for (const auto& line : m_capture.Lines()) EXPECT_EQ(line.priority, LOG_ERR);
-}
-
-// Guards the override file: one that cannot be read is no override and no failure; one that
-// can is read line by line, its line ends vanishing also inside a JSON string, and a last
-// line without a line end still counts.
+// Guards the override: unreadable is none; read line by line, line ends vanish everywhere.
 TEST_F(LoadOrgInfoTest, OverrideIsReadLineByLine) {
     m_folder.Write("SWGConfig.json", FullConfig());  // its logLevel is "1"
     ASSERT_EQ(mkdir(PathOf("SWGConfigOverride.json").c_str(), 0700), 0);
@@ -106,8 +96,7 @@ TEST_F(LoadOrgInfoTest, OverrideIsReadLineByLine) {
     EXPECT_EQ(m_capture.LinesWith("Unable to open the custom config file").size(), 1u);
 }
 
-// Guards the anycast flag: set from the last parsed file even when that file is refused,
-// cleared by a file without IPv6 addresses, left alone by a file that does not parse.
+// Guards the anycast flag: moved by every parsed file, refused or not, before validation.
 TEST_F(LoadOrgInfoTest, AnycastFlagMovesBeforeValidation) {
     m_folder.Write("SWGConfig.json", R"({"orgConfig":{"swgAnycastList":{"v6":["2001:db8::1"]}}})");
     EXPECT_FALSE(Load());
@@ -121,8 +110,7 @@ TEST_F(LoadOrgInfoTest, AnycastFlagMovesBeforeValidation) {
     EXPECT_TRUE(m_agent.GetAnycastV6Available()) << "a file that does not parse moves nothing";
 }
 
-// Guards the order of the gateway sources: domain, then the IPv6 list when wanted and
-// available, the IPv4 list, the single anycast address and last the host name.
+// Guards the order of the gateway sources.
 TEST(SWGProxyName, FirstSourceWins) {
     const struct {
         const char* domain;
@@ -160,8 +148,7 @@ TEST(SWGProxyName, FirstSourceWins) {
     }
 }
 
-// Guards the FIPS switch: without a FIPS provider the mode stays as it was, the OpenSSL error
-// is logged and the next call tries again; leaving FIPS mode needs no provider.
+// Guards a failed FIPS switch: mode kept, error logged, retried; leaving needs no provider.
 TEST(UpdateFedRampMode, MissingProviderLeavesTheModeAndIsRetried) {
     config_test::TempFolder noModules;
     const char* previous = getenv("OPENSSL_MODULES");
@@ -185,15 +172,10 @@ TEST(UpdateFedRampMode, MissingProviderLeavesTheModeAndIsRetried) {
     agent.UpdateFedRampMode();
     EXPECT_FALSE(agent.m_bFipsModeApplied);
     EXPECT_EQ(capture.LinesWith("Failed").size(), 2u);
-    if (previous != nullptr) {
-        setenv("OPENSSL_MODULES", saved.c_str(), 1);
-    } else {
-        unsetenv("OPENSSL_MODULES");
-    }
+    previous != nullptr ? setenv("OPENSSL_MODULES", saved.c_str(), 1) : unsetenv("OPENSSL_MODULES");
 }
 
-// Guards the shipped sample: it loads, names the gateway by domain with one anycast
-// address, and carries the throwaway public key exactly as the key file holds it.
+// Guards the shipped sample: it loads, with the throwaway public key exactly as in its file.
 TEST(SampleConfiguration, LoadsWithTheTestKey) {
     const std::string sample = std::string(SWG_SOURCE_DIR) + "/packaging/sample";
     std::ifstream keyFile(sample + "/licence-test-public.pem");

@@ -15,7 +15,6 @@
 
 namespace {
 
-using swg_test::FakeAnswer;
 using swg_test::Ipv4;
 using swg_test::Ipv6;
 using swg_test::WaitUntil;
@@ -66,7 +65,7 @@ protected:
         Addresses addresses;
         const int result = service.LookupIp("slow.swg.test", kShortMs, AF_INET, &addresses);
         EXPECT_TRUE(addresses.empty());
-        EXPECT_EQ(resolver.Held(), 1);
+        EXPECT_TRUE(resolver.WaitHeld(1));
         return result;
     }
 
@@ -76,15 +75,10 @@ protected:
     std::unique_ptr<CDnsLookupThread> lookups;
 };
 
-// Guards the three forward forms against losing, reordering or mixing up results, the array's
-// terminator and ownership, and the failures: the resolver's code (EAI_SYSTEM as its errno)
-// reaches the caller, and no stale or partial result does.
+// Guards the forward forms' results, order and ownership, and failures without stale results.
 TEST_F(DnsLookupTest, ForwardFormsGiveTheResolverAddressesOrItsError) {
     resolver.SetAddresses("gw.swg.test", {"198.18.0.10", "2001:db8::10", "198.18.0.11"});
-    FakeAnswer refused;
-    refused.code = EAI_SYSTEM;
-    refused.savedErrno = ECONNREFUSED;
-    resolver.SetAnswer("refused.swg.test", refused);
+    resolver.SetAddresses("refused.swg.test", {}, EAI_SYSTEM, ECONNREFUSED);
     CDnsLookupThread& service = Service(30);
 
     Addresses v4{7};
@@ -122,15 +116,13 @@ TEST_F(DnsLookupTest, ForwardFormsGiveTheResolverAddressesOrItsError) {
     EXPECT_TRUE(clock.Sleeps().empty());
 }
 
-// Guards the reverse lookups: the name on success, the resolver's code on failure, 60 and no
-// name on a timeout, no wait for a worker, and the IPv4 address 0 taken as a forward lookup of
-// "". (A worker turns idle a moment after its caller lets go; with one worker each lookup waits
-// for that first, as the reverse forms never retry.)
+// Guards the reverse lookups: name, resolver code, 60 on a timeout, no retry, address 0.
 TEST_F(DnsLookupTest, ReverseLookupsGiveNameOrError) {
     resolver.SetName("198.18.0.10", 0, "gateway.swg.test");
     resolver.SetName("2001:db8::10", 0, "gateway6.swg.test");
     resolver.SetName("0.0.0.0", 0, "zero.swg.test");
     resolver.SetAddresses("", {"198.18.0.1"});
+    // With one worker each lookup first waits for it to turn idle: reverse forms never retry.
     CDnsLookupThread& service = Service(1);
     std::vector<uint8_t> v6 = Ipv6("2001:db8::10");
 
@@ -162,9 +154,7 @@ TEST_F(DnsLookupTest, ReverseLookupsGiveNameOrError) {
     EXPECT_TRUE(clock.Sleeps().empty());
 }
 
-// Guards the central promise: a lookup slower than its timeout returns 60 at the timeout (not
-// the error of the worker's previous job), and its worker is not reused until the resolver
-// call has ended, not when the caller gave up; the next job sees none of its results.
+// Guards 60 for a slow lookup, and its worker kept out of the pool until the call has ended.
 TEST_F(DnsLookupTest, SlowLookupTimesOutAndItsWorkerReturnsOnlyWhenTheCallEnds) {
     CDnsLookupThread& service = Service(1);
     Addresses v4;
@@ -182,9 +172,7 @@ TEST_F(DnsLookupTest, SlowLookupTimesOutAndItsWorkerReturnsOnlyWhenTheCallEnds) 
     EXPECT_TRUE(clock.Sleeps().empty());
 }
 
-// Guards the wait for a worker: with every worker busy the lookup retries after 10, 20, ...
-// 2560 ms, logs each pause and the end, and returns 60, the array form alike; the list form
-// returns at once with the pool's error (none); a worker freed during the pauses is used.
+// Guards the retries for a worker (10 ... 2560 ms, then 60), none for the list form.
 TEST_F(DnsLookupTest, AllWorkersBusyGives60AfterTheRetrySchedule) {
     CDnsLookupThread& service = Service(1);
     ASSERT_EQ(AbandonSlowLookup(service), SWG_DNS_LOOKUP_TIMEOUT);
@@ -223,8 +211,7 @@ TEST_F(DnsLookupTest, AllWorkersBusyGives60AfterTheRetrySchedule) {
     EXPECT_EQ(clock.Sleeps().size(), 21u);
 }
 
-// Guards concurrent use: lookups from many threads at once each get their own answer, on no
-// more workers than the maximum.
+// Guards concurrent use: lookups from many threads at once each get their own answer.
 TEST_F(DnsLookupTest, ConcurrentLookupsEachGetTheirOwnAnswer) {
     constexpr int kThreads = 8;
     for (int i = 0; i < kThreads; ++i) {
@@ -252,8 +239,7 @@ TEST_F(DnsLookupTest, ConcurrentLookupsEachGetTheirOwnAnswer) {
     EXPECT_LE(service.Pool()->ActiveCount() + service.Pool()->IdleCount(), 30u);
 }
 
-// Guards the life cycle: initialising twice keeps the pool; a service taken down without
-// waiting starts afresh; an uninitialised service fails at once instead of crashing.
+// Guards the life cycle: a second Initialize keeps the pool; a service taken down fails at once.
 TEST_F(DnsLookupTest, LifecycleKeepsOrReplacesThePool) {
     resolver.SetAddresses("gw.swg.test", {"198.18.0.10"});
     CDnsLookupThread& service = Service(2);

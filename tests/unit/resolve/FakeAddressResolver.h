@@ -37,14 +37,6 @@ inline std::vector<uint8_t> Ipv6(const char* text) {
     return std::vector<uint8_t>(address.s6_addr, address.s6_addr + 16);
 }
 
-// What a forward lookup of one name gives: a resolver code, and on 0 the addresses (text, IPv4
-// or IPv6) in the order the resolver lists them.
-struct FakeAnswer {
-    int code = 0;
-    int savedErrno = 0;  // left in errno when code is EAI_SYSTEM
-    std::vector<std::string> addresses;
-};
-
 // Answers from tables. Forward answers honour the family of the hints, as the C library does;
 // a reverse call must give a whole address record and ask for a name (NI_NAMEREQD), or it fails.
 // Unknown names and addresses give EAI_NONAME. Records are allocated with their exact sizes so
@@ -53,14 +45,12 @@ struct FakeAnswer {
 // wants. Any thread may call anything.
 class FakeAddressResolver : public IAddressResolver {
 public:
-    void SetAnswer(const std::string& node, FakeAnswer answer) {
+    // Forward: `node` gives `addresses` (IPv4 or IPv6 texts, in the resolver's order), or with
+    // a `code` other than 0 that code, `savedErrno` left in errno.
+    void SetAddresses(const std::string& node, std::vector<std::string> addresses, int code = 0,
+                      int savedErrno = 0) {
         std::lock_guard<std::mutex> hold(m_lock);
-        m_answers[node] = std::move(answer);
-    }
-    void SetAddresses(const std::string& node, std::vector<std::string> addresses) {
-        FakeAnswer answer;
-        answer.addresses = std::move(addresses);
-        SetAnswer(node, std::move(answer));
+        m_answers[node] = {code, savedErrno, std::move(addresses)};
     }
     // Reverse: `address` is text; `code` 0 gives `name`.
     void SetName(const std::string& address, int code, const std::string& name) {
@@ -81,10 +71,6 @@ public:
     bool WaitHeld(int count) {
         std::unique_lock<std::mutex> hold(m_lock);
         return m_changed.wait_for(hold, std::chrono::seconds(10), [&] { return m_held >= count; });
-    }
-    int Held() {
-        std::lock_guard<std::mutex> hold(m_lock);
-        return m_held;
     }
     // Lists handed out by GetAddrInfo and not yet freed.
     int Outstanding() {
@@ -156,6 +142,12 @@ public:
     }
 
 private:
+    struct FakeAnswer {
+        int code = 0;
+        int savedErrno = 0;
+        std::vector<std::string> addresses;
+    };
+
     void PassGate() {
         std::unique_lock<std::mutex> hold(m_lock);
         if (m_gateOpen) return;

@@ -34,9 +34,7 @@ protected:
     CSWGAgent agent;
 };
 
-// Guards the 31-second lifetime (a hit at 30.9 s, a miss at 31 s, and a miss before the
-// stamp), and that a miss empties the list for good: a later get inside the old lifetime
-// still finds nothing.
+// Guards the lifetime (hit at 30.9 s, miss at 31 s or before the stamp); a miss empties.
 TEST_F(SWGAgentCacheTest, EntryLivesJustUnder31Seconds) {
     agent.CacheResolvedIPList("a.swg.test", kHostA4);
     agent.CacheResolvedIPV6List("a.swg.test", kHostA6);
@@ -60,8 +58,7 @@ TEST_F(SWGAgentCacheTest, EntryLivesJustUnder31Seconds) {
     EXPECT_TRUE(agent.GetCachedResolvedIPList("a.swg.test").empty());
 }
 
-// Guards the one-host rule: a get for another host empties that family's list (even though it
-// was fresh) and leaves the other family and the cached host alone.
+// Guards the one-host rule: a get for another host empties that family's list only.
 TEST_F(SWGAgentCacheTest, GetForAnotherHostEmptiesThatFamilyOnly) {
     agent.CacheResolvedIPList("a.swg.test", kHostA4);
     agent.CacheResolvedIPV6List("a.swg.test", kHostA6);
@@ -75,8 +72,7 @@ TEST_F(SWGAgentCacheTest, GetForAnotherHostEmptiesThatFamilyOnly) {
     EXPECT_TRUE(agent.GetCachedResolvedIPv6List("a.swg.test").empty());
 }
 
-// Guards the shared key as designed: caching one family for host B makes B the host of both
-// lists, so a get for B of the other family returns A's addresses within 31 s of A's stamp.
+// Guards the shared key: caching B in one family serves A's other-family list for B.
 TEST_F(SWGAgentCacheTest, SharedKeyServesTheOtherFamilysAddressesForTheNewHost) {
     agent.CacheResolvedIPList("a.swg.test", kHostA4);
     At(seconds(5));

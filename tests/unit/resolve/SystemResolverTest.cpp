@@ -169,9 +169,7 @@ bool AllWorkersIdle(CDnLookupThreadPool& pool) {
     _exit(g_childFailed ? 1 : 0);
 }
 
-// Guards the real path end to end: names from a hosts file resolve forward and back through
-// getaddrinfo and getnameinfo on the pool, and a name the resolver cannot answer in time gives
-// 60 while its worker waits out the resolver.
+// Guards the real resolver path: hosts-file names both ways, and 60 for an unanswered name.
 TEST(SystemResolverTest, HostsFileNamesResolveAndUnansweredNameTimesOut) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to create mount and network namespaces";
     {

@@ -64,9 +64,7 @@ protected:
     swg_test::FakeAddressResolver resolver;
 };
 
-// Guards the upper bound and reuse: the pool refuses at the maximum at once, leaving the error
-// alone, rather than create more workers or block; a worker whose job is over is handed out
-// again (found in the active list), never a new thread beside it.
+// Guards the maximum (refused at once, error untouched) and reuse of a finished worker.
 TEST_F(ThreadPoolThreadTest, GrowsToMaximumThenReusesFinishedWorkers) {
     auto pool = MakePool(1, 2);
     long error = 12345;
@@ -85,8 +83,7 @@ TEST_F(ThreadPoolThreadTest, GrowsToMaximumThenReusesFinishedWorkers) {
     EXPECT_EQ(Total(*pool), 2u);
 }
 
-// Guards the trim: one tick after a burst leaves exactly the minimum, busy workers are never
-// trimmed, and a worker whose loop has ended is discarded rather than handed out again.
+// Guards the trim: down to the minimum, never a busy worker, and ended workers discarded.
 TEST_F(ThreadPoolThreadTest, TickTrimsIdleWorkersDownToTheMinimum) {
     auto pool = MakePool(1, 5);
     std::vector<CDnLookupThread*> workers;
@@ -120,8 +117,7 @@ TEST_F(ThreadPoolThreadTest, RunningTimerShrinksThePoolAfterABurst) {
     pool->Wait();
 }
 
-// Guards the failure paths of making a worker: a start failure gives null with its code, an
-// allocation failure gives out of memory; neither leaves a worker listed.
+// Guards failures to make a worker: null with the start's code or out of memory, none listed.
 TEST_F(ThreadPoolThreadTest, WorkerCreationFailuresAreReported) {
     for (const bool raise : {false, true}) {
         Pool unstartable(60000, 1, 2, [this, raise] {

@@ -97,9 +97,7 @@ protected:
     std::string m_error;
 };
 
-// Guards the round trip: the gateway reads back exactly the identity the agent sealed, with a
-// fresh timestamp and nonce; the interface address travels only when given, and empty
-// identity members stay empty.
+// Guards the round trip: exactly the sealed identity, fresh timestamp, address only if given.
 TEST_F(LicenceHeaderTest, RoundTripWithSampleKeyPair) {
     const int64_t before = std::time(nullptr);
     std::string keyId, payload;
@@ -125,8 +123,7 @@ TEST_F(LicenceHeaderTest, RoundTripWithSampleKeyPair) {
     EXPECT_EQ(m_opened.strInterfaceAddress, "");
 }
 
-// Guards against replay: each build seals a new content key, IV and nonce, so no field of the
-// payload (but its version) repeats.
+// Guards against replay: no field of two payloads (but the version) repeats, nor the nonce.
 TEST_F(LicenceHeaderTest, TwoBuildsDiffer) {
     std::string keyId1, payload1, keyId2, payload2;
     ASSERT_NO_FATAL_FAILURE(Build(keyId1, payload1));
@@ -146,9 +143,7 @@ TEST_F(LicenceHeaderTest, TwoBuildsDiffer) {
     EXPECT_NE(m_opened.strNonce, nonce);
 }
 
-// Guards the seal: a change of any single character of the payload (version, separator,
-// wrapped key, IV, ciphertext, tag or padding), a longer or shorter payload, or the payload
-// moved under another key id, fails and yields no identity.
+// Guards the seal: any changed character, length or key id fails and yields no identity.
 TEST_F(LicenceHeaderTest, TamperingWithAnyByteFails) {
     std::string keyId, payload;
     ASSERT_NO_FATAL_FAILURE(Build(keyId, payload));
@@ -167,8 +162,7 @@ TEST_F(LicenceHeaderTest, TamperingWithAnyByteFails) {
     EXPECT_FALSE(Open("", payload));
 }
 
-// Guards the gateway side: another organisation's key learns nothing, and private keys that
-// cannot be used, or payloads that are malformed, are a reason rather than a crash.
+// Guards the gateway side: a wrong, bad or missing private key or malformed value is a reason.
 TEST_F(LicenceHeaderTest, WrongKeyOrMalformedValueFailsWithAReason) {
     std::string keyId, payload;
     ASSERT_NO_FATAL_FAILURE(Build(keyId, payload));
@@ -199,9 +193,7 @@ TEST_F(LicenceHeaderTest, WrongKeyOrMalformedValueFailsWithAReason) {
     }
 }
 
-// Guards the agent side: public keys that cannot be used fail cleanly with a reason, also the
-// second time (a cached failure); the key is also accepted as a bare base64 body or with
-// escaped line ends, as configurations carry it.
+// Guards bad public keys failing cleanly (twice: cached), and the key forms configurations use.
 TEST_F(LicenceHeaderTest, PublicKeyFormsAndUnusableKeys) {
     const std::string sample = m_org.strpKeyPem;
     const std::pair<std::string, const char*> unusable[] = {
@@ -236,9 +228,7 @@ TEST_F(LicenceHeaderTest, PublicKeyFormsAndUnusableKeys) {
     }
 }
 
-// Guards the limits: a key id that could break the header line (CR LF injection, spaces, too
-// long) or is missing is refused; long identities with JSON-special and non-ASCII characters
-// come back byte for byte, and one past the limit fails rather than being cut.
+// Guards key ids unfit for a header line, and long identities: whole, or refused past the limit.
 TEST_F(LicenceHeaderTest, KeyIdAndIdentityLimits) {
     for (const std::string& id : {std::string(""), std::string("key 1"),
                                   std::string("key\r\nX-Injected: 1"), std::string(300, 'k')}) {
@@ -264,8 +254,7 @@ TEST_F(LicenceHeaderTest, KeyIdAndIdentityLimits) {
     ExpectBuildFails("too long");
 }
 
-// Guards the key cache: connection threads build headers at the same time from the one cached
-// key, and every header opens.
+// Guards the key cache: headers built at once on several threads all open.
 TEST_F(LicenceHeaderTest, ConcurrentBuildsShareTheCachedKey) {
     std::vector<std::vector<std::string>> built(4 * 10);
     std::vector<std::thread> threads;

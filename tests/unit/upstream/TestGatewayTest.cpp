@@ -120,12 +120,7 @@ protected:
     swg_test::CGatewayProcess m_gateway;
 };
 
-// Guards the gateway's normal work: a CONNECT answers 200 with the Via line and carries a large
-// stream both ways with the client's half-close passed on; the licence it carries is opened with
-// the private key and logged right after the request, on standard output too; a plain HTTP
-// request goes to its Host without the licence lines and the log leaves out its query; each
-// licence problem gets its own line; a destination that refuses, or one outside loopback and the
-// test networks (never contacted), gets a 502.
+// Guards tunnel with Via, forwarding without licence lines, licence log lines, 502s.
 TEST_F(TestGatewayTest, TunnelsForwardsAndLogsLicences) {
     swg_test::TestServer echo(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
     std::string received;  // by the origin; read after it stopped
@@ -200,13 +195,7 @@ TEST_F(TestGatewayTest, TunnelsForwardsAndLogsLicences) {
     EXPECT_TRUE(LogHas("result upstream-failed: connect: Connection refused"));
 }
 
-// Guards the fault modes and the control file: rules pick faults per request by a glob over the
-// target, the file is read again for each request, a bad line is reported, and the command
-// line's faults apply when no rule matches. A status answers with the Via line and an HTML body
-// of its Content-Length (407 also asks for credentials); refuse resets; close-after-connect
-// closes without a reply; garbage is not HTTP; slow delays the answer; no-via leaves out the
-// Via line. Also: a block that is not a request gets a 400, and without --key a licence is not
-// accepted.
+// Guards every fault mode, the control file, 400 for bad requests, licences without --key.
 TEST_F(TestGatewayTest, FaultModesAndControlFile) {
     swg_test::TestServer echo(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
     const std::string control = m_dir + "/control";
@@ -274,8 +263,7 @@ TEST_F(TestGatewayTest, FaultModesAndControlFile) {
     EXPECT_TRUE(LogHas("request bad: CONNECT target is not host:port"));
 }
 
-// Guards refuse on the command line: the port is bound but not listening, so a connect is
-// refused outright.
+// Guards refuse on the command line: the port is bound but refuses connects.
 TEST_F(TestGatewayTest, RefuseFaultRefusesConnects) {
     ASSERT_NO_FATAL_FAILURE(StartGateway({"--fault", "refuse"}));
     EXPECT_TRUE(LogHas("refusing 127.0.0.1:"));
@@ -290,8 +278,7 @@ TEST_F(TestGatewayTest, RefuseFaultRefusesConnects) {
 
 class TestGatewayStopTest : public TestGatewayTest, public ::testing::WithParamInterface<int> {};
 
-// Guards the stop: SIGTERM and SIGINT end the process with status 0 even with a tunnel open and
-// a request being slowed; the tunnel's client sees the close.
+// Guards a clean exit (status 0) on the signal with a tunnel open and a request slowed.
 TEST_P(TestGatewayStopTest, SignalEndsOpenTunnelsAndExitsCleanly) {
     swg_test::TestServer echo(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
     const std::string control = m_dir + "/control";
@@ -310,8 +297,7 @@ TEST_P(TestGatewayStopTest, SignalEndsOpenTunnelsAndExitsCleanly) {
 
 INSTANTIATE_TEST_SUITE_P(Signals, TestGatewayStopTest, ::testing::Values(SIGTERM, SIGINT));
 
-// Guards the command line: bad ones end with status 2 and the usage; a missing key file or a
-// listen address that is not numeric is status 1.
+// Guards bad arguments: status 2 with the usage, or 1 for an unreadable key or host name.
 TEST_F(TestGatewayTest, BadArgumentsAreRefused) {
     const struct {
         std::vector<std::string> args;
