@@ -96,9 +96,13 @@ TEST_F(ThreadPoolThreadTest, TickTrimsIdleWorkersDownToTheMinimum) {
     EXPECT_EQ(pool->IdleCount(), 0u) << "trimmed below the minimum or not at all";
 
     RunJob(*pool, busy);
+    EXPECT_TRUE(pool->ProcessTick());
+    ASSERT_EQ(Total(*pool), 1u) << "trimmed below the minimum";
+    CDnLookupThread* last = pool->GetThread(false, nullptr);
+    RunJob(*pool, last);
     ASSERT_EQ(pool->PurgeIdleThreads(), 1);
-    busy->Kill();
-    ASSERT_TRUE(WaitUntil([&] { return busy->work_state == CDnEventThread::kEnded; }));
+    last->Kill();
+    ASSERT_TRUE(WaitUntil([&] { return last->work_state == CDnEventThread::kEnded; }));
     EXPECT_TRUE(pool->ProcessTick());
     EXPECT_EQ(Total(*pool), 0u);
     CDnLookupThread* fresh = pool->GetThread(false, nullptr);
