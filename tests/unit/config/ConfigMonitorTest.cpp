@@ -63,12 +63,15 @@ protected:
             new CConfigManager(m_agent, m_folder.Path(), static_cast<unsigned int>(quiet.count())));
         m_manager->StartThread();
         EXPECT_EQ(m_manager->ReloadCount(), 1u) << "StartThread reloads once before the thread";
-        EXPECT_TRUE(config_test::WaitUntil(
-            [this] { return !m_capture.LinesWith("MonitorConfigChangesProc: pipe ").empty(); },
-            milliseconds(5000)));
+        EXPECT_TRUE(WaitForLine("MonitorConfigChangesProc: pipe "));
         const Texts first = m_agent.Calls();
         m_agent.ClearCalls();
         return first;
+    }
+    // Waits (hang guard) until the monitor has logged a line containing `text`.
+    bool WaitForLine(const std::string& text) {
+        return config_test::WaitUntil([&] { return !m_capture.LinesWith(text).empty(); },
+                                      milliseconds(5000));
     }
     // Waits until `count` reloads have run to their end; false if `limit` passed first.
     bool WaitForReloads(unsigned int count, milliseconds limit) {
@@ -123,9 +126,11 @@ TEST_F(ConfigMonitorTest, FiveWritesASecondApartGiveOneReload) {
     EXPECT_FALSE(WaitForReloads(3, milliseconds(1000)));
 }
 
-// Guards the missing file: a deletion never reloads, the file's return reloads once.
+// Guards the missing file: a deletion drops a pending reload, the file's return reloads once.
 TEST_F(ConfigMonitorTest, DeleteThenRecreateReloadsOnceAfterTheFileIsBack) {
     StartWatching(kShortQuiet);
+    m_folder.Write(kFile, WithDomain("gone.swg.test"));
+    ASSERT_TRUE(WaitForLine("after file change event wait couple seconds"));
     m_folder.Remove(kFile);
     EXPECT_FALSE(WaitForReloads(2, kShortQuiet * 3));
     EXPECT_TRUE(m_agent.Calls().empty());
@@ -166,11 +171,7 @@ TEST_F(ConfigMonitorTest, LaterFileRewritesAndBadFiles) {
 TEST_F(ConfigMonitorTest, StopDuringTheQuietPeriodEndsWithoutAReload) {
     StartWatching(milliseconds(1000));
     m_folder.Write(kFile, WithDomain("dropped.swg.test"));
-    ASSERT_TRUE(config_test::WaitUntil(
-        [this] {
-            return !m_capture.LinesWith("after file change event wait couple seconds").empty();
-        },
-        milliseconds(2000)));
+    ASSERT_TRUE(WaitForLine("after file change event wait couple seconds"));
     m_manager->StopMonitorThread();
     EXPECT_TRUE(m_manager->WaitForMonitorEnd(500));
     EXPECT_EQ(m_capture.LinesWith("MonitorConfigChangesProc: pipe event so exit").size(), 1u);
