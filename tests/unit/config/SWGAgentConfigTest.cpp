@@ -26,8 +26,7 @@ using Texts = std::vector<std::string>;
 class LoadOrgInfoTest : public ::testing::Test {
 protected:
     bool Load() {
-        OrgInfoRecord fresh;
-        m_info = fresh;
+        m_info = OrgInfoRecord();
         return m_agent.LoadOrgInfoFromFolder(m_folder.Path(), m_info);
     }
     Texts Lines() const {
@@ -134,7 +133,7 @@ TEST(SWGProxyName, FirstSourceWins) {
         // clang-format on
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.expected);
+        SCOPED_TRACE("case " + std::to_string(&c - cases));
         CSWGAgent agent;
         OrgInfoRecord info;
         info.strSWGDomain = c.domain;
