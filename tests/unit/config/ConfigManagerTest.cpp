@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -17,7 +16,7 @@
 namespace {
 using config_test::EditConfig;
 using config_test::FullConfig;
-using Calls = std::vector<std::string>;
+using Texts = std::vector<std::string>;
 
 class ConfigReloadTest : public ::testing::Test {
 protected:
@@ -25,13 +24,17 @@ protected:
         m_trace.Initialize("tsc_swgagent", "/", "swg.log", 0, TRACE_MASK_DEBUG, true, true, 10,
                            10000, 100, 1, 0, 60);
         g_pTraceObject = &m_trace;
-        m_folder.Write("SWGConfig.json", FullConfig());
-        ASSERT_TRUE(m_agent.Preload(m_folder.Path()));
+        ASSERT_TRUE(Preload(FullConfig()));
     }
     void TearDown() override { g_pTraceObject = nullptr; }
 
+    // Puts `config` in force without a reload.
+    bool Preload(const std::string& config) {
+        m_folder.Write("SWGConfig.json", config);
+        return m_agent.Preload(m_folder.Path());
+    }
     // Writes `config`, reloads once and returns what the reload asked of the agent.
-    Calls ReloadWith(const std::string& config) {
+    Texts ReloadWith(const std::string& config) {
         m_folder.Write("SWGConfig.json", config);
         m_agent.ClearCalls();
         m_capture.Clear();
@@ -39,8 +42,8 @@ protected:
         return m_agent.Calls();
     }
     // The "... changed" lines of the last reload, without their common prefix.
-    std::vector<std::string> ChangeLines() const {
-        std::vector<std::string> lines;
+    Texts ChangeLines() const {
+        Texts lines;
         for (const auto& line : m_capture.LinesWith("UpdateCurrentConfig: ")) {
             if (line.text.find(" changed\n") == std::string::npos) continue;
             if (line.text.find("reinit kdf") != std::string::npos) continue;
@@ -60,140 +63,74 @@ struct FieldCase {
     const char* path;   // key in the file
     const char* value;  // new JSON value
     const char* line;   // text after "UpdateCurrentConfig: ", line end excluded
-    Calls calls;        // after SetOrgInfo
+    Texts calls;        // what the reload asks of the agent, in order
 };
 
+const char kSet[] = "SetOrgInfo";
+const char kBackoff[] = "OnBackoffStateChange";
+const char kTower[] = "SetActiveTowerName";
+const char kStateFile[] = "UpdateSWGStateFile";
+const char kRestart[] = "RestartKDF:0";
+
+// clang-format off
 const FieldCase kFieldCases[] = {
-    {"identity/deviceId", R"("dev-2")", "Device id changed", {}},
-    {"commonConfig/swgHosts", R"("host2.swg.test")", "strHostname changed", {"SetActiveTowerName"}},
-    {"orgConfig/swgAnycast", R"("198.18.0.8")", "strSWGAnycast changed", {"SetActiveTowerName"}},
-    {"orgConfig/swgAnycastList/v4",
-     R"(["198.18.0.11","198.18.0.10"])",
-     "qstrSWGAnycastListV4 changed",
-     {"SetActiveTowerName"}},
-    {"orgConfig/swgAnycastList/v6",
-     R"(["2001:db8::10","2001:db8::11"])",
-     "qstrSWGAnycastListV6 changed",
-     {"SetActiveTowerName"}},
-    {"orgConfig/swgDomain",
-     R"("gw2.swg.test")",
-     "strSWGDomain changed",
-     {"SetActiveTowerName", "UpdateSWGStateFile"}},
-    {"orgConfig/swgEchoService", R"("http://echo2.swg.test/")", "strSWGEchoService changed", {}},
-    {"identity/orgId", R"("org-2")", "strOrgId changed", {}},
-    {"commonConfig/rsaPubKey", R"("PEM-2")", "strpKeyPem changed", {}},
-    {"identity/adUserId", R"("user-2")", "strPstrUserId changed", {}},
-    {"orgConfig/inclusionList",
-     R"(["198.18.2.0/24"])",
-     "strInclusionList changed",
-     {"RestartKDF:0", "UpdateSWGStateFile"}},
-    {"orgConfig/exceptionList",
-     R"(["198.18.1.0/24"])",
-     "strExceptionList changed",
-     {"RestartKDF:0", "UpdateSWGStateFile"}},
-    {"orgConfig/webTrafficMonitorPorts",
-     R"(["8080","8443"])",
-     "strWebTrafficMonitorPortList changed",
-     {"RestartKDF:0"}},
-    {"deviceConfig/autotuning", R"("0")", "autotuning config changed", {}},
-    {"orgConfig/failOpen", R"("1")", "failOpen config changed", {}},
-    {"orgConfig/swgHonorTND", R"("0")", "swgHonorTND config changed", {"OnBackoffStateChange"}},
-    {"dnsBackoff/dns4/backedOff", "false", "DNSBackOff config changed", {"OnBackoffStateChange"}},
-    {"dnsBackoff/dns4/reason", R"("other")", "DNSBackOff Reason changed", {"OnBackoffStateChange"}},
-    {"orgConfig/backoffOnLMTrustedNetwork",
-     R"("0")",
-     "BackoffOnLMTrustedNetwork Config changed",
-     {"OnBackoffStateChange"}},
-    {"orgConfig/backoffOnLMVpn",
-     R"("1")",
-     "BackoffOnLMVpn Config changed",
-     {"OnBackoffStateChange"}},
-    {"orgConfig/backoffOnCustomerTrustedNetwork",
-     R"("0")",
-     "BackoffOnCustomerTrustedNetwork Config changed",
-     {"OnBackoffStateChange"}},
-    {"vpnDetails/tnd", R"("untrusted")", "VPN TND value changed", {"OnBackoffStateChange"}},
-    {"vpnDetails/network_state", R"("normal")", "VPN NES value changed", {}},
-    {"vpnDetails/vpn_ipv4/state",
-     R"("disconnected")",
-     "Ipv4 VPN State changed",
-     {"OnBackoffStateChange"}},
-    {"vpnDetails/vpn_ipv4/vpn_type",
-     R"("split")",
-     "Ipv4 VPN Type changed",
-     {"OnBackoffStateChange"}},
-    {"vpnDetails/vpn_ipv6/state",
-     R"("connected")",
-     "Ipv6 VPN State changed",
-     {"OnBackoffStateChange"}},
-    {"vpnDetails/vpn_ipv6/vpn_type",
-     R"("tunnel_all")",
-     "Ipv6 VPN Type changed",
-     {"OnBackoffStateChange"}},
-    {"customerTrustedNetwork/customerNetworkProbeDomain",
-     R"("probe2.swg.test")",
-     " Customer Network Probe Domain changed",
-     {}},
-    {"identity/overlayUser", R"("ov2")", "Overlay User changed", {}},
-    {"customerTrustedNetwork/customerNetworkProbeRecurses",
-     "false",
-     "Customer Network Probe Recurses config changed",
-     {}},
-    {"identity/isFedDeployment", "true", "FIPS mode changed", {"UpdateFedRampMode"}},
-    {"orgConfig/swgTrustedServer",
-     R"("Trusted.swg.test")",
-     "SWG trusted server config changed",
-     {"OnBackoffStateChange"}},
-    {"orgConfig/swgTrustedServerPort",
-     "9443",
-     "SWG trusted server port changed",
-     {"OnBackoffStateChange"}},
-    {"orgConfig/swgTrustedServerFingerprint",
-     R"("ab:cd")",
-     "SWG trusted server fingerprint changed",
-     {"OnBackoffStateChange"}},
+    {"identity/deviceId", R"("dev-2")", "Device id changed", {kSet}},
+    {"commonConfig/swgHosts", R"("host2.swg.test")", "strHostname changed", {kSet, kTower}},
+    {"orgConfig/swgAnycast", R"("198.18.0.8")", "strSWGAnycast changed", {kSet, kTower}},
+    // Same elements in another order: the queues compare exactly.
+    {"orgConfig/swgAnycastList/v4", R"(["198.18.0.11","198.18.0.10"])", "qstrSWGAnycastListV4 changed", {kSet, kTower}},
+    {"orgConfig/swgAnycastList/v6", R"(["2001:db8::10","2001:db8::11"])", "qstrSWGAnycastListV6 changed", {kSet, kTower}},
+    {"orgConfig/swgDomain", R"("gw2.swg.test")", "strSWGDomain changed", {kSet, kTower, kStateFile}},
+    {"orgConfig/swgEchoService", R"("http://echo2.swg.test/")", "strSWGEchoService changed", {kSet}},
+    {"identity/orgId", R"("org-2")", "strOrgId changed", {kSet}},
+    {"commonConfig/rsaPubKey", R"("PEM-2")", "strpKeyPem changed", {kSet}},
+    {"identity/adUserId", R"("user-2")", "strPstrUserId changed", {kSet}},
+    {"orgConfig/inclusionList", R"(["198.18.2.0/24"])", "strInclusionList changed", {kSet, kRestart, kStateFile}},
+    {"orgConfig/exceptionList", R"(["198.18.1.0/24"])", "strExceptionList changed", {kSet, kRestart, kStateFile}},
+    {"orgConfig/webTrafficMonitorPorts", R"(["8080","8443"])", "strWebTrafficMonitorPortList changed", {kSet, kRestart}},
+    {"deviceConfig/autotuning", R"("0")", "autotuning config changed", {kSet}},
+    {"orgConfig/failOpen", R"("1")", "failOpen config changed", {kSet}},
+    {"orgConfig/swgHonorTND", R"("0")", "swgHonorTND config changed", {kSet, kBackoff}},
+    {"dnsBackoff/dns4/backedOff", "false", "DNSBackOff config changed", {kSet, kBackoff}},
+    {"dnsBackoff/dns4/reason", R"("other")", "DNSBackOff Reason changed", {kSet, kBackoff}},
+    // The trace mask switches at once, during the comparison, before the record is stored.
+    {"orgConfig/logLevel", R"("0")", "loglevel config changed", {"ChangeDebugLevel:0x107", kSet}},
+    {"orgConfig/backoffOnLMTrustedNetwork", R"("0")", "BackoffOnLMTrustedNetwork Config changed", {kSet, kBackoff}},
+    {"orgConfig/backoffOnLMVpn", R"("1")", "BackoffOnLMVpn Config changed", {kSet, kBackoff}},
+    {"orgConfig/backoffOnCustomerTrustedNetwork", R"("0")", "BackoffOnCustomerTrustedNetwork Config changed", {kSet, kBackoff}},
+    {"vpnDetails/tnd", R"("untrusted")", "VPN TND value changed", {kSet, kBackoff}},
+    {"vpnDetails/network_state", R"("normal")", "VPN NES value changed", {kSet}},
+    {"vpnDetails/vpn_ipv4/state", R"("disconnected")", "Ipv4 VPN State changed", {kSet, kBackoff}},
+    {"vpnDetails/vpn_ipv4/vpn_type", R"("split")", "Ipv4 VPN Type changed", {kSet, kBackoff}},
+    {"vpnDetails/vpn_ipv6/state", R"("connected")", "Ipv6 VPN State changed", {kSet, kBackoff}},
+    {"vpnDetails/vpn_ipv6/vpn_type", R"("tunnel_all")", "Ipv6 VPN Type changed", {kSet, kBackoff}},
+    {"customerTrustedNetwork/customerNetworkProbeDomain", R"("probe2.swg.test")", " Customer Network Probe Domain changed", {kSet}},
+    {"identity/overlayUser", R"("ov2")", "Overlay User changed", {kSet}},
+    {"customerTrustedNetwork/customerNetworkProbeRecurses", "false", "Customer Network Probe Recurses config changed", {kSet}},
+    {"identity/isFedDeployment", "true", "FIPS mode changed", {kSet, "UpdateFedRampMode"}},
+    // Letter case counts for the trusted server and its fingerprint.
+    {"orgConfig/swgTrustedServer", R"("Trusted.swg.test")", "SWG trusted server config changed", {kSet, kBackoff}},
+    {"orgConfig/swgTrustedServerPort", "9443", "SWG trusted server port changed", {kSet, kBackoff}},
+    {"orgConfig/swgTrustedServerFingerprint", R"("ab:cd")", "SWG trusted server fingerprint changed", {kSet, kBackoff}},
 };
+// clang-format on
 
-void PrintTo(const FieldCase& c, std::ostream* out) { *out << c.path; }
-
-class ConfigFieldChangeTest : public ConfigReloadTest,
-                              public ::testing::WithParamInterface<FieldCase> {};
-
-// Guards each compared field: its change is seen, logged with its own text, stored, and
-// calls exactly its consequences; a second reload of the same file then finds nothing.
-TEST_P(ConfigFieldChangeTest, ChangeIsLoggedStoredAndActedOn) {
-    const FieldCase& c = GetParam();
-    Calls expected = {"SetOrgInfo"};
-    expected.insert(expected.end(), c.calls.begin(), c.calls.end());
-    EXPECT_EQ(ReloadWith(EditConfig(FullConfig(), c.path, c.value)), expected);
-    EXPECT_EQ(ChangeLines(), std::vector<std::string>{std::string(c.line) + "\n"});
-
-    m_agent.ClearCalls();
-    m_manager.updateCurrentConfig();
-    EXPECT_TRUE(m_agent.Calls().empty()) << "the changed record was not stored whole";
+// Guards each compared field: seen, logged with its text, stored whole, exactly its consequences.
+TEST_F(ConfigReloadTest, EachFieldChangeIsLoggedStoredAndActedOn) {
+    for (const FieldCase& c : kFieldCases) {
+        SCOPED_TRACE(c.path);
+        const std::string config = EditConfig(FullConfig(), c.path, c.value);
+        EXPECT_EQ(ReloadWith(config), c.calls);
+        EXPECT_EQ(ChangeLines(), Texts{std::string(c.line) + "\n"});
+        EXPECT_TRUE(ReloadWith(config).empty()) << "the changed record was not stored whole";
+        ASSERT_TRUE(Preload(FullConfig()));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Fields, ConfigFieldChangeTest, ::testing::ValuesIn(kFieldCases),
-                         [](const ::testing::TestParamInfo<FieldCase>& param) {
-                             std::string name = param.param.path;
-                             for (char& c : name) {
-                                 if (c == '/') c = '_';
-                             }
-                             return name;
-                         });
-
-// Guards the trace mask switch: done at once during the comparison, before the record is
-// stored, with the default mask for "0" and the full mask otherwise.
-TEST_F(ConfigReloadTest, LogLevelChangeSwitchesTheMaskInPlace) {
-    const std::string defaultLevel = EditConfig(FullConfig(), "orgConfig/logLevel", R"("0")");
-    EXPECT_EQ(ReloadWith(defaultLevel), (Calls{"ChangeDebugLevel:0x107", "SetOrgInfo"}));
-    EXPECT_EQ(ChangeLines(), std::vector<std::string>{"loglevel config changed\n"});
-    EXPECT_EQ(ReloadWith(FullConfig()), (Calls{"ChangeDebugLevel:0x1fff", "SetOrgInfo"}));
-}
-
-// Guards the order of the consequences and that each runs once however many fields ask
-// for it; the change lines come in the order of the fields.
+// Guards the order of the consequences, once each, past a failed restart; the full trace mask.
 TEST_F(ConfigReloadTest, ConsequencesRunOnceEachInTheirOrder) {
+    ASSERT_TRUE(Preload(EditConfig(FullConfig(), "orgConfig/logLevel", R"("0")")));
+    m_agent.restartResult = false;
     std::string config = FullConfig();
     config = EditConfig(config, "identity/isFedDeployment", "true");
     config = EditConfig(config, "vpnDetails/tnd", R"("untrusted")");
@@ -201,97 +138,37 @@ TEST_F(ConfigReloadTest, ConsequencesRunOnceEachInTheirOrder) {
     config = EditConfig(config, "orgConfig/exceptionList", "[]");
     config = EditConfig(config, "orgConfig/inclusionList", "[]");
     config = EditConfig(config, "orgConfig/swgHonorTND", R"("0")");
-    const Calls expected = {"SetOrgInfo",         "RestartKDF:0",       "OnBackoffStateChange",
-                            "SetActiveTowerName", "UpdateSWGStateFile", "UpdateFedRampMode"};
+    const Texts expected = {"ChangeDebugLevel:0x1fff", kSet, kRestart, kBackoff, kTower, kStateFile,
+                            "UpdateFedRampMode"};
     EXPECT_EQ(ReloadWith(config), expected);
-    const std::vector<std::string> lines = {
+    const Texts lines = {
         "strSWGDomain changed\n",       "strInclusionList changed\n", "strExceptionList changed\n",
-        "swgHonorTND config changed\n", "VPN TND value changed\n",    "FIPS mode changed\n",
+        "swgHonorTND config changed\n", "loglevel config changed\n",  "VPN TND value changed\n",
+        "FIPS mode changed\n",
     };
     EXPECT_EQ(ChangeLines(), lines);
-    EXPECT_EQ(m_capture
-                  .LinesWith("UpdateCurrentConfig: inclusons/exceptions/listenports changed so "
-                             "reinit kdf interface")
-                  .size(),
-              1u);
-}
-
-// Guards that a failed redirector restart is logged and the remaining consequences still run.
-TEST_F(ConfigReloadTest, FailedRestartIsLoggedAndTheRestGoesOn) {
-    m_agent.restartResult = false;
-    std::string config = EditConfig(FullConfig(), "orgConfig/webTrafficMonitorPorts", "[]");
-    config = EditConfig(config, "orgConfig/backoffOnLMVpn", R"("1")");
-    EXPECT_EQ(ReloadWith(config), (Calls{"SetOrgInfo", "RestartKDF:0", "OnBackoffStateChange"}));
+    EXPECT_EQ(
+        m_capture.LinesWith("UpdateCurrentConfig: inclusons/exceptions/listenports changed").size(),
+        1u);
     const auto failures = m_capture.LinesWith("UpdateCurrentConfig: Failed to restart KDF");
     ASSERT_EQ(failures.size(), 1u);
     EXPECT_EQ(failures[0].priority, LOG_ERR);
 }
 
-// Guards the comparison rules: letter case alone is no change, except for the trusted
-// server and its fingerprint; the key id and the IPv6 switch are not compared at all.
-TEST_F(ConfigReloadTest, WhatCountsAsAChange) {
-    EXPECT_TRUE(ReloadWith(FullConfig()).empty()) << "same content";
-    EXPECT_TRUE(ReloadWith(EditConfig(FullConfig(), "orgConfig/swgDomain", R"("GATEWAY.swg.test")"))
-                    .empty());
+// Guards list case, key id and IPv6 switch as no change alone, carried along with a real one.
+TEST_F(ConfigReloadTest, KeyIdAndIPv6SwitchAloneAreNoChange) {
     EXPECT_TRUE(ReloadWith(EditConfig(FullConfig(), "orgConfig/exceptionList",
                                       R"(["198.18.1.0/24","*.LOCAL"])"))
                     .empty());
-    EXPECT_TRUE(
-        ReloadWith(EditConfig(FullConfig(), "commonConfig/rsaPubKeyId", R"("key-2")")).empty());
+    const std::string newKeyId = EditConfig(FullConfig(), "commonConfig/rsaPubKeyId", R"("key-2")");
     m_folder.Write("SWGConfigOverride.json", R"({"IPv6Enabled":true})");
-    EXPECT_TRUE(ReloadWith(FullConfig()).empty());
-    const OrgInfoRecord inForce = m_agent.GetOrgInfo();
-    EXPECT_EQ(inForce.strpKeyId, "key-1");
-    EXPECT_FALSE(inForce.bIPv6Enabled);
-    EXPECT_EQ(inForce.strSWGDomain, "gateway.swg.test");
+    EXPECT_TRUE(ReloadWith(newKeyId).empty());
+    EXPECT_EQ(m_agent.GetOrgInfo().strpKeyId, "key-1");
+    EXPECT_FALSE(m_agent.GetOrgInfo().bIPv6Enabled);
 
-    // Carried along once another field differs.
-    const Calls calls =
-        ReloadWith(EditConfig(FullConfig(), "orgConfig/swgTrustedServer", R"("TRUSTED.swg.test")"));
-    EXPECT_EQ(calls, (Calls{"SetOrgInfo", "OnBackoffStateChange"}));
-    EXPECT_EQ(m_agent.GetOrgInfo().strTrustedServer, "TRUSTED.swg.test");
+    EXPECT_EQ(ReloadWith(EditConfig(newKeyId, "orgConfig/failOpen", R"("1")")), Texts{kSet});
+    EXPECT_EQ(m_agent.GetOrgInfo().strpKeyId, "key-2");
     EXPECT_TRUE(m_agent.GetOrgInfo().bIPv6Enabled);
-}
-
-// Guards the bad reload: "config_error" goes out with the normal update, the record in
-// force stays, and a later good file with the old values finds nothing to do.
-TEST_F(ConfigReloadTest, BadFileKeepsTheRecordAndReportsConfigError) {
-    const OrgInfoRecord before = m_agent.GetOrgInfo();
-    const std::string bad[] = {"{\"identity\":", "[]",
-                               EditConfig(FullConfig(), "identity/orgId", nullptr)};
-    for (const std::string& text : bad) {
-        SCOPED_TRACE(text);
-        EXPECT_EQ(ReloadWith(text), Calls{"SendSWGState:config_error:0"});
-        EXPECT_EQ(
-            m_capture.LinesWith("UpdateCurrentConfig: Failed to load updated config file").size(),
-            1u);
-    }
-    m_folder.Remove("SWGConfig.json");
-    m_agent.ClearCalls();
-    m_manager.updateCurrentConfig();
-    EXPECT_EQ(m_agent.Calls(), Calls{"SendSWGState:config_error:0"});
-    EXPECT_EQ(m_agent.GetOrgInfo().strOrgId, before.strOrgId);
-    EXPECT_TRUE(ReloadWith(FullConfig()).empty());
-}
-
-// Guards the queues' exact comparison: a rotation in force is seen as a change by the next
-// reload, which stores the file's order and names the gateway again.
-TEST_F(ConfigReloadTest, ReloadUndoesAnAnycastRotation) {
-    OrgInfoRecord rotated = m_agent.GetOrgInfo();
-    rotated.qstrSWGAnycastListV4.push_back(rotated.qstrSWGAnycastListV4.front());
-    rotated.qstrSWGAnycastListV4.pop_front();
-    m_agent.SetOrgInfo(rotated);
-    EXPECT_EQ(ReloadWith(FullConfig()), (Calls{"SetOrgInfo", "SetActiveTowerName"}));
-    EXPECT_EQ(m_agent.GetOrgInfo().qstrSWGAnycastListV4.front(), "198.18.0.10");
-}
-
-// Guards the edge where a record was stored by another path first: the reload then finds
-// no difference and its consequences, the redirector restart among them, do not happen.
-TEST_F(ConfigReloadTest, RecordStoredElsewhereFirstHidesTheChange) {
-    const std::string config = EditConfig(FullConfig(), "orgConfig/inclusionList", "[]");
-    m_folder.Write("SWGConfig.json", config);
-    ASSERT_TRUE(m_agent.Preload(m_folder.Path()));
-    EXPECT_TRUE(ReloadWith(config).empty());
 }
 
 }  // namespace

@@ -3,11 +3,20 @@
 // that records what the configuration monitor asks of it.
 #pragma once
 
+#include <cjson/cJSON.h>
+#include <stdlib.h>
+
+#include <boost/filesystem.hpp>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <fstream>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "config/ConfigAgent.h"
@@ -18,46 +27,100 @@ namespace config_test {
 // A fresh folder under /tmp, removed with its contents at destruction.
 class TempFolder {
 public:
-    TempFolder();
-    ~TempFolder();
+    TempFolder() {
+        char pattern[] = "/tmp/swg-config-test-XXXXXX";
+        if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
+        m_path = pattern;
+    }
+    ~TempFolder() {
+        boost::system::error_code ignored;
+        boost::filesystem::remove_all(m_path, ignored);
+    }
     TempFolder(const TempFolder&) = delete;
     TempFolder& operator=(const TempFolder&) = delete;
 
     const std::string& Path() const { return m_path; }
     std::string PathOf(const std::string& name) const { return m_path + "/" + name; }
     // Writes `text` to `name` in place (truncate and write), as an editor would.
-    void Write(const std::string& name, const std::string& text) const;
+    void Write(const std::string& name, const std::string& text) const {
+        std::ofstream out(PathOf(name), std::ios::binary | std::ios::trunc);
+        if (!(out << text).flush()) throw std::runtime_error("cannot write " + name);
+    }
     // Writes `text` to a temporary name and renames it over `name`, as an atomic writer would.
-    void Replace(const std::string& name, const std::string& text) const;
-    void Remove(const std::string& name) const;
+    void Replace(const std::string& name, const std::string& text) const {
+        Write(name + ".part", text);
+        if (std::rename(PathOf(name + ".part").c_str(), PathOf(name).c_str()) != 0) {
+            throw std::runtime_error("cannot rename over " + name);
+        }
+    }
+    void Remove(const std::string& name) const { std::remove(PathOf(name).c_str()); }
 
 private:
     std::string m_path;
 };
 
-// Sets an environment variable for its lifetime and restores the previous state after.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::string& value);
-    ~ScopedEnv();
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-private:
-    std::string m_name;
-    std::string m_previous;
-    bool m_wasSet;
-};
-
 // A valid configuration with every key of the format set to a value other than its default.
-std::string FullConfig();
+inline std::string FullConfig() {
+    return R"({
+  "identity": {"orgId": "org-1", "adUserId": "user-1", "deviceId": "dev-1",
+               "overlayUser": "ov", "isFedDeployment": false},
+  "deviceConfig": {"autotuning": "1"},
+  "commonConfig": {"swgHosts": "host.swg.test", "rsaPubKey": "PEM-1", "rsaPubKeyId": "key-1"},
+  "orgConfig": {
+    "inclusionList": ["198.18.0.0/24"],
+    "exceptionList": ["198.18.1.0/24", "*.local"],
+    "webTrafficMonitorPorts": ["8080"],
+    "swgHonorTND": "1", "failOpen": "0", "logLevel": "1",
+    "swgAnycast": "198.18.0.9",
+    "swgAnycastList": {"v4": ["198.18.0.10", "198.18.0.11"], "v6": ["2001:db8::10"]},
+    "swgDomain": "gateway.swg.test",
+    "swgEchoService": "http://echo.swg.test/echo",
+    "backoffOnLMTrustedNetwork": "1", "backoffOnLMVpn": "0",
+    "backoffOnCustomerTrustedNetwork": "1",
+    "swgTrustedServer": "trusted.swg.test", "swgTrustedServerPort": 8443,
+    "swgTrustedServerFingerprint": "AB:CD"
+  },
+  "dnsBackoff": {"dns4": {"backedOff": true, "reason": "probe"}},
+  "vpnDetails": {"tnd": "trusted", "network_state": "captive_portal_detected",
+                 "vpn_ipv4": {"state": "connected", "vpn_type": "tunnel_all"},
+                 "vpn_ipv6": {"state": "disconnected", "vpn_type": "split"}},
+  "customerTrustedNetwork": {"customerNetworkProbeDomain": "probe.swg.test",
+                             "customerNetworkProbeRecurses": true}
+})";
+}
 
 // `json` with the value at `path` ("orgConfig/swgDomain") replaced by the JSON text
 // `value`, creating objects on the way; a null `value` removes the key.
-std::string EditConfig(const std::string& json, const std::string& path, const char* value);
+inline std::string EditConfig(const std::string& json, const std::string& path, const char* value) {
+    std::unique_ptr<cJSON, decltype(&cJSON_Delete)> root(cJSON_Parse(json.c_str()), cJSON_Delete);
+    if (!root) throw std::invalid_argument("EditConfig: base is not JSON");
+    cJSON* object = root.get();
+    std::string rest = path;
+    for (std::size_t slash = rest.find('/'); slash != std::string::npos; slash = rest.find('/')) {
+        const std::string key = rest.substr(0, slash);
+        rest.erase(0, slash + 1);
+        cJSON* next = cJSON_GetObjectItemCaseSensitive(object, key.c_str());
+        object = next != nullptr ? next : cJSON_AddObjectToObject(object, key.c_str());
+    }
+    cJSON_DeleteItemFromObjectCaseSensitive(object, rest.c_str());
+    if (value != nullptr) {
+        cJSON* item = cJSON_Parse(value);
+        if (item == nullptr) throw std::invalid_argument(std::string("EditConfig: ") + value);
+        cJSON_AddItemToObject(object, rest.c_str(), item);
+    }
+    std::unique_ptr<char, decltype(&free)> text(cJSON_Print(root.get()), free);
+    return text.get();
+}
 
 // Polls `done` every 10 ms until it holds or `limit` has passed; returns its last result.
-bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit);
+inline bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) return done();
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
 
 // Loads and holds the record in a real CSWGAgent; records every other request as a word
 // ("SetOrgInfo", "RestartKDF:0", "SendSWGState:config_error:0", "ChangeDebugLevel:0x107",
@@ -66,34 +129,68 @@ class RecordingAgent : public IConfigAgent {
 public:
     using Clock = std::chrono::steady_clock;
 
-    bool LoadOrgInfo(const std::string& folder, OrgInfoRecord& info) override;
-    OrgInfoRecord GetOrgInfo() override;
-    void SetOrgInfo(const OrgInfoRecord& info) override;
-    int SendSWGState(const std::string& state, int update) override;
-    bool RestartKDF(unsigned char reason) override;
-    void OnBackoffStateChange() override;
-    void SetActiveTowerName() override;
-    int UpdateSWGStateFile() override;
-    void UpdateFedRampMode() override;
-    void ChangeDebugLevel(unsigned int mask) override;
+    bool LoadOrgInfo(const std::string& folder, OrgInfoRecord& info) override {
+        const bool loaded = m_agent.LoadOrgInfoFromFolder(folder, info);
+        std::lock_guard<std::mutex> hold(m_lock);
+        m_loadTimes.push_back(Clock::now());
+        return loaded;
+    }
+    OrgInfoRecord GetOrgInfo() override { return m_agent.GetOrgInfo(); }
+    void SetOrgInfo(const OrgInfoRecord& info) override {
+        Record("SetOrgInfo");
+        m_agent.SetOrgInfo(info);
+    }
+    int SendSWGState(const std::string& state, int update) override {
+        Record("SendSWGState:" + state + ":" + std::to_string(update));
+        return 0;
+    }
+    bool RestartKDF(unsigned char reason) override {
+        Record("RestartKDF:" + std::to_string(reason));
+        return restartResult;
+    }
+    void OnBackoffStateChange() override { Record("OnBackoffStateChange"); }
+    void SetActiveTowerName() override { Record("SetActiveTowerName"); }
+    int UpdateSWGStateFile() override {
+        Record("UpdateSWGStateFile");
+        return 0;
+    }
+    void UpdateFedRampMode() override { Record("UpdateFedRampMode"); }
+    void ChangeDebugLevel(unsigned int mask) override {
+        char text[32];
+        std::snprintf(text, sizeof(text), "ChangeDebugLevel:0x%x", mask);
+        Record(text);
+    }
 
     // Loads `folder` into the agent's record as the agent's Init does, without recording.
-    bool Preload(const std::string& folder);
-    std::vector<std::string> Calls() const;
-    void ClearCalls();
-    std::size_t LoadCount() const;
-    std::vector<Clock::time_point> LoadTimes() const;
-    // Waits until at least `count` loads have finished; false if `limit` passed first.
-    bool WaitForLoads(std::size_t count, std::chrono::milliseconds limit);
+    bool Preload(const std::string& folder) {
+        OrgInfoRecord info;
+        if (!m_agent.LoadOrgInfoFromFolder(folder, info)) return false;
+        m_agent.SetOrgInfo(info);
+        return true;
+    }
+    std::vector<std::string> Calls() const {
+        std::lock_guard<std::mutex> hold(m_lock);
+        return m_calls;
+    }
+    void ClearCalls() {
+        std::lock_guard<std::mutex> hold(m_lock);
+        m_calls.clear();
+    }
+    std::vector<Clock::time_point> LoadTimes() const {
+        std::lock_guard<std::mutex> hold(m_lock);
+        return m_loadTimes;
+    }
 
     bool restartResult = true;  // what RestartKDF answers
 
 private:
-    void Record(const std::string& call);
+    void Record(const std::string& call) {
+        std::lock_guard<std::mutex> hold(m_lock);
+        m_calls.push_back(call);
+    }
 
     CSWGAgent m_agent;
     mutable std::mutex m_lock;
-    std::condition_variable m_loaded;
     std::vector<std::string> m_calls;
     std::vector<Clock::time_point> m_loadTimes;
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tests of the agent's one-host address caches and the redirector's name-cache command.
+// Tests of the agent's one-host address caches.
 #include <gtest/gtest.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -8,7 +8,6 @@
 
 #include "FakeAddressResolver.h"
 #include "core/SWGAgent.h"
-#include "unit/foundation/ThreadTestSupport.h"
 
 namespace {
 
@@ -35,8 +34,7 @@ protected:
     CSWGAgent agent;
 };
 
-// Guards the 31-second lifetime (a hit at 30.9 s, a miss at 31 s) and that a miss empties the
-// list for good: a later get inside the old lifetime still finds nothing.
+// Guards the lifetime (hit at 30.9 s, miss at 31 s or before the stamp); a miss empties.
 TEST_F(SWGAgentCacheTest, EntryLivesJustUnder31Seconds) {
     agent.CacheResolvedIPList("a.swg.test", kHostA4);
     agent.CacheResolvedIPV6List("a.swg.test", kHostA6);
@@ -52,10 +50,15 @@ TEST_F(SWGAgentCacheTest, EntryLivesJustUnder31Seconds) {
     At(seconds(5));
     EXPECT_TRUE(agent.GetCachedResolvedIPList("a.swg.test").empty()) << "miss did not empty";
     EXPECT_TRUE(agent.GetCachedResolvedIPv6List("a.swg.test").empty()) << "miss did not empty";
+
+    // An entry stamped in the future (the wall clock was set back) must not live on.
+    At(seconds(60));
+    agent.CacheResolvedIPList("a.swg.test", kHostA4);
+    At(seconds(0));
+    EXPECT_TRUE(agent.GetCachedResolvedIPList("a.swg.test").empty());
 }
 
-// Guards the one-host rule: a get for another host empties that family's list (even though it
-// was fresh) and leaves the other family and the cached host alone.
+// Guards the one-host rule: a get for another host empties that family's list only.
 TEST_F(SWGAgentCacheTest, GetForAnotherHostEmptiesThatFamilyOnly) {
     agent.CacheResolvedIPList("a.swg.test", kHostA4);
     agent.CacheResolvedIPV6List("a.swg.test", kHostA6);
@@ -69,8 +72,7 @@ TEST_F(SWGAgentCacheTest, GetForAnotherHostEmptiesThatFamilyOnly) {
     EXPECT_TRUE(agent.GetCachedResolvedIPv6List("a.swg.test").empty());
 }
 
-// Guards the shared key as designed: caching one family for host B makes B the host of both
-// lists, so a get for B of the other family returns A's addresses within 31 s of A's stamp.
+// Guards the shared key: caching B in one family serves A's other-family list for B.
 TEST_F(SWGAgentCacheTest, SharedKeyServesTheOtherFamilysAddressesForTheNewHost) {
     agent.CacheResolvedIPList("a.swg.test", kHostA4);
     At(seconds(5));
@@ -85,34 +87,6 @@ TEST_F(SWGAgentCacheTest, SharedKeyServesTheOtherFamilysAddressesForTheNewHost) 
 
     agent.CacheResolvedIPList("a.swg.test", kHostB4);
     EXPECT_TRUE(agent.GetCachedResolvedIPv6List("b.swg.test").empty());
-}
-
-// Guards the unset entry: an empty host equals the unset cached host, and the age test then
-// refuses a list that was never stamped. Stored for "", the entry hits like any other.
-TEST_F(SWGAgentCacheTest, EmptyHostNeedsAStampedEntry) {
-    agent.m_resolvedIPv4List = kHostA4;
-    EXPECT_TRUE(agent.GetCachedResolvedIPList("").empty());
-    agent.CacheResolvedIPList("", kHostB4);
-    EXPECT_EQ(agent.GetCachedResolvedIPList(""), kHostB4);
-}
-
-// Guards against an entry that lives on for as long as the wall clock was set back.
-TEST_F(SWGAgentCacheTest, EntryStampedInTheFutureIsAMiss) {
-    At(seconds(60));
-    agent.CacheResolvedIPList("a.swg.test", kHostA4);
-    At(seconds(0));
-    EXPECT_TRUE(agent.GetCachedResolvedIPList("a.swg.test").empty());
-}
-
-// Guards the command without a redirector: it reports that it could not clear anything.
-TEST(SWGAgentDnsCacheCommandTest, WithoutRedirectorLogsThatNothingWasCleared) {
-    swg_test::RecordingTrace trace;
-    CSWGAgent agent;
-    agent.sendClearDNSCacheCommand();
-    EXPECT_EQ(trace.Count(
-                  ERR, "CSWGAgent: SocketRedirectorApi is null, couldn't complete clear DNS cache"),
-              1);
-    EXPECT_EQ(trace.CountPrefix(TRACE, "CSWGAgent: ClearDnsCache call"), 0);
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "upstream/ProxyInfo.h"
-#include "upstream/PublicProxyManager.h"
 
 namespace {
 
@@ -28,23 +27,7 @@ protected:
     void TearDown() override { ResetProxyInfo(); }
 };
 
-// The reset record is the "no proxy" record that connection threads compare against.
-TEST_F(ProxyInfoTest, ResetGivesTheNoProxyRecord) {
-    SetProxyInfo(Record("198.18.0.5", 3128, ProxyModeSystem));
-    std::string realm = "corp";
-    SetProxyRealm(realm);
-    ResetProxyInfo();
-    const LOCAL_PROXY_INFO info = GetProxyInfo();
-    EXPECT_EQ(info.proxy_mode, ProxyModeObserved);
-    EXPECT_EQ(info.proxy_host, "0.0.0.0");
-    EXPECT_EQ(info.proxy_realm, "");
-    EXPECT_EQ(info.proxy_port, 0);
-    EXPECT_EQ(info.proxy_type, PROXY_TYPE_UNSET);
-    EXPECT_EQ(info.proxy_state, PROXY_STATE_UNSET);
-}
-
-// The first record of a host and port stays: a later one for the same proxy, of another mode
-// or type, changes nothing, while another port replaces it whole.
+// Guards first record wins: the same host and port change nothing, another port replaces it.
 TEST_F(ProxyInfoTest, SameHostAndPortKeepTheFirstRecord) {
     SetProxyInfo(Record("198.18.0.5", 3128, ProxyModeSystem));
     LOCAL_PROXY_INFO observed = Record("198.18.0.5", 3128, ProxyModeObserved);
@@ -60,9 +43,8 @@ TEST_F(ProxyInfoTest, SameHostAndPortKeepTheFirstRecord) {
     EXPECT_EQ(GetProxyType(), PROXY_TYPE_STORED_PLAIN);
 }
 
-// The single-field setters belong to the system proxy's credentials flow: they leave a proxy
-// seen in traffic alone.
-TEST_F(ProxyInfoTest, FieldSettersChangeOnlyASystemRecord) {
+// Guards the field setters (a system proxy's record only) and the reset to the "no proxy" record.
+TEST_F(ProxyInfoTest, FieldSettersChangeOnlyASystemRecordAndResetClearsIt) {
     std::string realm = "corp";
     SetProxyInfo(Record("198.18.0.5", 3128, ProxyModeObserved));
     SetProxyType(PROXY_TYPE_STORED_QUALIFIED);
@@ -79,10 +61,18 @@ TEST_F(ProxyInfoTest, FieldSettersChangeOnlyASystemRecord) {
     EXPECT_EQ(GetProxyType(), PROXY_TYPE_STORED_QUALIFIED);
     EXPECT_EQ(GetProxyState(), PROXY_STATE_CREDENTIALS);
     EXPECT_EQ(GetProxyRealm(), "corp");
+
+    ResetProxyInfo();
+    const LOCAL_PROXY_INFO info = GetProxyInfo();
+    EXPECT_EQ(info.proxy_mode, ProxyModeObserved);
+    EXPECT_EQ(info.proxy_host, "0.0.0.0");
+    EXPECT_EQ(info.proxy_realm, "");
+    EXPECT_EQ(info.proxy_port, 0);
+    EXPECT_EQ(info.proxy_type, PROXY_TYPE_UNSET);
+    EXPECT_EQ(info.proxy_state, PROXY_STATE_UNSET);
 }
 
-// Connection threads write and read the record at once: every copy must be one whole record,
-// never the host of one and the port of another.
+// Guards whole copies: concurrent writers and readers never see one record's host, another's port.
 TEST_F(ProxyInfoTest, ConcurrentWritersAndReadersSeeWholeRecords) {
     std::atomic<bool> torn{false};
     std::vector<std::thread> threads;
@@ -110,30 +100,6 @@ TEST_F(ProxyInfoTest, ConcurrentWritersAndReadersSeeWholeRecords) {
     });
     for (std::thread& thread : threads) thread.join();
     EXPECT_FALSE(torn);
-}
-
-// A stand-in with the manager's acquire and release, counting what the guard gives back.
-struct CountedInstance {
-    static int s_released;
-    static void ReleaseSingletonInstance(CountedInstance* /*instance*/) { ++s_released; }
-};
-int CountedInstance::s_released = 0;
-
-// The guard releases what it holds exactly once, and nothing when the acquisition failed.
-TEST(SmartPtrInstanceTest, ReleasesAnAcquiredInstanceOnceAndNullNever) {
-    CountedInstance instance;
-    CountedInstance::s_released = 0;
-    {
-        CSmartPtrInstance<CountedInstance> held(&instance);
-        EXPECT_TRUE(static_cast<bool>(held));
-        EXPECT_EQ(held.get(), &instance);
-    }
-    EXPECT_EQ(CountedInstance::s_released, 1);
-    {
-        CSmartPtrInstance<CountedInstance> none(nullptr);
-        EXPECT_FALSE(static_cast<bool>(none));
-    }
-    EXPECT_EQ(CountedInstance::s_released, 1);
 }
 
 }  // namespace

@@ -1,22 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // swg-test-gateway as tests see it: tunnels, forwarding, licence log lines, fault modes, stop.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <thread>
 
 #include "support/GatewayProcess.h"
 #include "support/SocketPeers.h"
+#include "support/TestServers.h"
 #include "upstream/LicenceHeader.h"
 
 namespace {
@@ -28,37 +24,18 @@ const std::string kGatewayBinary =
     std::string(SWG_BINARY_DIR) + "/tools/test-gateway/swg-test-gateway";
 const std::string kPrivateKey =
     std::string(SWG_SOURCE_DIR) + "/packaging/sample/licence-test-private.pem";
-const std::string kPublicKey =
-    std::string(SWG_SOURCE_DIR) + "/packaging/sample/licence-test-public.pem";
 const std::string kConnected = "HTTP/1.1 200 Connection established\r\n";
 const std::string kVia = "Via: 1.1 s_proxy_test-gw\r\n";
 
-unsigned short PortOf(const swg_test::LoopbackListener& listener) {
-    const auto& address = listener.address;
-    return ntohs(address.ss_family == AF_INET6
-                     ? reinterpret_cast<const sockaddr_in6&>(address).sin6_port
-                     : reinterpret_cast<const sockaddr_in&>(address).sin_port);
+std::string ConnectRequest(const std::string& target, const std::string& extraLines = "") {
+    return "CONNECT " + target + " HTTP/1.1\r\nContent-Length: 0\r\nHost: " + target + "\r\n" +
+           extraLines + "\r\n";
 }
-
-UniqueFd ConnectTcp(int family, unsigned short port) {
-    UniqueFd fd(socket(family, SOCK_STREAM, 0));
-    sockaddr_storage address{};
-    socklen_t length = 0;
-    if (family == AF_INET6) {
-        auto& v6 = reinterpret_cast<sockaddr_in6&>(address);
-        v6.sin6_family = AF_INET6;
-        v6.sin6_addr = in6addr_loopback;
-        v6.sin6_port = htons(port);
-        length = sizeof(v6);
-    } else {
-        auto& v4 = reinterpret_cast<sockaddr_in&>(address);
-        v4.sin_family = AF_INET;
-        v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        v4.sin_port = htons(port);
-        length = sizeof(v4);
-    }
-    if (connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), length) != 0) fd.Reset();
-    return fd;
+std::string LoopbackTarget(const swg_test::TestServer& server) {
+    return "127.0.0.1:" + std::to_string(swg_test::EndpointPort(server.Address()));
+}
+bool StartsWith(const std::string& text, const std::string& prefix) {
+    return text.rfind(prefix, 0) == 0;
 }
 
 // How a read to the end of a connection finished.
@@ -80,74 +57,6 @@ Ending ReadToEnd(int fd, std::string& out, std::chrono::milliseconds timeout = 5
     }
 }
 
-// Echoes every connection it accepts, one at a time, until destroyed.
-class CEchoServer {
-public:
-    explicit CEchoServer(int family) : m_listener(swg_test::ListenOnLoopback(family, 8)) {
-        if (m_listener.fd.Get() >= 0) m_thread = std::thread(&CEchoServer::Serve, this);
-    }
-    ~CEchoServer() {
-        m_stop = true;
-        if (m_thread.joinable()) m_thread.join();
-    }
-    bool Ok() const { return m_listener.fd.Get() >= 0; }
-    unsigned short Port() const { return PortOf(m_listener); }
-
-private:
-    void Serve() {
-        while (!m_stop) {
-            if (!swg_test::WaitReadable(m_listener.fd.Get(), 50ms)) continue;
-            UniqueFd peer(accept(m_listener.fd.Get(), nullptr, nullptr));
-            while (!m_stop && peer.Get() >= 0) {
-                if (!swg_test::WaitReadable(peer.Get(), 50ms)) continue;
-                char buffer[8192];
-                const ssize_t got = recv(peer.Get(), buffer, sizeof(buffer), 0);
-                if (got <= 0 ||
-                    !swg_test::WriteAll(peer.Get(),
-                                        std::string(buffer, static_cast<std::size_t>(got)), 5s)) {
-                    break;
-                }
-            }
-        }
-    }
-
-    swg_test::LoopbackListener m_listener;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
-};
-
-// Accepts one connection, hands over the header block it received and answers with "ok".
-class COriginServer {
-public:
-    COriginServer() : m_listener(swg_test::ListenOnLoopback(AF_INET, 1)) {
-        m_thread = std::thread([this] {
-            std::string block;
-            if (swg_test::WaitReadable(m_listener.fd.Get(), 5s)) {
-                UniqueFd peer(accept(m_listener.fd.Get(), nullptr, nullptr));
-                std::string byte;
-                while (block.find("\r\n\r\n") == std::string::npos &&
-                       swg_test::ReadExactly(peer.Get(), 1, byte, 5s)) {
-                    block += byte;
-                }
-                swg_test::WriteAll(peer.Get(), "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok",
-                                   5s);
-            }
-            m_block.set_value(block);
-        });
-    }
-    ~COriginServer() { m_thread.join(); }
-    unsigned short Port() const { return PortOf(m_listener); }
-    std::string Received() {
-        auto future = m_block.get_future();
-        return future.wait_for(10s) == std::future_status::ready ? future.get() : "";
-    }
-
-private:
-    swg_test::LoopbackListener m_listener;
-    std::promise<std::string> m_block;
-    std::thread m_thread;
-};
-
 class TestGatewayTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -159,14 +68,15 @@ protected:
         m_org.strPstrUserId = "Hjane doe@corp.example";
         m_org.strOverlayUser = "Hoverlay";
         m_org.strpKeyId = "sample-key-1";
-        m_org.strpKeyPem = swg_test::ReadTextFile(kPublicKey);
+        m_org.strpKeyPem = swg_test::ReadTextFile(std::string(SWG_SOURCE_DIR) +
+                                                  "/packaging/sample/licence-test-public.pem");
     }
     void TearDown() override {
         m_gateway.Stop(SIGKILL, 5s);
         std::filesystem::remove_all(m_dir);
     }
 
-    // Starts the gateway on an IPv4 loopback port with the sample key and `extra` flags.
+    // Starts the gateway on an IPv4 loopback port with `extra` flags.
     void StartGateway(std::vector<std::string> extra = {}) {
         std::vector<std::string> args = {
             "--listen", "127.0.0.1:0",       "--log", LogPath(), "--timeout",
@@ -179,15 +89,16 @@ protected:
     std::string LogPath() const { return m_dir + "/gateway.log"; }
     std::string OutputPath() const { return m_dir + "/stdout.txt"; }
 
-    UniqueFd Client(std::size_t listener = 0) {
-        UniqueFd fd = ConnectTcp(AF_INET, m_gateway.Port(listener));
+    // A connection to the gateway that has sent `request`.
+    UniqueFd Send(const std::string& request) {
+        UniqueFd fd = swg_test::ConnectTo(swg_test::Endpoint("127.0.0.1", m_gateway.Port(0)));
         EXPECT_GE(fd.Get(), 0) << "cannot connect to the gateway";
+        EXPECT_TRUE(swg_test::WriteAll(fd.Get(), request, 5s));
         return fd;
     }
     // Sends `request`; returns the reply up to the close.
     std::string Exchange(const std::string& request, Ending expected = Ending::Closed) {
-        UniqueFd client = Client();
-        EXPECT_TRUE(swg_test::WriteAll(client.Get(), request, 5s));
+        UniqueFd client = Send(request);
         std::string reply;
         EXPECT_EQ(ReadToEnd(client.Get(), reply), expected) << reply;
         return reply;
@@ -209,25 +120,27 @@ protected:
     swg_test::CGatewayProcess m_gateway;
 };
 
-std::string ConnectRequest(const std::string& target, const std::string& extraLines = "") {
-    return "CONNECT " + target + " HTTP/1.1\r\nContent-Length: 0\r\nHost: " + target + "\r\n" +
-           extraLines + "\r\n";
-}
-
-// A CONNECT answers 200 with the Via line and then carries a large stream both ways, with the
-// client's half-close passed on.
-TEST_F(TestGatewayTest, ConnectTunnelsBytesBothWaysWithVia) {
-    CEchoServer echo(AF_INET);
-    ASSERT_TRUE(echo.Ok());
+// Guards tunnel with Via, forwarding without licence lines, licence log lines, 502s.
+TEST_F(TestGatewayTest, TunnelsForwardsAndLogsLicences) {
+    swg_test::TestServer echo(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
+    std::string received;  // by the origin; read after it stopped
+    swg_test::TestServer origin(swg_test::Endpoint("127.0.0.1", 0), [&received](int fd) {
+        std::string byte;
+        while (received.find("\r\n\r\n") == std::string::npos &&
+               swg_test::ReadExactly(fd, 1, byte, 5s)) {
+            received += byte;
+        }
+        swg_test::WriteAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok", 5s);
+    });
+    ASSERT_TRUE(echo.Ok() && origin.Ok());
     ASSERT_NO_FATAL_FAILURE(StartGateway({"--key", kPrivateKey}));
-    UniqueFd client = Client();
-    const std::string target = "127.0.0.1:" + std::to_string(echo.Port());
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), ConnectRequest(target), 5s));
+
+    const std::string target = LoopbackTarget(echo);
+    UniqueFd client = Send(ConnectRequest(target, LicenceLines("198.18.0.2")));
     std::string reply;
     ASSERT_TRUE(
         swg_test::ReadExactly(client.Get(), kConnected.size() + kVia.size() + 2, reply, 5s));
     EXPECT_EQ(reply, kConnected + kVia + "\r\n");
-
     const std::string payload = swg_test::PatternBytes(300 * 1024, 7);
     std::thread writer([&] { EXPECT_TRUE(swg_test::WriteAll(client.Get(), payload, 10s)); });
     std::string echoed;
@@ -236,253 +149,145 @@ TEST_F(TestGatewayTest, ConnectTunnelsBytesBothWaysWithVia) {
     EXPECT_TRUE(echoed == payload) << "echoed stream differs";
     shutdown(client.Get(), SHUT_WR);
     EXPECT_EQ(ReadToEnd(client.Get(), reply), Ending::Closed);
-
-    EXPECT_TRUE(LogHas("CONNECT " + target));
-    EXPECT_TRUE(LogHas("licence missing"));
-    EXPECT_TRUE(LogHas("result tunnel"));
-}
-
-// A bracketed IPv6 target reaches an IPv6 destination, through an IPv6 listener.
-TEST_F(TestGatewayTest, ConnectToBracketedIPv6Destination) {
-    CEchoServer echo(AF_INET6);
-    if (!echo.Ok()) GTEST_SKIP() << "no IPv6 loopback on this host";
-    std::string error;
-    const std::vector<std::string> args = {"--listen", "[::1]:0", "--log", LogPath()};
-    ASSERT_TRUE(m_gateway.Start(kGatewayBinary, args, OutputPath(), 10s, error)) << error;
-    ASSERT_EQ(m_gateway.Addresses().size(), 1u);
-    EXPECT_EQ(m_gateway.Addresses()[0].rfind("[::1]:", 0), 0u) << m_gateway.Addresses()[0];
-    UniqueFd client = ConnectTcp(AF_INET6, m_gateway.Port(0));
-    ASSERT_GE(client.Get(), 0);
-    const std::string target = "[::1]:" + std::to_string(echo.Port());
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), ConnectRequest(target) + "ping", 5s));
-    std::string reply;
-    ASSERT_TRUE(
-        swg_test::ReadExactly(client.Get(), kConnected.size() + kVia.size() + 6, reply, 5s));
-    EXPECT_EQ(reply, kConnected + kVia + "\r\nping");
-    EXPECT_TRUE(LogHas("CONNECT " + target));
-}
-
-// The lines the agent's component builds are opened with the private key and logged with the
-// identity; standard output carries the same lines as the log file.
-TEST_F(TestGatewayTest, LicenceHeaderIsDecodedAndLogged) {
-    CEchoServer echo(AF_INET);
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--key", kPrivateKey}));
-    const std::string target = "127.0.0.1:" + std::to_string(echo.Port());
-    UniqueFd client = Client();
-    ASSERT_TRUE(
-        swg_test::WriteAll(client.Get(), ConnectRequest(target, LicenceLines("198.18.0.2")), 5s));
-    std::string reply;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), kConnected.size(), reply, 5s));
-    EXPECT_EQ(reply, kConnected);
-
-    const std::string expected =
+    const std::string licenceOk =
         "licence ok org=org-4711 device=device-9f1c user=Hjane%20doe@corp.example "
         "overlay=Hoverlay key-id=sample-key-1 ip=198.18.0.2";
-    ASSERT_TRUE(LogHas(expected)) << swg_test::ReadTextFile(LogPath());
-    EXPECT_EQ(swg_test::CountLinesWith(OutputPath(), expected), 1);
-    // The request line comes right before its licence line.
-    const std::string log = swg_test::ReadTextFile(LogPath());
-    EXPECT_NE(log.find("CONNECT " + target + "\n" + expected + "\n"), std::string::npos) << log;
-}
+    ASSERT_TRUE(LogHas("result tunnel"));
+    EXPECT_NE(swg_test::ReadTextFile(LogPath()).find("CONNECT " + target + "\n" + licenceOk + "\n"),
+              std::string::npos);
+    EXPECT_EQ(swg_test::CountLinesWith(OutputPath(), licenceOk), 1);
 
-// Each way a licence can be wrong gives its own line, and the request is still served.
-TEST_F(TestGatewayTest, LicenceProblemsAreLogged) {
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--key", kPrivateKey, "--fault", "status=403"}));
-    std::string lines = LicenceLines();
-    const std::size_t payloadAt = lines.find(std::string(kLicencePayloadHeader) + ": ") +
-                                  std::string(kLicencePayloadHeader).size() + 20;
+    const std::string host = LoopbackTarget(origin);
+    const std::string head =
+        "GET /index.html?token=secret HTTP/1.1\r\nHost: " + host + "\r\nAccept: */*\r\n";
+    EXPECT_EQ(Exchange(head + LicenceLines() + "\r\n"),
+              "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+    origin.Stop();
+    EXPECT_EQ(received, head + "\r\n");
+    EXPECT_TRUE(LogHas("HTTP GET " + host + "/index.html"));
+    EXPECT_TRUE(LogHas("result forward"));
+    EXPECT_EQ(swg_test::CountLinesWith(LogPath(), "secret"), 0);
+
+    const std::string lines = LicenceLines();
     std::string tampered = lines;
+    const std::size_t payloadAt = lines.find(std::string(kLicencePayloadHeader) + ": ") + 40;
     tampered[payloadAt] = tampered[payloadAt] == 'A' ? 'B' : 'A';
-    const std::string idOnly = lines.substr(0, lines.find("\r\n") + 2);
-
-    Exchange(ConnectRequest("a.test:443", tampered));
-    EXPECT_TRUE(LogHas("licence bad: "));
-    Exchange(ConnectRequest("a.test:443", idOnly));
-    EXPECT_TRUE(LogHas("licence bad: X-SWG-Licence-Id alone"));
-    // Header names match in any letter case.
-    std::string lowered = lines;
+    std::string lowered = lines;  // header names match in any letter case
     lowered.replace(0, std::string(kLicenceKeyIdHeader).size(), "x-swg-licence-id");
-    Exchange(ConnectRequest("a.test:443", lowered));
-    EXPECT_TRUE(LogHas("licence ok org=org-4711"));
-    EXPECT_EQ(swg_test::CountLinesWith(LogPath(), "licence bad: "), 2);
+    const std::string outside = "192.0.2.1:443";
+    for (const std::string& extra :
+         {tampered, lines.substr(0, lines.find("\r\n") + 2), lowered, std::string()}) {
+        EXPECT_TRUE(StartsWith(Exchange(ConnectRequest(outside, extra)), "HTTP/1.1 502 "));
+    }
+    EXPECT_TRUE(LogHas("licence bad: ", 2));
+    EXPECT_TRUE(LogHas("licence bad: X-SWG-Licence-Id alone"));
+    EXPECT_TRUE(LogHas("licence ok org=org-4711", 3));
+    EXPECT_TRUE(LogHas("licence missing"));
+    EXPECT_TRUE(LogHas("result upstream-failed: destination outside the test networks", 4));
+
+    std::uint16_t closedPort = 0;
+    {
+        const swg_test::LoopbackListener gone = swg_test::ListenOnLoopback(AF_INET, 1);
+        closedPort = swg_test::EndpointPort(gone.address);
+    }
+    reply = Exchange(ConnectRequest("127.0.0.1:" + std::to_string(closedPort)));
+    EXPECT_TRUE(StartsWith(reply, "HTTP/1.1 502 Bad Gateway\r\n" + kVia)) << reply;
+    EXPECT_TRUE(LogHas("result upstream-failed: connect: Connection refused"));
 }
 
-// Without --key the gateway says it cannot check, rather than calling the licence good.
-TEST_F(TestGatewayTest, LicenceWithoutPrivateKeyIsNotAccepted) {
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--fault", "status=403"}));
-    Exchange(ConnectRequest("a.test:443", LicenceLines()));
+// Guards every fault mode, the control file, 400 for bad requests, licences without --key.
+TEST_F(TestGatewayTest, FaultModesAndControlFile) {
+    swg_test::TestServer echo(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
+    const std::string control = m_dir + "/control";
+    std::ofstream(control) << "# per-request faults\n"
+                           << "*.blocked.test:* status=403\n"
+                           << "bad-gateway.test:* status=502\n"
+                           << "reset.test:443 refuse\n"
+                           << "closed.test:* close-after-connect\n"
+                           << "garbage.test:* garbage\n"
+                           << "slow.test:* slow=1500 status=403\n"
+                           << "127.0.0.1:* pass\n"
+                           << "bad.test:* status=99\n";
+    ASSERT_NO_FATAL_FAILURE(StartGateway({"--control", control, "--fault", "status=407"}));
+
+    const std::pair<const char*, std::string> statuses[] = {{"www.blocked.test:443", "403"},
+                                                            {"bad-gateway.test:443", "502"},
+                                                            {"other.test:443", "407"}};
+    for (const auto& [target, status] : statuses) {
+        SCOPED_TRACE(target);
+        const std::string reply = Exchange(ConnectRequest(target));
+        ASSERT_TRUE(StartsWith(reply, "HTTP/1.1 " + status + " ")) << reply;
+        EXPECT_NE(reply.find(kVia), std::string::npos) << reply;
+        const std::size_t bodyAt = reply.find("\r\n\r\n") + 4;
+        EXPECT_NE(reply.find("Content-Length: " + std::to_string(reply.size() - bodyAt) + "\r\n"),
+                  std::string::npos);
+        EXPECT_TRUE(StartsWith(reply.substr(bodyAt), "<html>")) << reply;
+        EXPECT_EQ(reply.find("Proxy-Authenticate: Basic") != std::string::npos, status == "407");
+        EXPECT_TRUE(LogHas("result status " + status));
+    }
+    EXPECT_TRUE(LogHas("control bad: line 9"));
+    Exchange(ConnectRequest("reset.test:443"), Ending::Reset);
+    EXPECT_EQ(Exchange(ConnectRequest("closed.test:443")), "");
+    EXPECT_TRUE(LogHas("result closed"));
+    const std::string garbage = Exchange(ConnectRequest("garbage.test:443"));
+    EXPECT_FALSE(garbage.empty());
+    EXPECT_FALSE(StartsWith(garbage, "HTTP/")) << garbage;
+    {
+        UniqueFd slowed = Send(ConnectRequest("slow.test:443"));
+        EXPECT_FALSE(swg_test::WaitReadable(slowed.Get(), 500ms));
+        std::string reply;
+        EXPECT_EQ(ReadToEnd(slowed.Get(), reply, 10s), Ending::Closed);
+        EXPECT_TRUE(StartsWith(reply, "HTTP/1.1 403 ")) << reply;
+    }
+    {
+        UniqueFd tunnel = Send(ConnectRequest(LoopbackTarget(echo)));
+        std::string reply;
+        ASSERT_TRUE(swg_test::ReadExactly(tunnel.Get(), kConnected.size(), reply, 5s));
+        EXPECT_EQ(reply, kConnected);
+    }
+    std::ofstream(control, std::ios::trunc) << "127.0.0.1:* no-via\n";
+    {
+        UniqueFd tunnel = Send(ConnectRequest(LoopbackTarget(echo)) + "x");
+        std::string reply;
+        ASSERT_TRUE(swg_test::ReadExactly(tunnel.Get(), kConnected.size() + 3, reply, 5s));
+        EXPECT_EQ(reply, kConnected + "\r\nx");
+        EXPECT_TRUE(LogHas("result tunnel no-via"));
+    }
+
+    Exchange(ConnectRequest("other.test:443", LicenceLines()));
     EXPECT_TRUE(LogHas("licence bad: gateway has no private key"));
     EXPECT_EQ(swg_test::CountLinesWith(LogPath(), "licence ok"), 0);
+    EXPECT_TRUE(StartsWith(Exchange("\x16\x03\x01 not a request\r\n\r\n"), "HTTP/1.1 400 "));
+    EXPECT_TRUE(StartsWith(Exchange("CONNECT a.test HTTP/1.1\r\n\r\n"), "HTTP/1.1 400 "));
+    EXPECT_TRUE(LogHas("request bad: bad request line"));
+    EXPECT_TRUE(LogHas("request bad: CONNECT target is not host:port"));
 }
 
-// A plain HTTP header block goes to the host of its Host line without the licence lines, the
-// origin's answer comes back, and the log leaves out the query.
-TEST_F(TestGatewayTest, HttpRequestIsForwardedWithoutLicenceLines) {
-    COriginServer origin;
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--key", kPrivateKey}));
-    const std::string host = "127.0.0.1:" + std::to_string(origin.Port());
-    const std::string request = "GET /index.html?token=secret HTTP/1.1\r\nHost: " + host +
-                                "\r\nAccept: */*\r\n" + LicenceLines() + "\r\n";
-    const std::string reply = Exchange(request);
-    EXPECT_EQ(reply, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
-    EXPECT_EQ(origin.Received(),
-              "GET /index.html?token=secret HTTP/1.1\r\nHost: " + host + "\r\nAccept: */*\r\n\r\n");
-    EXPECT_TRUE(LogHas("HTTP GET " + host + "/index.html"));
-    EXPECT_EQ(swg_test::CountLinesWith(LogPath(), "secret"), 0);
-    EXPECT_TRUE(LogHas("licence ok org=org-4711"));
-    EXPECT_TRUE(LogHas("result forward"));
-}
-
-class TestGatewayStatusTest : public TestGatewayTest, public ::testing::WithParamInterface<int> {};
-
-// A status fault answers with that status, the Via line and an HTML body whose length matches
-// Content-Length; 407 also asks for credentials.
-TEST_P(TestGatewayStatusTest, StatusFaultAnswersWithHtmlBody) {
-    const int status = GetParam();
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--fault", "status=" + std::to_string(status)}));
-    const std::string reply = Exchange(ConnectRequest("blocked.test:443"));
-    ASSERT_EQ(reply.rfind("HTTP/1.1 " + std::to_string(status) + " ", 0), 0u) << reply;
-    EXPECT_NE(reply.find(kVia), std::string::npos) << reply;
-    const std::size_t bodyAt = reply.find("\r\n\r\n");
-    ASSERT_NE(bodyAt, std::string::npos);
-    const std::string body = reply.substr(bodyAt + 4);
-    EXPECT_NE(reply.find("Content-Length: " + std::to_string(body.size()) + "\r\n"),
-              std::string::npos)
-        << reply;
-    EXPECT_EQ(body.rfind("<html>", 0), 0u) << body;
-    EXPECT_EQ(reply.find("Proxy-Authenticate: Basic") != std::string::npos, status == 407) << reply;
-    EXPECT_TRUE(LogHas("result status " + std::to_string(status)));
-}
-
-INSTANTIATE_TEST_SUITE_P(Statuses, TestGatewayStatusTest, ::testing::Values(403, 407, 502));
-
-// no-via: the tunnel opens and works, but the 200 has no Via line.
-TEST_F(TestGatewayTest, NoViaFaultTunnelsWithoutVia) {
-    CEchoServer echo(AF_INET);
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--fault", "no-via"}));
-    UniqueFd client = Client();
-    ASSERT_TRUE(swg_test::WriteAll(
-        client.Get(), ConnectRequest("127.0.0.1:" + std::to_string(echo.Port())) + "x", 5s));
-    std::string reply;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), kConnected.size() + 3, reply, 5s));
-    EXPECT_EQ(reply, kConnected + "\r\nx");
-    EXPECT_TRUE(LogHas("result tunnel no-via"));
-}
-
-// close-after-connect: the request is read and the connection closed with no reply at all.
-TEST_F(TestGatewayTest, CloseAfterConnectClosesWithoutReply) {
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--fault", "close-after-connect"}));
-    EXPECT_EQ(Exchange(ConnectRequest("a.test:443")), "");
-    EXPECT_TRUE(LogHas("CONNECT a.test:443"));
-    EXPECT_TRUE(LogHas("result closed"));
-}
-
-// garbage: the reply is not HTTP.
-TEST_F(TestGatewayTest, GarbageFaultAnswersNonHttp) {
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--fault", "garbage"}));
-    const std::string reply = Exchange(ConnectRequest("a.test:443"));
-    EXPECT_FALSE(reply.empty());
-    EXPECT_NE(reply.rfind("HTTP/", 0), 0u) << reply;
-}
-
-// slow: nothing arrives before the delay; the answer does come afterwards.
-TEST_F(TestGatewayTest, SlowFaultDelaysTheAnswer) {
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--fault", "slow=1500", "--fault", "status=403"}));
-    UniqueFd client = Client();
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), ConnectRequest("a.test:443"), 5s));
-    EXPECT_FALSE(swg_test::WaitReadable(client.Get(), 500ms));
-    std::string reply;
-    EXPECT_EQ(ReadToEnd(client.Get(), reply, 10s), Ending::Closed);
-    EXPECT_EQ(reply.rfind("HTTP/1.1 403 ", 0), 0u) << reply;
-}
-
-// refuse: the port is bound but not listening, so a connect is refused outright.
+// Guards refuse on the command line: the port is bound but refuses connects.
 TEST_F(TestGatewayTest, RefuseFaultRefusesConnects) {
     ASSERT_NO_FATAL_FAILURE(StartGateway({"--fault", "refuse"}));
     EXPECT_TRUE(LogHas("refusing 127.0.0.1:"));
     ASSERT_NE(m_gateway.Port(0), 0);
     UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(m_gateway.Port(0));
-    EXPECT_NE(connect(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const sockaddr_storage address = swg_test::Endpoint("127.0.0.1", m_gateway.Port(0));
+    EXPECT_NE(connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address),
+                      swg_test::EndpointLength(address)),
+              0);
     EXPECT_EQ(errno, ECONNREFUSED);
-}
-
-// The control file picks faults per request by a glob over the target, is read again for each
-// request, and falls back to the command line's faults when no rule matches.
-TEST_F(TestGatewayTest, ControlFileChoosesFaultsPerRequest) {
-    CEchoServer echo(AF_INET);
-    const std::string control = m_dir + "/control";
-    std::ofstream(control) << "# per-request faults\n"
-                           << "*.blocked.test:* status=403\n"
-                           << "reset.test:443 refuse\n"
-                           << "127.0.0.1:* pass\n"
-                           << "bad.test:* status=99\n";
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--control", control, "--fault", "status=407"}));
-    const std::string echoTarget = "127.0.0.1:" + std::to_string(echo.Port());
-
-    EXPECT_EQ(Exchange(ConnectRequest("www.blocked.test:443")).rfind("HTTP/1.1 403 ", 0), 0u);
-    Exchange(ConnectRequest("reset.test:443"), Ending::Reset);
-    EXPECT_EQ(Exchange(ConnectRequest("other.test:443")).rfind("HTTP/1.1 407 ", 0), 0u);
-    EXPECT_TRUE(LogHas("control bad: line 5"));
-    {
-        UniqueFd client = Client();
-        ASSERT_TRUE(swg_test::WriteAll(client.Get(), ConnectRequest(echoTarget), 5s));
-        std::string reply;
-        ASSERT_TRUE(swg_test::ReadExactly(client.Get(), kConnected.size(), reply, 5s));
-        EXPECT_EQ(reply, kConnected);
-    }
-    std::ofstream(control, std::ios::trunc) << "* close-after-connect\n";
-    EXPECT_EQ(Exchange(ConnectRequest("www.blocked.test:443")), "");
-    EXPECT_TRUE(LogHas("result closed"));
-}
-
-// A destination that cannot be reached gets a 502 from the gateway; one outside loopback and
-// the test networks is never contacted.
-TEST_F(TestGatewayTest, UnreachableDestinationsGet502) {
-    ASSERT_NO_FATAL_FAILURE(StartGateway());
-    unsigned short closedPort = 0;
-    {
-        swg_test::LoopbackListener gone = swg_test::ListenOnLoopback(AF_INET, 1);
-        closedPort = PortOf(gone);
-    }
-    std::string reply = Exchange(ConnectRequest("127.0.0.1:" + std::to_string(closedPort)));
-    EXPECT_EQ(reply.rfind("HTTP/1.1 502 Bad Gateway\r\n", 0), 0u) << reply;
-    EXPECT_NE(reply.find(kVia), std::string::npos);
-    EXPECT_TRUE(LogHas("result upstream-failed: connect: Connection refused"));
-
-    reply = Exchange(ConnectRequest("192.0.2.1:443"));
-    EXPECT_EQ(reply.rfind("HTTP/1.1 502 ", 0), 0u) << reply;
-    EXPECT_TRUE(LogHas("result upstream-failed: destination outside the test networks"));
-}
-
-// A block that is not a request is answered 400 and logged.
-TEST_F(TestGatewayTest, MalformedRequestGets400) {
-    ASSERT_NO_FATAL_FAILURE(StartGateway());
-    EXPECT_EQ(Exchange("\x16\x03\x01 not a request\r\n\r\n").rfind("HTTP/1.1 400 ", 0), 0u);
-    EXPECT_EQ(Exchange("CONNECT a.test HTTP/1.1\r\n\r\n").rfind("HTTP/1.1 400 ", 0), 0u);
-    EXPECT_TRUE(LogHas("request bad: bad request line"));
-    EXPECT_TRUE(LogHas("request bad: CONNECT target is not host:port"));
 }
 
 class TestGatewayStopTest : public TestGatewayTest, public ::testing::WithParamInterface<int> {};
 
-// SIGTERM and SIGINT end the process with status 0 even with a tunnel open and a request
-// being slowed; the tunnel's client sees the close.
+// Guards a clean exit (status 0) on the signal with a tunnel open and a request slowed.
 TEST_P(TestGatewayStopTest, SignalEndsOpenTunnelsAndExitsCleanly) {
-    CEchoServer echo(AF_INET);
+    swg_test::TestServer echo(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
     const std::string control = m_dir + "/control";
     std::ofstream(control) << "slow.test:* slow=600000 status=403\n";
     ASSERT_NO_FATAL_FAILURE(StartGateway({"--control", control}));
-    UniqueFd tunnel = Client();
-    ASSERT_TRUE(swg_test::WriteAll(tunnel.Get(),
-                                   ConnectRequest("127.0.0.1:" + std::to_string(echo.Port())), 5s));
+    UniqueFd tunnel = Send(ConnectRequest(LoopbackTarget(echo)));
     std::string reply;
     ASSERT_TRUE(swg_test::ReadExactly(tunnel.Get(), kConnected.size(), reply, 5s));
-    UniqueFd slowed = Client();
-    ASSERT_TRUE(swg_test::WriteAll(slowed.Get(), ConnectRequest("slow.test:443"), 5s));
+    UniqueFd slowed = Send(ConnectRequest("slow.test:443"));
     ASSERT_TRUE(LogHas("CONNECT slow.test:443"));
 
     EXPECT_EQ(m_gateway.Stop(GetParam(), 10s), 0);
@@ -492,7 +297,7 @@ TEST_P(TestGatewayStopTest, SignalEndsOpenTunnelsAndExitsCleanly) {
 
 INSTANTIATE_TEST_SUITE_P(Signals, TestGatewayStopTest, ::testing::Values(SIGTERM, SIGINT));
 
-// Bad command lines end with status 2 and the usage; a missing key file is status 1.
+// Guards bad arguments: status 2 with the usage, or 1 for an unreadable key or host name.
 TEST_F(TestGatewayTest, BadArgumentsAreRefused) {
     const struct {
         std::vector<std::string> args;
