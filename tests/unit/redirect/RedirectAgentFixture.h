@@ -40,6 +40,11 @@ protected:
         ASSERT_EQ(m_agent.StartKDF(reason_rules_refresh), 0);
         ASSERT_EQ(m_agent.KdfState(), Running);
         ASSERT_NE(m_agent.m_pRedirector, nullptr);
+        ForgetCalls();
+    }
+
+    // Empties the record of calls, rule lists and trace lines.
+    void ForgetCalls() {
         std::lock_guard<std::mutex> hold(m_script->lock);
         m_script->calls.clear();
         m_script->given.clear();
