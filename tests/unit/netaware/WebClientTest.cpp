@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // CWebClient against scripted HTTP servers on loopback (port 80 only in a namespace of its own).
-#include "netaware/WebClient.h"
-
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -17,6 +15,7 @@
 #include <thread>
 
 #include "foundation/GlobalConst.h"
+#include "netaware/WebClient.h"
 #include "platform/SocketMark.h"
 #include "proxy/VSocket.h"
 #include "support/ScriptedHttpServer.h"
@@ -43,8 +42,8 @@ struct Download {
 Download Fetch(const ScriptedHttpServer& server, const std::string& url, long timeout,
                bool explicitPeer = false) {
     Download d;
-    d.result = CWebClient::DownloadHTTPURL(url, explicitPeer, "127.0.0.1", server.Port(),
-                                           d.headers, d.body, timeout, AF_INET);
+    d.result = CWebClient::DownloadHTTPURL(url, explicitPeer, "127.0.0.1", server.Port(), d.headers,
+                                           d.body, timeout, AF_INET);
     return d;
 }
 
@@ -98,8 +97,7 @@ TEST(WebClientTest, RepliesComeBackAsReceived) {
         {"closed at once", "", After::Close, 0, "", ""},
         // A half-loaded portal page must not pass for an answer.
         {"stalled body", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart",
-         After::WaitForClientClose, -1, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n",
-         "part"},
+         After::WaitForClientClose, -1, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n", "part"},
         {"silent server", "", After::WaitForClientClose, -1, "", "stale"},
     };
     for (const auto& c : cases) {
@@ -152,7 +150,8 @@ TEST(WebClientTest, EverySocketCarriesTheAgentMark) {
 TEST(WebClientTest, GetHeaderValueFindsTheNameInAnyCase) {
     const std::string reply =
         "HTTP/1.1 302 Found\r\nContent-Location: http://wrong.example/\r\n"
-        "LOCATION:   http://Portal.Example/Login?A=1 \t\r\nLocation: http://second.example/\r\n\r\n";
+        "LOCATION:   http://Portal.Example/Login?A=1 \t\r\nLocation: "
+        "http://second.example/\r\n\r\n";
     EXPECT_EQ(CWebClient::GetHeaderValue(reply, "location:"), "http://portal.example/login?a=1");
     EXPECT_EQ(CWebClient::GetHeaderValue(reply, "via:"), "");
     EXPECT_EQ(CWebClient::GetHeaderValue("HTTP/1.1 200 OK\nVia:\nVia: 1.1 S_Proxy_01\n", "via:"),
@@ -210,7 +209,8 @@ TEST(WebClientTest, ShortFormFetchesFromPort80OfTheUrlHost) {
     if (!skip.empty()) GTEST_SKIP() << skip;
     EXPECT_EQ(d.result, 0);
     EXPECT_EQ(d.headers, "HTTP/1.1 204 No Content\r\n\r\n");
-    EXPECT_EQ(request, "GET /generate_204 HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+    EXPECT_EQ(request,
+              "GET /generate_204 HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
     EXPECT_NE(unresolved, 0);
 }
 

@@ -161,38 +161,12 @@ TEST_F(FailurePolicyTest, BypassedConnectionClosesAndPortalModeBypasses) {
     EXPECT_TRUE(g_pSWGAgent->IsCaptivePortalMode());  // a bypass leaves the mode as it is
 }
 
-// After a failed gateway step fail open or a detected portal turns to bypass, dropping the
-// gateway socket unless asked to keep it; fail close without a portal changes nothing.
-TEST_F(FailurePolicyTest, FailedGatewayStepTurnsToBypassByPolicyOrPortal) {
-    const struct {
-        bool failOpen, portal, keep;
-        int tMode;
-        bool socketLeft;
-    } cases[] = {{false, false, false, 1, true}, {true, false, false, 0, false},
-                 {false, true, true, 0, true}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.failOpen) + std::to_string(c.portal));
-        Set(c.failOpen, c.portal);
-        g_pSWGAgent->SetCaptivePortalMode(false);
-        m_thread.TMode = 1;
-        swg_test::SocketPairPeer gateway = swg_test::MakeSocketPairPeer();
-        m_thread.m_pExternalSocket = gateway.agentSide;
-        m_thread.handleCaptivePortal("stage-x", c.keep);
-        EXPECT_EQ(m_thread.TMode, c.tMode);
-        EXPECT_EQ(m_thread.m_pExternalSocket != nullptr, c.socketLeft);
-        EXPECT_EQ(g_pSWGAgent->IsCaptivePortalMode(), c.portal);
-        delete m_thread.m_pExternalSocket;
-        m_thread.m_pExternalSocket = nullptr;
-    }
-}
-
 // ---- the refusal page --------------------------------------------------------------------------
 
-std::string Page(const std::string& length, const std::string& language,
-                 const std::string& heading, const std::string& reason) {
+std::string Page(const std::string& length, const std::string& language, const std::string& heading,
+                 const std::string& reason) {
     return "HTTP/1.1 499 Fail close\r\nContent-Length: " + length +
-           "\r\nConnection: Keep-Alive\r\nContent-Type: text/html\r\n\r\n<html lang=\"" +
-           language +
+           "\r\nConnection: Keep-Alive\r\nContent-Type: text/html\r\n\r\n<html lang=\"" + language +
            "\"><head><meta http-equiv=\"Content-Type\" content=\"text/html; "
            "charset=UTF-8\"/></head><body><h3>Trevo Linkmantle</h3><hr /><h1>" +
            heading +
@@ -211,9 +185,8 @@ TEST_F(FailurePolicyTest, RefusalPageInEnglishIsExact) {
         nullptr, CDnConnectionThread::FAILURE_CONNECT, false));
     ASSERT_TRUE(m_thread.SendFailCloseMessageToBrowser(
         m_thread.m_pKdfSocket, CDnConnectionThread::FAILURE_CONNECT, false));
-    EXPECT_EQ(ClientReceived(),
-              Page("317", "en-us", "Connection Failure",
-                   "Could not establish a connection. Fail close policy set."));
+    EXPECT_EQ(ClientReceived(), Page("317", "en-us", "Connection Failure",
+                                     "Could not establish a connection. Fail close policy set."));
 }
 
 // The German page from the shipped catalogue: translated heading and reason, untranslated

@@ -81,23 +81,24 @@ const long kFail = static_cast<long>(SWG_E_FAIL);
 
 std::vector<ResponseCase> ResponseCases() {
     std::vector<ResponseCase> cases = {
-        {"OkWithVia", "HTTP/1.1 200 Connection established\r\nVia: 1.1 s_proxy_gw1\r\n\r\n",
-         false, false, false, 0, 200, "", false, ""},
+        {"OkWithVia", "HTTP/1.1 200 Connection established\r\nVia: 1.1 s_proxy_gw1\r\n\r\n", false,
+         false, false, 0, 200, "", false, ""},
         // A 200 from a portal or another proxy must not open a tunnel.
-        {"OkWithoutVia", "HTTP/1.1 200 OK\r\nServer: portal\r\n\r\n", false, false, false, kFail,
-         0, "", false, ""},
+        {"OkWithoutVia", "HTTP/1.1 200 OK\r\nServer: portal\r\n\r\n", false, false, false, kFail, 0,
+         "", false, ""},
         {"ForbiddenWithoutVia", "HTTP/1.1 403 Forbidden\r\nContent-Length: 4\r\n\r\nnope", false,
          false, false, kFail, 0, "", false, ""},
         // Another status hands the gateway's page to the client byte for byte, and fails.
         {"ForbiddenForwarded", kForbidden + "Content-Length: 14\r\n\r\n<p>blocked</p>", false,
-         false, false, kFail, 403, kForbidden + "Content-Length: 14\r\n\r\n<p>blocked</p>",
-         false, ""},
+         false, false, kFail, 403, kForbidden + "Content-Length: 14\r\n\r\n<p>blocked</p>", false,
+         ""},
         {"StatusWithoutBody", kForbidden + "\r\n", false, false, false, kFail, 403,
          kForbidden + "\r\n", false, ""},
         {"NoForward", kForbidden + "\r\n", false, true, false, 0, 403, "", false, ""},
         // The body of a 200 is read exactly and dropped; the tunnel's bytes behind it stay.
-        {"OkBodyDropped", "HTTP/1.1 200 OK\r\nVia: 1.1 s_proxy_gw\r\nContent-Length: 5\r\n\r\nhelloTUNNEL",
-         false, false, false, 0, 200, "", false, "TUNNEL"},
+        {"OkBodyDropped",
+         "HTTP/1.1 200 OK\r\nVia: 1.1 s_proxy_gw\r\nContent-Length: 5\r\n\r\nhelloTUNNEL", false,
+         false, false, 0, 200, "", false, "TUNNEL"},
         {"ShortBody", "HTTP/1.1 200 OK\r\nVia: 1.1 s_proxy_gw\r\nContent-Length: 10\r\n\r\nabc",
          true, false, false, kFail, 200, "", true, ""},
         {"ShortStatusPage", kForbidden + "Content-Length: 50\r\n\r\npartial", true, false, false,
@@ -209,9 +210,10 @@ TEST_F(GatewayExchangeTest, ConnectCarriesTheLicenceBehindItsOwnLines) {
     ASSERT_EQ(m_thread.DoProxyConnect("198.18.2.2", 443, "", true), 0);
     m_thread.m_pExternalSocket->CloseSocket();
     const std::string request = swg_test::ReadToEnd(m_gateway.Get());
-    const std::string own = "CONNECT 198.18.2.2:443 HTTP/1.1\r\nContent-Length: 0\r\n"
-                            "Host: 198.18.2.2:443\r\nX-SWG-Licence-Id: sample-key-1\r\n"
-                            "X-SWG-Licence: ";
+    const std::string own =
+        "CONNECT 198.18.2.2:443 HTTP/1.1\r\nContent-Length: 0\r\n"
+        "Host: 198.18.2.2:443\r\nX-SWG-Licence-Id: sample-key-1\r\n"
+        "X-SWG-Licence: ";
     EXPECT_EQ(request.substr(0, own.size()), own);
     EXPECT_EQ(request.find("\r\n\r\n"), request.size() - 4);
 }
@@ -305,14 +307,27 @@ TEST_F(GatewayAddressTest, AnycastFailureTurnsTheListOfTheLeg) {
         const char* failed;
         List v4After, v6After;
     } cases[] = {
-        {"front", {"198.18.5.1", "198.18.5.2", "198.18.5.3"}, {"2001:db8::1", "2001:db8::2"},
-         false, "198.18.5.1", {"198.18.5.2", "198.18.5.3", "198.18.5.1"},
+        {"front",
+         {"198.18.5.1", "198.18.5.2", "198.18.5.3"},
+         {"2001:db8::1", "2001:db8::2"},
+         false,
+         "198.18.5.1",
+         {"198.18.5.2", "198.18.5.3", "198.18.5.1"},
          {"2001:db8::1", "2001:db8::2"}},
-        {"turned", {"198.18.5.2", "198.18.5.1"}, {}, false, "198.18.5.1",
-         {"198.18.5.2", "198.18.5.1"}, {}},
+        {"turned",
+         {"198.18.5.2", "198.18.5.1"},
+         {},
+         false,
+         "198.18.5.1",
+         {"198.18.5.2", "198.18.5.1"},
+         {}},
         {"single", {"198.18.5.1"}, {}, false, "198.18.5.1", {"198.18.5.1"}, {}},
-        {"ipv6", {"198.18.5.1", "198.18.5.2"}, {"2001:db8::1", "2001:db8::2", "2001:db8::3"}, true,
-         "2001:db8::1", {"198.18.5.1", "198.18.5.2"},
+        {"ipv6",
+         {"198.18.5.1", "198.18.5.2"},
+         {"2001:db8::1", "2001:db8::2", "2001:db8::3"},
+         true,
+         "2001:db8::1",
+         {"198.18.5.1", "198.18.5.2"},
          {"2001:db8::2", "2001:db8::3", "2001:db8::1"}},
     };
     for (const auto& c : cases) {

@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <ostream>
 #include <string>
 #include <thread>
 
@@ -32,53 +31,37 @@ constexpr char kDestination6[] = "2001:db8::7";
 
 // TLS 1.3 ClientHello as a browser sends it, SNI "a.example", 145 bytes. The type of its
 // supported_groups extension (0x000a) is a newline byte: the sniffed line ends there.
-const unsigned char kClientHelloTls13[] = {
-    0x16, 0x03, 0x01, 0x00, 0x8c,  // record: handshake, legacy version 3.1, 140 bytes
-    0x01, 0x00, 0x00, 0x88,        // handshake: ClientHello, 136 bytes
-    0x03, 0x03,                    // legacy_version TLS 1.2
-    0x40, 0x41, 0x42, 0x43, 0x44, 0x45, 0x46, 0x47, 0x48, 0x49, 0x4a,
-    0x4b, 0x4c, 0x4d, 0x4e, 0x4f, 0x50, 0x51, 0x52, 0x53, 0x54, 0x55,
-    0x56, 0x57, 0x58, 0x59, 0x5a, 0x5b, 0x5c, 0x5d, 0x5e, 0x5f,  // random
-    0x00,                                                        // legacy_session_id: empty
-    0x00, 0x06, 0x13, 0x01, 0x13, 0x02, 0xc0, 0x2f,  // cipher suites: AES128/256-GCM, ECDHE
-    0x01, 0x00,                                      // compression: null
-    0x00, 0x59,                                      // extensions: 89 bytes
-    0x00, 0x00, 0x00, 0x0e, 0x00, 0x0c, 0x00, 0x00, 0x09, 'a',  '.',
-    'e',  'x',  'a',  'm',  'p',  'l',
-    'e',                                                         // server_name "a.example"
-    0x00, 0x0a, 0x00, 0x06, 0x00, 0x04, 0x00, 0x1d, 0x00, 0x17,  // groups: x25519, P-256
-    0x00, 0x0d, 0x00, 0x06, 0x00, 0x04, 0x04, 0x03, 0x08, 0x04,  // signature algorithms
-    0x00, 0x2b, 0x00, 0x05, 0x04, 0x03, 0x04, 0x03, 0x03,        // versions: TLS 1.3, 1.2
-    0x00, 0x33, 0x00, 0x26, 0x00, 0x24, 0x00, 0x1d, 0x00, 0x20,  // key_share: x25519, 32 bytes
-    0x20, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27, 0x28, 0x29, 0x2a,
-    0x2b, 0x2c, 0x2d, 0x2e, 0x2f, 0x30, 0x31, 0x32, 0x33, 0x34, 0x35,
-    0x36, 0x37, 0x38, 0x39, 0x3a, 0x3b, 0x3c, 0x3d, 0x3e, 0x3f};
+const std::string kClientHelloTls13(
+    "\x16\x03\x01\x00\x8c"                      // record: handshake, version 3.1, 140 bytes
+    "\x01\x00\x00\x88\x03\x03"                  // ClientHello, 136 bytes, TLS 1.2
+    "@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\\]^_"         // random
+    "\x00"                                      // legacy_session_id: empty
+    "\x00\x06\x13\x01\x13\x02\xc0\x2f\x01\x00"  // cipher suites: AES-GCM, ECDHE; no compression
+    "\x00\x59"                                  // extensions: 89 bytes
+    "\x00\x00\x00\x0e\x00\x0c\x00\x00\x09"
+    "a.example"                                 // server_name
+    "\x00\x0a\x00\x06\x00\x04\x00\x1d\x00\x17"  // supported_groups: x25519, P-256
+    "\x00\x0d\x00\x06\x00\x04\x04\x03\x08\x04"  // signature_algorithms
+    "\x00\x2b\x00\x05\x04\x03\x04\x03\x03"      // supported_versions: TLS 1.3, 1.2
+    "\x00\x33\x00\x26\x00\x24\x00\x1d\x00\x20"  // key_share: x25519, 32 bytes
+    " !\"#$%&'()*+,-./0123456789:;<=>?",
+    145);
 
 // TLS 1.2 ClientHello, SNI "a.example", 117 bytes, with no newline byte anywhere: the sniffer
 // decides when the wait runs out.
-const unsigned char kClientHelloTls12[] = {
-    0x16, 0x03, 0x03, 0x00, 0x70,  // record: handshake, version 3.3, 112 bytes
-    0x01, 0x00, 0x00, 0x6c,        // handshake: ClientHello, 108 bytes
-    0x03, 0x03,                    // client_version TLS 1.2
-    0x40, 0x41, 0x42, 0x43, 0x44, 0x45, 0x46, 0x47, 0x48, 0x49, 0x4a,
-    0x4b, 0x4c, 0x4d, 0x4e, 0x4f, 0x50, 0x51, 0x52, 0x53, 0x54, 0x55,
-    0x56, 0x57, 0x58, 0x59, 0x5a, 0x5b, 0x5c, 0x5d, 0x5e, 0x5f,  // random
-    0x20, 0x60, 0x61, 0x62, 0x63, 0x64, 0x65, 0x66, 0x67, 0x68, 0x69,
-    0x6a, 0x6b, 0x6c, 0x6d, 0x6e, 0x6f, 0x70, 0x71, 0x72, 0x73, 0x74,
-    0x75, 0x76, 0x77, 0x78, 0x79, 0x7a, 0x7b, 0x7c, 0x7d, 0x7e, 0x7f,  // session id, 32 bytes
-    0x00, 0x06, 0xc0, 0x2f, 0xc0, 0x30, 0x00, 0x9c,  // cipher suites: ECDHE-RSA-AES-GCM, RSA
-    0x01, 0x00,                                      // compression: null
-    0x00, 0x1d,                                      // extensions: 29 bytes
-    0x00, 0x00, 0x00, 0x0e, 0x00, 0x0c, 0x00, 0x00, 0x09, 'a',  '.',
-    'e',  'x',  'a',  'm',  'p',  'l',
-    'e',                                 // server_name "a.example"
-    0x00, 0x0b, 0x00, 0x02, 0x01, 0x00,  // ec_point_formats: uncompressed
-    0xff, 0x01, 0x00, 0x01, 0x00};       // renegotiation_info: empty
-
-template <std::size_t N>
-std::string Bytes(const unsigned char (&bytes)[N]) {
-    return std::string(reinterpret_cast<const char*>(bytes), N);
-}
+const std::string kClientHelloTls12(
+    "\x16\x03\x03\x00\x70"               // record: handshake, version 3.3, 112 bytes
+    "\x01\x00\x00\x6c\x03\x03"           // ClientHello, 108 bytes, TLS 1.2
+    "@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\\]^_"  // random
+    "\x20"                               // session id, 32 bytes
+    "`abcdefghijklmnopqrstuvwxyz{|}~\x7f"
+    "\x00\x06\xc0\x2f\xc0\x30\x00\x9c\x01\x00"  // cipher suites: ECDHE-RSA, RSA; no compression
+    "\x00\x1d"                                  // extensions: 29 bytes
+    "\x00\x00\x00\x0e\x00\x0c\x00\x00\x09"
+    "a.example"                 // server_name
+    "\x00\x0b\x00\x02\x01\x00"  // ec_point_formats: uncompressed
+    "\xff\x01\x00\x01\x00",     // renegotiation_info: empty
+    117);
 
 // The thread object on the test's own thread, with the accepted end of a loopback connection
 // as its local socket and a chosen original destination; the test plays the client.
@@ -155,8 +138,6 @@ struct RequestCase {
     bool proxyRecorded;  // the destination becomes the observed proxy
 };
 
-void PrintTo(const RequestCase& c, std::ostream* out) { *out << c.name; }
-
 class RequestLineTest : public ModeSelectionTest,
                         public ::testing::WithParamInterface<RequestCase> {};
 
@@ -185,19 +166,20 @@ TEST_P(RequestLineTest, TakesTheBranchOfItsMethodAndUriForm) {
 
 INSTANTIATE_TEST_SUITE_P(
     Methods, RequestLineTest,
-    ::testing::Values(RequestCase{"GetOriginForm", "GET /index.html HTTP/1.1", 2, 1, false},
-                      RequestCase{"GetAbsoluteForm", "GET http://a.example/x HTTP/1.1", 2, 1, true},
-                      RequestCase{"PostOriginForm", "POST /form HTTP/1.0", 2, 1, false},
-                      RequestCase{"Connect", "CONNECT a.example:443 HTTP/1.1", 2, 1, true},
-                      RequestCase{"TraceOriginForm", "TRACE / HTTP/1.1", 0, 0, false},
-                      RequestCase{"TraceAbsoluteForm", "TRACE http://a.example/ HTTP/1.1", 0, 0,
-                                  false},
-                      RequestCase{"OptionsAsterisk", "OPTIONS * HTTP/1.1", 2, 1, false},
-                      RequestCase{"OptionsAbsoluteForm", "OPTIONS http://a.example/x HTTP/1.1", 2,
-                                  1, true},
-                      RequestCase{"LowerCaseTrace", "trace / HTTP/1.1", 2, 1, false},
-                      RequestCase{"LowerCaseOptionsAsterisk", "options * HTTP/1.1", 2, 1, true}),
-    [](const ::testing::TestParamInfo<RequestCase>& param) { return std::string(param.param.name); });
+    ::testing::Values(
+        RequestCase{"GetOriginForm", "GET /index.html HTTP/1.1", 2, 1, false},
+        RequestCase{"GetAbsoluteForm", "GET http://a.example/x HTTP/1.1", 2, 1, true},
+        RequestCase{"PostOriginForm", "POST /form HTTP/1.0", 2, 1, false},
+        RequestCase{"Connect", "CONNECT a.example:443 HTTP/1.1", 2, 1, true},
+        RequestCase{"TraceOriginForm", "TRACE / HTTP/1.1", 0, 0, false},
+        RequestCase{"TraceAbsoluteForm", "TRACE http://a.example/ HTTP/1.1", 0, 0, false},
+        RequestCase{"OptionsAsterisk", "OPTIONS * HTTP/1.1", 2, 1, false},
+        RequestCase{"OptionsAbsoluteForm", "OPTIONS http://a.example/x HTTP/1.1", 2, 1, true},
+        RequestCase{"LowerCaseTrace", "trace / HTTP/1.1", 2, 1, false},
+        RequestCase{"LowerCaseOptionsAsterisk", "options * HTTP/1.1", 2, 1, true}),
+    [](const ::testing::TestParamInfo<RequestCase>& param) {
+        return std::string(param.param.name);
+    });
 
 // A request line that arrives in pieces is collected for what is left of the wait.
 TEST_F(ModeSelectionTest, RequestLineInPiecesIsCollectedWithinTheWait) {
@@ -218,9 +200,9 @@ TEST_F(ModeSelectionTest, RequestLineInPiecesIsCollectedWithinTheWait) {
 // The first bytes decide: "HTTP/" only in more than four bytes, TLS only for a ClientHello of
 // version 3 or later (on any port), port 443 without reading; every byte read stays buffered.
 TEST_F(ModeSelectionTest, FirstBytesDecideBetweenHttpTlsAndUnknown) {
-    std::string sslv2 = Bytes(kClientHelloTls12);
+    std::string sslv2 = kClientHelloTls12;
     sslv2[1] = 0x02;  // record version 2.x
-    std::string serverHello = Bytes(kClientHelloTls13);
+    std::string serverHello = kClientHelloTls13;
     serverHello[5] = 0x02;  // handshake type ServerHello
     const struct {
         const char* name;
@@ -233,8 +215,8 @@ TEST_F(ModeSelectionTest, FirstBytesDecideBetweenHttpTlsAndUnknown) {
         {"five without HTTP/", "HELLO", 8080, 0, true},
         {"five with HTTP/", "HTTP/", 8080, 2, true},
         {"server-first protocol", "SSH-2.0-x", 8080, 0, true},
-        {"TLS 1.3 ClientHello", Bytes(kClientHelloTls13), 8443, 1, true},
-        {"TLS 1.2 ClientHello", Bytes(kClientHelloTls12), 8443, 1, true},
+        {"TLS 1.3 ClientHello", kClientHelloTls13, 8443, 1, true},
+        {"TLS 1.2 ClientHello", kClientHelloTls12, 8443, 1, true},
         {"SSL 2", sslv2, 8443, 0, true},
         {"not a ClientHello", serverHello, 8443, 0, true},
         {"alert record", std::string("\x15\x03\x03\x00\x02\x02\x46\n", 8), 8443, 0, true},
@@ -250,7 +232,8 @@ TEST_F(ModeSelectionTest, FirstBytesDecideBetweenHttpTlsAndUnknown) {
         EXPECT_EQ(m_thread.CMode, c.mode);
         EXPECT_EQ(m_thread.TMode, c.mode != 0 ? 1 : 0);
         EXPECT_EQ(Buffered(), c.read ? c.bytes : "");
-        EXPECT_EQ(swg_test::PendingBytes(m_accepted), c.read ? 0 : static_cast<int>(c.bytes.size()));
+        EXPECT_EQ(swg_test::PendingBytes(m_accepted),
+                  c.read ? 0 : static_cast<int>(c.bytes.size()));
     }
 }
 
@@ -302,15 +285,11 @@ TEST_F(ModeSelectionTest, SetupHostNamesTheHostWithoutPort) {
         const char* host;  // the Host line's value, null for none
         const char* expected;
     } cases[] = {
-        {false, 2, "a.example:8080", "a.example"},
-        {false, 2, " b.example ", "b.example"},
-        {false, 2, nullptr, kDestination},
-        {false, 2, "", kDestination},
+        {false, 2, "a.example:8080", "a.example"}, {false, 2, " b.example ", "b.example"},
+        {false, 2, nullptr, kDestination},         {false, 2, "", kDestination},
         {false, 2, "[2001:db8::5]:8080", "[2001"},  // on IPv4 cut like any other value
-        {false, 1, "a.example", kDestination},
-        {true, 2, "[2001:db8::5]:8080", kDestination6},
-        {true, 2, "[2001:db8::5]", kDestination6},
-        {true, 2, "2001:db8::5", kDestination6},
+        {false, 1, "a.example", kDestination},     {true, 2, "[2001:db8::5]:8080", kDestination6},
+        {true, 2, "[2001:db8::5]", kDestination6}, {true, 2, "2001:db8::5", kDestination6},
         {true, 2, "a.example:8080", "a.example"},
     };
     for (const auto& c : cases) {

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The pool's hand-out, reuse, limit, wait and trimming, with real connection threads.
-#include "proxy/ConnectionThreadPoolThread.h"
-
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -12,6 +10,7 @@
 #include <vector>
 
 #include "proxy/ConnectionThread.h"
+#include "proxy/ConnectionThreadPoolThread.h"
 #include "proxy/DnSocket.h"
 #include "support/SocketPeers.h"
 #include "unit/foundation/ThreadTestSupport.h"

@@ -1,20 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // Whole connection jobs over loopback: record, mode, bypass connect, relay, close, Kill.
-#include "proxy/ConnectionThread.h"
-
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <boost/date_time/posix_time/posix_time.hpp>
 #include <chrono>
 #include <string>
 #include <thread>
 
-#include <boost/date_time/posix_time/posix_time.hpp>
-
 #include "core/SWGAgent.h"
+#include "proxy/ConnectionThread.h"
 #include "proxy/DnSocket.h"
 #include "proxy/SocketPair.h"
 #include "support/SocketPeers.h"
@@ -84,9 +82,8 @@ protected:
     }
 
     swg_test::RecordingTrace m_trace;
-    swg_test::TestServer m_echo{
-        swg_test::Endpoint(GetParam() == AF_INET6 ? "::1" : "127.0.0.1", 0),
-        swg_test::EchoHandler};
+    swg_test::TestServer m_echo{swg_test::Endpoint(GetParam() == AF_INET6 ? "::1" : "127.0.0.1", 0),
+                                swg_test::EchoHandler};
     CJobThread m_thread;
     boost_ext::condition_event m_done{false};
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// CDnSocket sends, closes, connects and serves its receive prefix, over socketpairs and loopback.
+// CDnSocket connects over loopback TCP, timed and blocking, IPv4 and IPv6.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -8,9 +8,7 @@
 
 #include <cerrno>
 #include <chrono>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "proxy/DnSocket.h"
@@ -20,73 +18,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using swg_test::UniqueFd;
-
-class DnSocketTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        int fds[2] = {-1, -1};
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        m_peer.Reset(fds[0]);
-        m_sock = std::make_unique<CDnSocket>(fds[1]);
-    }
-
-    UniqueFd m_peer;
-    std::unique_ptr<CDnSocket> m_sock;
-};
-
-// A stop request or no length must send nothing; a short send must be continued, not
-// reported as the whole; a gone peer must fail with EPIPE, not kill the process with SIGPIPE.
-TEST_F(DnSocketTest, SendCompleteSendsAllOrNothing) {
-    EXPECT_EQ(m_sock->SendComplete("data", 4, 0, true), 0);
-    EXPECT_EQ(m_sock->SendComplete("data", 0, 0, false), 0);
-    EXPECT_FALSE(swg_test::WaitReadable(m_peer.Get(), 50ms));
-
-    const std::string payload = swg_test::PatternBytes(4 << 20, 7);
-    std::string received;
-    std::thread reader([&] {
-        EXPECT_TRUE(swg_test::ReadExactly(m_peer.Get(), payload.size(), received, 20s));
-    });
-    EXPECT_EQ(m_sock->SendComplete(payload.data(), static_cast<int>(payload.size()), 0, false),
-              static_cast<int>(payload.size()));
-    reader.join();
-    EXPECT_TRUE(received == payload);
-
-    m_peer.Reset();
-    EXPECT_EQ(m_sock->SendComplete("data", 4, 0, false), -1);
-    EXPECT_EQ(errno, EPIPE);
-}
-
-// A double close, or a destructor that leaks, would close a reused descriptor or run out of them.
-TEST_F(DnSocketTest, CloseIsIdempotentAndDestructorCloses) {
-    const int fd = m_sock->GetSocket();
-    EXPECT_EQ(m_sock->CloseSocket(), 0);
-    EXPECT_EQ(m_sock->CloseSocket(), 0);
-    EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
-    auto owned = std::make_unique<CDnSocket>(m_peer.Release());
-    const int ownedFd = owned->GetSocket();
-    owned.reset();
-    EXPECT_EQ(::fcntl(ownedFd, F_GETFD), -1);
-}
-
-// The record made on accept must come out of Recv first, alone (a peek leaves it), then the
-// client's bytes; readiness counts it, so a sniffer waiting for bytes does not wait in vain.
-TEST_F(DnSocketTest, RecvServesThePrefixBeforeTheDescriptorAndNeverMixesThem) {
-    m_sock->SetReceivePrefix("ABC", 3);
-    ASSERT_TRUE(swg_test::WriteAll(m_peer.Get(), "DEF", 1s));
-    ASSERT_TRUE(swg_test::WaitReadable(m_sock->GetSocket(), 1s));
-    unsigned long readable = 0;
-    int error = -1;
-    EXPECT_TRUE(m_sock->IsDataAvailable(readable, &error));
-    EXPECT_EQ(readable, 6u);
-    char buffer[16] = {};
-    ASSERT_EQ(m_sock->Recv(buffer, 2, MSG_PEEK), 2);
-    ASSERT_EQ(m_sock->Recv(buffer, 2, 0), 2);
-    EXPECT_EQ(std::string(buffer, 2), "AB");
-    ASSERT_EQ(m_sock->Recv(buffer, sizeof(buffer), 0), 1);
-    EXPECT_EQ(buffer[0], 'C');
-    ASSERT_EQ(m_sock->Recv(buffer, sizeof(buffer), 0), 3);
-    EXPECT_EQ(std::string(buffer, 3), "DEF");
-}
 
 // Restores the process-wide connect timeout that a test changed.
 class ConnectTest : public ::testing::TestWithParam<int> {

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The listener on a free loopback port: accept and hand over, bind failure, stop, descriptor
 // limits.
-#include "proxy/ListenThread.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -16,6 +14,7 @@
 #include <vector>
 
 #include "core/SWGAgent.h"
+#include "proxy/ListenThread.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
 #include "unit/foundation/ThreadTestSupport.h"
@@ -32,10 +31,19 @@ protected:
         if (m_listener) m_listener->Deinitialize();
     }
 
-    bool StartListener(int family) {
+    // With `fillBelow`, every free descriptor number below it is taken before the loop starts
+    // (a blocked accept holds the number it will return).
+    bool StartListener(int family, int fillBelow = 0) {
         m_listener = std::make_unique<CDnListenThread>(0);
+        if (!m_listener->Initialize(family == AF_INET6)) return false;
+        while (fillBelow > 0) {
+            const int fd = ::open("/dev/null", O_RDONLY);
+            if (fd == -1) break;
+            m_fillers.emplace_back(fd);
+            if (fd >= fillBelow - 1) break;
+        }
         // listen runs on the listener's own thread, after StartThread returns.
-        return m_listener->Initialize(family == AF_INET6) && m_listener->StartThread() == 0 &&
+        return m_listener->StartThread() == 0 &&
                swg_test::WaitUntil([&] { return m_listener->IsListening(); });
     }
 
@@ -59,6 +67,7 @@ protected:
 
     swg_test::RecordingTrace m_trace;
     std::unique_ptr<CDnListenThread> m_listener;
+    std::vector<UniqueFd> m_fillers;
 };
 
 INSTANTIATE_TEST_SUITE_P(Families, ListenThreadTest, ::testing::Values(AF_INET, AF_INET6),
@@ -85,18 +94,6 @@ TEST_P(ListenThreadTest, HandsEachAcceptedConnectionToAWorker) {
     EXPECT_LT(Clock::now() - start, 1s);
 }
 
-// Fills every free descriptor number below `below` (or up to the limit) with /dev/null.
-std::vector<UniqueFd> FillDescriptors(int below) {
-    std::vector<UniqueFd> fillers;
-    for (;;) {
-        const int fd = ::open("/dev/null", O_RDONLY);
-        if (fd == -1) break;
-        fillers.emplace_back(fd);
-        if (fd >= below - 1) break;
-    }
-    return fillers;
-}
-
 class ListenThreadLimitTest : public ListenThreadTest {
 protected:
     void SetUp() override { ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &m_saved), 0); }
@@ -106,7 +103,6 @@ protected:
         ListenThreadTest::TearDown();
     }
     rlimit m_saved{};
-    std::vector<UniqueFd> m_fillers;
 };
 
 INSTANTIATE_TEST_SUITE_P(Families, ListenThreadLimitTest, ::testing::Values(AF_INET));
@@ -122,14 +118,8 @@ TEST_P(ListenThreadLimitTest, RunningOutOfDescriptorsPausesAcceptAndRecovers) {
 #endif
 #endif
     swg_test::TestServer server(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
-    m_listener = std::make_unique<CDnListenThread>(0);
-    ASSERT_TRUE(m_listener->Initialize(false));
     UniqueFd client(::socket(AF_INET, SOCK_STREAM, 0));
-    // A blocked accept holds the descriptor number it will return, so the descriptors run out
-    // before the loop starts.
-    m_fillers = FillDescriptors(1 << 30);
-    ASSERT_EQ(m_listener->StartThread(), 0);
-    ASSERT_TRUE(swg_test::WaitUntil([&] { return m_listener->IsListening(); }));
+    ASSERT_TRUE(StartListener(AF_INET, 1 << 30));
     const sockaddr_storage address = ListenerAddress(AF_INET);
     ASSERT_EQ(::connect(client.Get(), reinterpret_cast<const sockaddr*>(&address),
                         swg_test::EndpointLength(address)),
@@ -158,11 +148,7 @@ TEST_P(ListenThreadLimitTest, AcceptedDescriptorBeyondTheSelectLimitIsRefused) {
     if (raised.rlim_cur < 8300) GTEST_SKIP() << "hard descriptor limit below 8300";
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
     swg_test::TestServer server(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
-    m_listener = std::make_unique<CDnListenThread>(0);
-    ASSERT_TRUE(m_listener->Initialize(false));
-    m_fillers = FillDescriptors(8192);
-    ASSERT_EQ(m_listener->StartThread(), 0);
-    ASSERT_TRUE(swg_test::WaitUntil([&] { return m_listener->IsListening(); }));
+    ASSERT_TRUE(StartListener(AF_INET, 8192));
 
     UniqueFd refused = swg_test::ConnectTo(ListenerAddress(AF_INET));
     ASSERT_NE(refused.Get(), -1);

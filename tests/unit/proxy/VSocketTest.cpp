@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The line buffer, line readers and waits of CDnVSocket, over real socketpairs.
+// The line buffer, line readers and waits of CDnVSocket and the sends, close and receive
+// prefix of CDnSocket, over real socketpairs.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -174,8 +176,8 @@ TEST_F(VSocketTest, ReceiveHeadersStopsAtEmptyLineAndLeavesBody) {
         EXPECT_EQ(m_sock->ReceiveHeaders(headers), 1);
         EXPECT_EQ(headers, c.headers);
         std::string body;
-        EXPECT_TRUE(swg_test::ReadExactly(m_sock->GetSocket(), static_cast<size_t>(c.bodyLeft),
-                                          body, 1s));
+        EXPECT_TRUE(
+            swg_test::ReadExactly(m_sock->GetSocket(), static_cast<size_t>(c.bodyLeft), body, 1s));
         EXPECT_EQ(PendingBytes(m_sock->GetSocket()), 0);
     }
     PeerSends("HTTP/1.1 200 OK\r\nA");
@@ -185,22 +187,11 @@ TEST_F(VSocketTest, ReceiveHeadersStopsAtEmptyLineAndLeavesBody) {
     EXPECT_EQ(cut, "HTTP/1.1 200 OK\r\nA");
 }
 
-// A peer that closed without sending must look like a silent one (no data, no error); buffered
-// bytes count ahead of the socket's, and a failed FIONREAD is its errno.
+// A peer that closed without sending must look like a silent one (no data, no error), and a
+// failed FIONREAD must be its errno.
 TEST_F(VSocketTest, IsDataAvailableReportsClosedPeerAsNoDataNoError) {
     unsigned long readable = 99;
     int error = -1;
-    PeerSends("12345");
-    ASSERT_TRUE(swg_test::WaitReadable(m_sock->GetSocket(), 1s));
-    EXPECT_TRUE(m_sock->IsDataAvailable(readable, &error));
-    EXPECT_EQ(readable, 5u);
-    ASSERT_TRUE(m_sock->AppendDataToBuffer("ab", 2));
-    EXPECT_TRUE(m_sock->IsDataAvailable(readable, &error));
-    EXPECT_EQ(readable, 2u);
-
-    std::string drained;
-    ASSERT_TRUE(swg_test::ReadExactly(m_sock->GetSocket(), 5, drained, 1s));
-    m_sock->ResetBuffer();
     m_peer.Reset();
     EXPECT_FALSE(m_sock->IsDataAvailable(readable, &error));
     EXPECT_EQ(readable, 0u);
@@ -209,6 +200,65 @@ TEST_F(VSocketTest, IsDataAvailableReportsClosedPeerAsNoDataNoError) {
     EXPECT_FALSE(m_sock->IsDataAvailable(readable, &error));
     EXPECT_EQ(error, EBADF);
 }
+
+// ---- CDnSocket ----------------------------------------------------------------------------
+
+using DnSocketTest = VSocketTest;
+
+// A stop request or no length must send nothing; a short send must be continued, not
+// reported as the whole; a gone peer must fail with EPIPE, not kill the process with SIGPIPE.
+TEST_F(DnSocketTest, SendCompleteSendsAllOrNothing) {
+    EXPECT_EQ(m_sock->SendComplete("data", 4, 0, true), 0);
+    EXPECT_EQ(m_sock->SendComplete("data", 0, 0, false), 0);
+    EXPECT_FALSE(swg_test::WaitReadable(m_peer.Get(), 50ms));
+
+    const std::string payload = swg_test::PatternBytes(4 << 20, 7);
+    std::string received;
+    std::thread reader(
+        [&] { EXPECT_TRUE(swg_test::ReadExactly(m_peer.Get(), payload.size(), received, 20s)); });
+    EXPECT_EQ(m_sock->SendComplete(payload.data(), static_cast<int>(payload.size()), 0, false),
+              static_cast<int>(payload.size()));
+    reader.join();
+    EXPECT_TRUE(received == payload);
+
+    m_peer.Reset();
+    EXPECT_EQ(m_sock->SendComplete("data", 4, 0, false), -1);
+    EXPECT_EQ(errno, EPIPE);
+}
+
+// A double close, or a destructor that leaks, would close a reused descriptor or run out of them.
+TEST_F(DnSocketTest, CloseIsIdempotentAndDestructorCloses) {
+    const int fd = m_sock->GetSocket();
+    EXPECT_EQ(m_sock->CloseSocket(), 0);
+    EXPECT_EQ(m_sock->CloseSocket(), 0);
+    EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
+    auto owned = std::make_unique<CDnSocket>(m_peer.Release());
+    const int ownedFd = owned->GetSocket();
+    owned.reset();
+    EXPECT_EQ(::fcntl(ownedFd, F_GETFD), -1);
+}
+
+// The record made on accept must come out of Recv first, alone (a peek leaves it), then the
+// client's bytes; readiness counts it, so a sniffer waiting for bytes does not wait in vain.
+TEST_F(DnSocketTest, RecvServesThePrefixBeforeTheDescriptorAndNeverMixesThem) {
+    m_sock->SetReceivePrefix("ABC", 3);
+    ASSERT_TRUE(swg_test::WriteAll(m_peer.Get(), "DEF", 1s));
+    ASSERT_TRUE(swg_test::WaitReadable(m_sock->GetSocket(), 1s));
+    unsigned long readable = 0;
+    int error = -1;
+    EXPECT_TRUE(m_sock->IsDataAvailable(readable, &error));
+    EXPECT_EQ(readable, 6u);
+    char buffer[16] = {};
+    ASSERT_EQ(m_sock->Recv(buffer, 2, MSG_PEEK), 2);
+    ASSERT_EQ(m_sock->Recv(buffer, 2, 0), 2);
+    EXPECT_EQ(std::string(buffer, 2), "AB");
+    ASSERT_EQ(m_sock->Recv(buffer, sizeof(buffer), 0), 1);
+    EXPECT_EQ(buffer[0], 'C');
+    ASSERT_EQ(m_sock->Recv(buffer, sizeof(buffer), 0), 3);
+    EXPECT_EQ(std::string(buffer, 3), "DEF");
+}
+
+// ---- waits -------------------------------------------------------------------------------
 
 // Out-of-range descriptors and modes must be refused before they reach a select set; readiness,
 // timeout and a select failure must each give their own result.

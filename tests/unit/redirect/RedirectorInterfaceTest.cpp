@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Opening, feeding, stopping and closing the redirector, and the stop-reason mask.
+// Opening, feeding, stopping and closing the redirector, the stop-reason mask, and recovery
+// after the redirector's kernel side went away, announced or not.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,6 +18,8 @@ namespace {
 using Calls = std::vector<std::string>;
 const Calls kFullStart = {"Create", "OpenPlugin", "Stop", "Clear(1)", "SetRedirects", "Start"};
 const Calls kFullClose = {"Clear(1)", "Stop", "ClosePlugin", "Release"};
+const Calls kRebuild = {"Clear(1)",   "Stop", "ClosePlugin", "Release",      "Create",
+                        "OpenPlugin", "Stop", "Clear(1)",    "SetRedirects", "Start"};
 constexpr long kFail = static_cast<long>(SWG_E_FAIL);
 
 class RedirectorInterfaceTest : public RedirectAgentTest {};
@@ -148,18 +153,6 @@ TEST_F(RedirectorInterfaceTest, DisruptionBitHoldsTheEndOfABackoff) {
     EXPECT_TRUE(m_script->Calls().empty());
 }
 
-// A configuration without ports must not install an empty diversion; the inhibit flag skips it.
-TEST_F(RedirectorInterfaceTest, RestartRefusesAConfigurationWithoutPorts) {
-    CSWGAgent::ORGINFO info = m_agent.GetOrgInfo();
-    info.strWebTrafficMonitorPortList.clear();
-    m_agent.SetOrgInfo(info);
-    EXPECT_FALSE(m_agent.RestartKDF(reason_rules_refresh));
-    EXPECT_EQ(m_agent.StartKDF(reason_disruption), kFail);
-    m_agent.m_bRestartInhibit = true;
-    EXPECT_TRUE(m_agent.RestartKDF(reason_rules_refresh));
-    EXPECT_TRUE(m_script->Calls().empty());
-}
-
 // The connection threads' one-rule operation hands over exactly that rule and its refusal.
 TEST_F(RedirectorInterfaceTest, SetKdfRedirectRuleHandsOverExactlyThatRule) {
     redirect_info rule{};
@@ -180,6 +173,109 @@ TEST_F(RedirectorInterfaceTest, SetKdfRedirectRuleHandsOverExactlyThatRule) {
     EXPECT_FALSE(m_agent.SetKdfRedirectRule(rule));
     EXPECT_TRUE(m_agent.ClearRedirectorDnsCache());
     EXPECT_EQ(m_script->Calls(), (Calls{"SetRedirects", "SetRedirects", "ClearDnsCache"}));
+}
+
+// ---- recovery -------------------------------------------------------------------------------
+
+// The old plug-in must be closed and released (a Stop error notwithstanding) and a new one
+// built, whether the notice is a disruption or a completion without a start.
+TEST_F(RedirectorInterfaceTest, DisruptionClosesAndRebuildsTheRedirector) {
+    StartNormally();
+    m_script->stopResults = {11};
+    m_agent.OnKdfDisruption();
+    ASSERT_TRUE(HandlerIdle());
+    EXPECT_EQ(m_script->Calls(), kRebuild);
+    EXPECT_EQ(m_agent.KdfState(), Running);
+    EXPECT_EQ(m_agent.m_kdfStopReasons, 0);
+    EXPECT_EQ(m_script->Live(), 1);
+
+    ForgetCalls();
+    m_agent.OnPlannedKdfDisruptionComplete(kext_failover_reversal);
+    ASSERT_TRUE(HandlerIdle());
+    EXPECT_EQ(m_script->Calls(), kRebuild);
+}
+
+// A second notice during a recovery must be dropped, not start a second recovery thread.
+TEST_F(RedirectorInterfaceTest, TwoNoticesStartOneRecovery) {
+    StartNormally();
+    std::mutex lock;
+    std::condition_variable changed;
+    bool entered = false;
+    bool open = false;
+    {
+        std::lock_guard<std::mutex> hold(m_script->lock);
+        m_script->onStop = [&] {  // holds the recovery inside Stop until released
+            std::unique_lock<std::mutex> wait(lock);
+            entered = true;
+            changed.notify_all();
+            changed.wait(wait, [&] { return open; });
+        };
+    }
+    m_agent.OnKdfDisruption();
+    {
+        std::unique_lock<std::mutex> wait(lock);
+        ASSERT_TRUE(changed.wait_for(wait, std::chrono::seconds(2), [&] { return entered; }));
+    }
+    m_agent.OnKdfDisruption();
+    {
+        std::lock_guard<std::mutex> hold(lock);
+        open = true;
+        changed.notify_all();
+    }
+    ASSERT_TRUE(HandlerIdle());
+    {
+        std::lock_guard<std::mutex> hold(m_script->lock);
+        m_script->onStop = nullptr;
+    }
+    EXPECT_EQ(m_script->Count("Create"), 1u);
+    EXPECT_EQ(m_trace.Count(WARN,
+                            "KDF Disruption handler thread already running. Disruption "
+                            "not handled."),
+              1u);
+}
+
+// A backoff keeps the redirector down across a recovery: no silent reopen.
+TEST_F(RedirectorInterfaceTest, BackoffSurvivesARecoveryWithoutSilentReopen) {
+    StartNormally();
+    ASSERT_TRUE(m_agent.StopKDF(reason_backoff));
+    m_agent.OnKdfDisruption();
+    ASSERT_TRUE(HandlerIdle());
+    EXPECT_EQ(m_agent.m_pRedirector, nullptr);
+    EXPECT_EQ(m_script->Count("Create"), 0u);
+    EXPECT_FALSE(m_agent.RestartKDF(reason_backoff));
+}
+
+// Three failed attempts must leave the handler ready for the next notice.
+TEST_F(RedirectorInterfaceTest, ThreeFailedAttemptsLeaveTheHandlerReady) {
+    StartNormally();
+    CSWGAgent::ORGINFO info = m_agent.GetOrgInfo();
+    const std::string ports = info.strWebTrafficMonitorPortList;
+    info.strWebTrafficMonitorPortList.clear();
+    m_agent.SetOrgInfo(info);
+    m_agent.OnKdfDisruption();
+    ASSERT_TRUE(HandlerIdle());
+    EXPECT_EQ(m_trace.With("Start KDF Plugin after KDF disruption failed. Attempt: ").size(), 3u);
+    EXPECT_EQ(m_agent.KdfState(), Stopped);
+
+    info.strWebTrafficMonitorPortList = ports;
+    m_agent.SetOrgInfo(info);
+    m_agent.OnKdfDisruption();
+    ASSERT_TRUE(HandlerIdle());
+    EXPECT_EQ(m_agent.KdfState(), Running);
+}
+
+// The planned start must try every step, failures included, and keep the handle and state.
+TEST_F(RedirectorInterfaceTest, PlannedStartClosesThePluginButKeepsHandleAndState) {
+    StartNormally();
+    ISocketRedirectorApi* handle = m_agent.m_pRedirector;
+    m_script->clearResults = {3};
+    m_script->stopResults = {NGC_ERROR_DISCONNECTED};
+    m_script->closeResults = {5};
+    m_agent.OnPlannedKdfDisruptionStart(kext_failover);
+    ASSERT_TRUE(HandlerIdle());
+    EXPECT_EQ(m_script->Calls(), (Calls{"Clear(1)", "Stop", "ClosePlugin"}));
+    EXPECT_EQ(m_agent.m_pRedirector, handle);
+    EXPECT_EQ(m_agent.KdfState(), Running);
 }
 
 }  // namespace
