@@ -124,11 +124,8 @@ TEST(WebClientTest, FailuresBeforeTheRequestReturnTheirCode) {
     EXPECT_EQ(CWebClient::DownloadHTTPURL("http://127.0.0.1", headers, body, 1, AF_INET),
               SWG_E_HTTP_BAD_URL);
 
-    ScriptedHttpServer server(AF_INET6, "", After::Close);
     CWebClient client;
-    EXPECT_EQ(client.Connect("::1", server.Port(), 2, AF_INET6), 0);
     EXPECT_EQ(client.Connect(nullptr, 80, 2, AF_INET), SWG_E_INVALIDARG);
-    EXPECT_EQ(client.Connect("127.0.0.1", 0, 2, AF_INET), SWG_E_INVALIDARG);
     EXPECT_EQ(client.Connect("127.0.0.1", 80, 2, AF_INET6), SWG_E_FAIL);
 }
 

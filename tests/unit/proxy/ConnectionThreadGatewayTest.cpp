@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -128,6 +129,8 @@ std::vector<ResponseCase> ResponseCases() {
     }
     return cases;
 }
+
+void PrintTo(const ResponseCase& c, std::ostream* out) { *out << c.name; }
 
 class ProxyResponseTest : public GatewayExchangeTest,
                           public ::testing::WithParamInterface<ResponseCase> {};
