@@ -4,7 +4,9 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <condition_variable>
+#include <atomic>
+#include <chrono>
+#include <future>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,6 +16,8 @@
 
 namespace swg_test {
 namespace {
+
+using namespace std::chrono_literals;
 
 using Calls = std::vector<std::string>;
 const Calls kFullStart = {"Create", "OpenPlugin", "Stop", "Clear(1)", "SetRedirects", "Start"};
@@ -198,35 +202,27 @@ TEST_F(RedirectorInterfaceTest, DisruptionClosesAndRebuildsTheRedirector) {
 // A second notice during a recovery must be dropped, not start a second recovery thread.
 TEST_F(RedirectorInterfaceTest, TwoNoticesStartOneRecovery) {
     StartNormally();
-    std::mutex lock;
-    std::condition_variable changed;
-    bool entered = false;
-    bool open = false;
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> first{true};
     {
         std::lock_guard<std::mutex> hold(m_script->lock);
-        m_script->onStop = [&] {  // holds the recovery inside Stop until released
-            std::unique_lock<std::mutex> wait(lock);
-            entered = true;
-            changed.notify_all();
-            changed.wait(wait, [&] { return open; });
+        m_script->onStop = [&entered, &first, released] {  // holds the recovery in its Stop
+            if (first.exchange(false)) entered.set_value();
+            released.wait();
         };
     }
     m_agent.OnKdfDisruption();
-    {
-        std::unique_lock<std::mutex> wait(lock);
-        ASSERT_TRUE(changed.wait_for(wait, std::chrono::seconds(2), [&] { return entered; }));
-    }
+    const bool inStop = entered.get_future().wait_for(2s) == std::future_status::ready;
     m_agent.OnKdfDisruption();
-    {
-        std::lock_guard<std::mutex> hold(lock);
-        open = true;
-        changed.notify_all();
-    }
+    release.set_value();
     ASSERT_TRUE(HandlerIdle());
     {
         std::lock_guard<std::mutex> hold(m_script->lock);
-        m_script->onStop = nullptr;
+        m_script->onStop = nullptr;  // it refers to this test's locals
     }
+    ASSERT_TRUE(inStop);
     EXPECT_EQ(m_script->Count("Create"), 1u);
     EXPECT_EQ(m_trace.Count(WARN,
                             "KDF Disruption handler thread already running. Disruption "
