@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "GatewayTestSupport.h"
 #include "core/SWGAgent.h"
 #include "proxy/ConnectionThread.h"
 #include "proxy/DnSocket.h"
@@ -257,23 +258,12 @@ TEST_F(ModeSelectionTest, SilentClientTimesOutWith60AfterTwoSeconds) {
 }
 
 // Proxies are recorded as IPv4 only: a proxy-form request on an IPv6 connection fails the
-// selection. An origin-form request leaves a proxy seen in traffic alone.
-TEST_F(ModeSelectionTest, ProxyRecordByAddressFamilyAndUriForm) {
+// selection, and no proxy is recorded.
+TEST_F(ModeSelectionTest, ProxyFormOnIPv6FailsTheSelection) {
     SetDestination6(kDestination6, 8080);
     ClientHasSent("CONNECT a.example:443 HTTP/1.1\r\n\r\n");
     EXPECT_EQ(m_thread.SelectInitialMode(), -1);
     EXPECT_EQ(GetProxyInfo().proxy_host, "0.0.0.0");
-
-    LOCAL_PROXY_INFO observed;
-    observed.proxy_host = "198.18.0.9";
-    observed.proxy_port = 8080;
-    observed.proxy_type = PROXY_TYPE_OBSERVED;
-    observed.proxy_state = PROXY_STATE_IN_USE;
-    SetProxyInfo(observed);
-    NewConnection();
-    ClientHasSent("GET / HTTP/1.1\r\n\r\n");
-    ASSERT_EQ(m_thread.SelectInitialMode(), 0);
-    EXPECT_EQ(GetProxyInfo().proxy_host, "198.18.0.9");
 }
 
 // The gateway is named the Host without its port, or the destination address when there is no
@@ -315,24 +305,19 @@ class LicenceLinesTest : public ModeSelectionTest {
 protected:
     void SetUp() override {
         ModeSelectionTest::SetUp();
-        m_saved = g_pSWGAgent->GetOrgInfo();
-        CSWGAgent::ORGINFO org;
-        org.strOrgId = "org-4711";
-        org.strDeviceId = "device-9f1c";
-        org.strPstrUserId = "Hjane.doe@corp.example";
-        org.strOverlayUser = "Hoverlay";
-        org.strpKeyPem = ReadSample("licence-test-public.pem");
-        org.strpKeyId = "sample-key-1";
-        g_pSWGAgent->SetOrgInfo(org);
+        swg_test::ScopedAgentState::Edit([](CSWGAgent::ORGINFO& org) {
+            org.strOrgId = "org-4711";
+            org.strDeviceId = "device-9f1c";
+            org.strPstrUserId = "Hjane.doe@corp.example";
+            org.strOverlayUser = "Hoverlay";
+            org.strpKeyPem = ReadSample("licence-test-public.pem");
+            org.strpKeyId = "sample-key-1";
+        });
         m_headers.m_lines = {"GET / HTTP/1.1\r\n", "Host: a.example\r\n"};
         m_headers.m_bComplete = true;
     }
-    void TearDown() override {
-        g_pSWGAgent->SetOrgInfo(m_saved);
-        ModeSelectionTest::TearDown();
-    }
 
-    CSWGAgent::ORGINFO m_saved;
+    swg_test::ScopedAgentState m_state;
     CDnHttpHeaders m_headers{256};
 };
 
@@ -362,9 +347,9 @@ TEST_F(LicenceLinesTest, AppendsTwoLinesThatDecodeToTheConfiguredIdentity) {
 
 // A key that cannot be used leaves the block as the client sent it.
 TEST_F(LicenceLinesTest, BadKeyAppendsNothing) {
-    CSWGAgent::ORGINFO org = g_pSWGAgent->GetOrgInfo();
-    org.strpKeyPem = "-----BEGIN PUBLIC KEY-----\nnot a key\n-----END PUBLIC KEY-----\n";
-    g_pSWGAgent->SetOrgInfo(org);
+    swg_test::ScopedAgentState::Edit([](CSWGAgent::ORGINFO& org) {
+        org.strpKeyPem = "-----BEGIN PUBLIC KEY-----\nnot a key\n-----END PUBLIC KEY-----\n";
+    });
     EXPECT_FALSE(m_thread.ModifyHttpHeaders(&m_headers));
     EXPECT_EQ(m_headers.m_lines.size(), 2u);
 }
