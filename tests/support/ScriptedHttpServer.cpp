@@ -51,8 +51,6 @@ std::string ScriptedHttpServer::Request() {
     return m_request;
 }
 
-bool ScriptedHttpServer::HasPendingConnection() const { return PollIn(m_listener.Get(), 0); }
-
 void ScriptedHttpServer::Serve() {
     if (!PollIn(m_listener.Get(), kWaitMs)) return;
     UniqueFd client(::accept(m_listener.Get(), nullptr, nullptr));

@@ -33,8 +33,6 @@ public:
     // Waits for the connection to be served and returns the request read ("" when none
     // came within the bounds).
     std::string Request();
-    // Whether another connection is waiting to be accepted (none should be).
-    bool HasPendingConnection() const;
 
 private:
     void Serve();

@@ -5,7 +5,6 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <chrono>
 #include <map>
 #include <string>
@@ -24,26 +23,25 @@ using namespace std::chrono_literals;
 using swg_test::ScopedAgentState;
 using Reason = CDnConnectionThread::CONN_FAILURE_REASON;
 
-const char* const kLocaleVariables[] = {"LC_ALL", "LC_MESSAGES", "LANG", "SWG_DATA_ROOT"};
-
 // Keeps the locale variables and the data path as the test found them, and the catalogue
 // forgotten on both sides of the test.
 class ScopedLocale {
 public:
     ScopedLocale() {
-        for (const char* name : kLocaleVariables) {
+        for (const char* name : kVariables) {
             if (const char* value = ::getenv(name)) m_saved[name] = value;
             ::unsetenv(name);
         }
         MsgCatalog::Uninitialize();
     }
     ~ScopedLocale() {
-        for (const char* name : kLocaleVariables) ::unsetenv(name);
+        for (const char* name : kVariables) ::unsetenv(name);
         for (const auto& entry : m_saved) ::setenv(entry.first.c_str(), entry.second.c_str(), 1);
         MsgCatalog::Uninitialize();
     }
 
 private:
+    static constexpr const char* kVariables[] = {"LC_ALL", "LC_MESSAGES", "LANG", "SWG_DATA_ROOT"};
     std::map<std::string, std::string> m_saved;
 };
 
@@ -61,11 +59,10 @@ protected:
         m_thread.TMode = 1;
     }
 
-    void SetPolicy(bool failOpen) {
+    // The policy in force, and the captive portal test's answer; the test's calls are counted
+    // with their timeouts.
+    void Set(bool failOpen, bool portal) {
         ScopedAgentState::Edit([&](CSWGAgent::ORGINFO& info) { info.bFailOpen = failOpen; });
-    }
-    // The captive portal test answers `portal`, and counts its calls with their timeouts.
-    void SetPortal(bool portal) {
         g_pSWGAgent->SetCaptivePortalProbe([this, portal](long timeout) {
             m_probeTimeouts.push_back(timeout);
             return portal;
@@ -108,24 +105,18 @@ TEST_P(FailureTableTest, DecidesByPolicyReasonAndPortal) {
     const bool failOpen = std::get<1>(GetParam());
     const bool portal = std::get<2>(GetParam());
     ASSERT_TRUE(m_origin.Ok());
-    SetPolicy(failOpen);
-    SetPortal(portal);
+    Set(failOpen, portal);
 
     const bool goesOn = m_thread.OnConnectionFailure(static_cast<Reason>(reason));
-    const Outcome expected = Expected(failOpen, reason, portal);
     const bool credentials = reason == 6 || reason == 7;
-
     EXPECT_EQ(m_thread.m_bFailureReported, !credentials);
     EXPECT_EQ(m_probeTimeouts, credentials ? std::vector<long>{} : std::vector<long>{2});
-    switch (expected) {
+    switch (Expected(failOpen, reason, portal)) {
         case Outcome::BypassRetry:
             EXPECT_TRUE(goesOn);
             EXPECT_EQ(m_thread.TMode, 0);
             EXPECT_NE(m_thread.m_pExternalSocket, nullptr);
             EXPECT_TRUE(m_origin.WaitForAccepted(1, 5s));
-            EXPECT_EQ(
-                m_trace.Count(TRACE, "Connection : Retrying in bypass mode. CMode : 1 TMode : 0"),
-                1);
             EXPECT_EQ(ClientReceived(), "");
             break;
         case Outcome::RefusalPage:
@@ -134,12 +125,8 @@ TEST_P(FailureTableTest, DecidesByPolicyReasonAndPortal) {
             EXPECT_EQ(m_origin.Accepted(), 0);
             break;
         case Outcome::GiveUp:
-            EXPECT_FALSE(goesOn);
-            EXPECT_EQ(ClientReceived(), "");
-            EXPECT_EQ(m_origin.Accepted(), 0);
-            break;
         case Outcome::GoOn:
-            EXPECT_TRUE(goesOn);
+            EXPECT_EQ(goesOn, reason == 0);
             EXPECT_EQ(m_thread.m_pExternalSocket, nullptr);
             EXPECT_EQ(ClientReceived(), "");
             EXPECT_EQ(m_origin.Accepted(), 0);
@@ -159,20 +146,14 @@ INSTANTIATE_TEST_SUITE_P(Table, FailureTableTest,
 class FailurePolicyTest : public FailurePolicyFixture, public ::testing::Test {};
 
 // A direct connection that failed has nowhere else to go: no page, no word, no portal test.
-TEST_F(FailurePolicyTest, BypassedConnectionJustCloses) {
-    SetPolicy(false);
-    SetPortal(false);
+// With the portal mode already on, the portal is not probed again and the connection bypasses.
+TEST_F(FailurePolicyTest, BypassedConnectionClosesAndPortalModeBypasses) {
+    Set(false, false);
     m_thread.TMode = 0;
     EXPECT_FALSE(m_thread.OnConnectionFailure(CDnConnectionThread::FAILURE_CONNECT));
     EXPECT_FALSE(m_thread.m_bFailureReported);
-    EXPECT_TRUE(m_probeTimeouts.empty());
-    EXPECT_EQ(ClientReceived(), "");
-}
 
-// With the mode already on, the portal is not probed again and the connection bypasses.
-TEST_F(FailurePolicyTest, PortalModeAlreadyOnBypassesWithoutAProbe) {
-    SetPolicy(false);
-    SetPortal(false);
+    m_thread.TMode = 1;
     g_pSWGAgent->SetCaptivePortalMode(true);
     EXPECT_TRUE(m_thread.OnConnectionFailure(CDnConnectionThread::FAILURE_CONNECT));
     EXPECT_TRUE(m_probeTimeouts.empty());
@@ -180,69 +161,12 @@ TEST_F(FailurePolicyTest, PortalModeAlreadyOnBypassesWithoutAProbe) {
     EXPECT_TRUE(g_pSWGAgent->IsCaptivePortalMode());  // a bypass leaves the mode as it is
 }
 
-// Fail close without a portal changes nothing: the gateway socket stays, TMode stays.
-TEST_F(FailurePolicyTest, PortalTestWithoutPortalUnderFailCloseChangesNothing) {
-    SetPolicy(false);
-    SetPortal(false);
-    swg_test::SocketPairPeer gateway = swg_test::MakeSocketPairPeer();
-    m_thread.m_pExternalSocket = gateway.agentSide;
-    m_thread.handleCaptivePortal("stage-x", false);
-    EXPECT_EQ(m_thread.TMode, 1);
-    EXPECT_EQ(m_thread.m_pExternalSocket, gateway.agentSide);
-    EXPECT_EQ(m_probeTimeouts, std::vector<long>{2});
-    EXPECT_EQ(m_trace.CountPrefix(WARN, "Since"), 0);
-}
-
-// Fail open turns a failed gateway step to bypass and drops the gateway socket.
-TEST_F(FailurePolicyTest, FailOpenTurnsToBypassAndDropsTheGatewaySocket) {
-    SetPolicy(true);
-    SetPortal(false);
-    swg_test::SocketPairPeer gateway = swg_test::MakeSocketPairPeer();
-    m_thread.m_pExternalSocket = gateway.agentSide;
-    m_thread.handleCaptivePortal("stage-x", false);
-    EXPECT_EQ(m_thread.TMode, 0);
-    EXPECT_EQ(m_thread.m_pExternalSocket, nullptr);
-    EXPECT_EQ(swg_test::ReadToEnd(gateway.peer.Get(), 1s), "");  // closed, end of stream
-    EXPECT_EQ(m_trace.Count(WARN,
-                            "Since fail open policy set. stage-x, try connection in bypass mode "
-                            "[FailOpen : 1, CMode : 1 TMode : 0]."),
-              1);
-}
-
-// A portal found by the probe outranks fail close; asked to, the socket is kept.
-TEST_F(FailurePolicyTest, DetectedPortalTurnsToBypassAndCanKeepTheSocket) {
-    SetPolicy(false);
-    SetPortal(true);
-    swg_test::SocketPairPeer gateway = swg_test::MakeSocketPairPeer();
-    m_thread.m_pExternalSocket = gateway.agentSide;
-    m_thread.handleCaptivePortal("stage-y", true);
-    EXPECT_EQ(m_thread.TMode, 0);
-    EXPECT_EQ(m_thread.m_pExternalSocket, gateway.agentSide);
-    EXPECT_TRUE(g_pSWGAgent->IsCaptivePortalMode());
-    EXPECT_EQ(m_trace.Count(WARN,
-                            "Since CP detected . stage-y, try connection in bypass mode "
-                            "[FailOpen : 0, CMode : 1 TMode : 0]."),
-              1);
-}
-
-// The reason text is followed by the policy sentence; reasons without a text are "Unknown".
-TEST_F(FailurePolicyTest, FailureMessageNamesReasonAndPolicy) {
-    SetPolicy(true);
-    EXPECT_EQ(m_thread.GetConnectionFailureMsg(CDnConnectionThread::FAILURE_PROXY_RESPONSE),
-              "Invalid response received from the proxy server. Fail open policy set.");
-    SetPolicy(false);
-    EXPECT_EQ(m_thread.GetConnectionFailureMsg(static_cast<Reason>(12)),
-              "Unknown Fail close policy set.");
-    EXPECT_EQ(
-        m_thread.GetConnectionFailureMsg(CDnConnectionThread::FAILURE_PROXY_CREDENTIALS),
-        m_thread.GetConnectionFailureMsg(CDnConnectionThread::FAILURE_PROXY_CREDENTIALS_REQUIRED));
-}
-
 // ---- the refusal page --------------------------------------------------------------------------
 
-std::string PageBody(const std::string& language, const std::string& heading,
-                     const std::string& reason) {
-    return "<html lang=\"" + language +
+std::string Page(const std::string& length, const std::string& language, const std::string& heading,
+                 const std::string& reason) {
+    return "HTTP/1.1 499 Fail close\r\nContent-Length: " + length +
+           "\r\nConnection: Keep-Alive\r\nContent-Type: text/html\r\n\r\n<html lang=\"" + language +
            "\"><head><meta http-equiv=\"Content-Type\" content=\"text/html; "
            "charset=UTF-8\"/></head><body><h3>Trevo Linkmantle</h3><hr /><h1>" +
            heading +
@@ -251,23 +175,18 @@ std::string PageBody(const std::string& language, const std::string& heading,
            reason + "</p></body></html>";
 }
 
-std::string PageHead(const std::string& length) {
-    return "HTTP/1.1 499 Fail close\r\nContent-Length: " + length +
-           "\r\nConnection: Keep-Alive\r\nContent-Type: text/html\r\n\r\n";
-}
-
-// The English page, byte for byte, with no catalogue in reach.
+// The English page, byte for byte, with no catalogue in reach; without a socket, no page.
 TEST_F(FailurePolicyTest, RefusalPageInEnglishIsExact) {
     swg_test::TempFolder empty;
     ::setenv("SWG_DATA_ROOT", empty.Path().c_str(), 1);
     ::setenv("LANG", "C", 1);
-    SetPolicy(false);
+    Set(false, false);
+    EXPECT_FALSE(m_thread.SendFailCloseMessageToBrowser(
+        nullptr, CDnConnectionThread::FAILURE_CONNECT, false));
     ASSERT_TRUE(m_thread.SendFailCloseMessageToBrowser(
         m_thread.m_pKdfSocket, CDnConnectionThread::FAILURE_CONNECT, false));
-    EXPECT_EQ(
-        ClientReceived(),
-        PageHead("317") + PageBody("en-us", "Connection Failure",
-                                   "Could not establish a connection. Fail close policy set."));
+    EXPECT_EQ(ClientReceived(), Page("317", "en-us", "Connection Failure",
+                                     "Could not establish a connection. Fail close policy set."));
 }
 
 // The German page from the shipped catalogue: translated heading and reason, untranslated
@@ -275,42 +194,14 @@ TEST_F(FailurePolicyTest, RefusalPageInEnglishIsExact) {
 TEST_F(FailurePolicyTest, RefusalPageInGermanCountsBytes) {
     ::setenv("SWG_DATA_ROOT", SWG_BUILD_DATA_ROOT, 1);
     ::setenv("LANG", "de_DE.UTF-8", 1);
-    SetPolicy(false);
+    Set(false, false);
     ASSERT_TRUE(m_thread.SendFailCloseMessageToBrowser(
         m_thread.m_pKdfSocket, CDnConnectionThread::FAILURE_CONNECT, false));
-    const std::string body =
-        PageBody("de-de", "Verbindungsfehler",
-                 "Es konnte keine Verbindung hergestellt werden. Richtlinie \xE2\x80\x9E"
-                 "Fail close\xE2\x80\x9C aktiv: Ist der Sicherheitsdienst nicht erreichbar, werden "
-                 "Verbindungen blockiert.");
-    EXPECT_EQ(ClientReceived(), PageHead("416") + body);
-}
-
-// Without a socket nothing can be written: false and the log line.
-TEST_F(FailurePolicyTest, RefusalPageWithoutSocketFails) {
-    EXPECT_FALSE(m_thread.SendFailCloseMessageToBrowser(
-        nullptr, CDnConnectionThread::FAILURE_CONNECT, false));
-    EXPECT_EQ(m_trace.Count(ERR, "Connection : Failed to write HTTP headers: 2147942487"), 1);
-}
-
-// A client that has gone: the header block fails and the body is not sent.
-TEST_F(FailurePolicyTest, RefusalPageToAGoneClientFails) {
-    m_client.Reset();
-    EXPECT_FALSE(m_thread.SendFailCloseMessageToBrowser(
-        m_thread.m_pKdfSocket, CDnConnectionThread::FAILURE_CONNECT, false));
-    EXPECT_EQ(m_trace.Count(ERR, "Connection : Failed to write HTTP headers: -1"), 1);
-}
-
-// Missing credentials get the page whatever the policy, and no state word.
-TEST_F(FailurePolicyTest, MissingCredentialsGetThePageEvenUnderFailOpen) {
-    SetPolicy(true);
-    SetPortal(true);
-    EXPECT_FALSE(m_thread.OnConnectionFailure(CDnConnectionThread::FAILURE_PROXY_CREDENTIALS));
-    const std::string page = ClientReceived();
-    EXPECT_NE(page.find("Please provide the proxy credentials in Linkmantle Web Security. Fail "
-                        "open policy set."),
-              std::string::npos);
-    EXPECT_FALSE(m_thread.m_bFailureReported);
+    EXPECT_EQ(ClientReceived(),
+              Page("416", "de-de", "Verbindungsfehler",
+                   "Es konnte keine Verbindung hergestellt werden. Richtlinie \xE2\x80\x9E"
+                   "Fail close\xE2\x80\x9C aktiv: Ist der Sicherheitsdienst nicht erreichbar, "
+                   "werden Verbindungen blockiert."));
 }
 
 }  // namespace

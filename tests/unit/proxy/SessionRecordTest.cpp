@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Telling redirected connections from direct ones, and the record made for them.
-#include "proxy/SessionRecord.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
 #include <cstring>
 
+#include "proxy/SessionRecord.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
 

@@ -4,26 +4,15 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
 #include <memory>
-#include <thread>
+#include <mutex>
 
 #include "core/SWGAgent.h"
 #include "support/FakeSocketRedirector.h"
 #include "support/TraceRecorder.h"
+#include "unit/foundation/ThreadTestSupport.h"
 
 namespace swg_test {
-
-// Waits up to two seconds for `done`; true when it came.
-inline bool WaitUntil(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 class RedirectAgentTest : public ::testing::Test {
 protected:
@@ -40,14 +29,22 @@ protected:
         ASSERT_EQ(m_agent.StartKDF(reason_rules_refresh), 0);
         ASSERT_EQ(m_agent.KdfState(), Running);
         ASSERT_NE(m_agent.m_pRedirector, nullptr);
+        ForgetCalls();
+    }
+
+    // Empties the record of calls, rule lists and trace lines.
+    void ForgetCalls() {
         std::lock_guard<std::mutex> hold(m_script->lock);
         m_script->calls.clear();
         m_script->given.clear();
         m_trace.Clear();
     }
 
-    void WaitForRedirectorThreads() {
-        ASSERT_TRUE(WaitUntil([this] { return m_agent.m_kdfThreadsRunning == 0; }));
+    // True once no recovery is busy and every redirector thread has finished.
+    bool HandlerIdle() {
+        return WaitUntil([this] {
+            return !m_agent.m_kdfDisruptionHandlerBusy && m_agent.m_kdfThreadsRunning == 0;
+        });
     }
 
     std::shared_ptr<FakeRedirectorScript> m_script = std::make_shared<FakeRedirectorScript>();

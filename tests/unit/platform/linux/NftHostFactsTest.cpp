@@ -44,26 +44,21 @@ UniqueFd BoundSocket(int family, bool listening, uint16_t& port) {
 // Guards the listener check that holds rules back: only a listening socket counts, and
 // only in its own family.
 TEST(NftHostFactsTest, OnlyAListeningLoopbackSocketCounts) {
-    uint16_t port = 0;
-    UniqueFd listener = BoundSocket(AF_INET, true, port);
-    ASSERT_GE(listener.Get(), 0);
-    EXPECT_TRUE(IsLoopbackPortListening(AF_INET, port));
-    EXPECT_FALSE(IsLoopbackPortListening(AF_INET6, port));
-    listener.Reset();
-    EXPECT_FALSE(IsLoopbackPortListening(AF_INET, port));
-
-    UniqueFd bound = BoundSocket(AF_INET, false, port);
-    ASSERT_GE(bound.Get(), 0);
-    EXPECT_FALSE(IsLoopbackPortListening(AF_INET, port)) << "bound but not listening";
-}
-
-// Guards the IPv6 listener on ::1, when this host has IPv6.
-TEST(NftHostFactsTest, IPv6LoopbackListenerCounts) {
-    uint16_t port = 0;
-    UniqueFd listener = BoundSocket(AF_INET6, true, port);
-    if (listener.Get() < 0) GTEST_SKIP() << "no IPv6 loopback here";
-    EXPECT_TRUE(IsLoopbackPortListening(AF_INET6, port));
-    EXPECT_FALSE(IsLoopbackPortListening(AF_INET, port));
+    for (const int family : {AF_INET, AF_INET6}) {
+        SCOPED_TRACE(family);
+        const int other = family == AF_INET ? AF_INET6 : AF_INET;
+        uint16_t port = 0;
+        UniqueFd listener = BoundSocket(family, true, port);
+        if (listener.Get() < 0 && family == AF_INET6) GTEST_SKIP() << "no IPv6 loopback here";
+        ASSERT_GE(listener.Get(), 0);
+        EXPECT_TRUE(IsLoopbackPortListening(family, port));
+        EXPECT_FALSE(IsLoopbackPortListening(other, port));
+        listener.Reset();
+        EXPECT_FALSE(IsLoopbackPortListening(family, port));
+        UniqueFd bound = BoundSocket(family, false, port);
+        ASSERT_GE(bound.Get(), 0);
+        EXPECT_FALSE(IsLoopbackPortListening(family, port)) << "bound but not listening";
+    }
 }
 
 // Guards address literals in the host lists: they resolve to themselves without a lookup.

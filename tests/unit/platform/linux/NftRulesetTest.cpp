@@ -68,7 +68,8 @@ std::vector<std::string> Formatted(const std::vector<NftAddressRange>& ranges) {
 }
 
 // Guards the interval sets: nft refuses overlapping elements, so nested, overlapping and
-// adjacent entries must arrive merged, host bits masked and over-long prefixes clamped.
+// adjacent entries must arrive merged, host bits masked and over-long prefixes clamped, up to
+// the edges of the address space (prefix 0 is everything, the last address merges).
 TEST(NftRangeTest, EntriesAreMaskedClampedAndMerged) {
     const std::list<ngc_cidr_addr> entries = {
         Cidr("11.0.0.0", 8),    Cidr("10.1.2.3", 8),   Cidr("10.200.0.0", 16),
@@ -80,10 +81,6 @@ TEST(NftRangeTest, EntriesAreMaskedClampedAndMerged) {
                                         "198.18.0.0-198.19.255.255"}));
     EXPECT_EQ(Formatted(MergeNftRanges(entries, {Address("2001:db8::1")}, AF_INET6)),
               (std::vector<std::string>{"2001:db8::-2001:db8:ffff:ffff:ffff:ffff:ffff:ffff"}));
-}
-
-// Guards the edges of the address space: prefix 0 is everything, the last address merges.
-TEST(NftRangeTest, WholeSpaceAndLastAddress) {
     EXPECT_EQ(
         Formatted(MergeNftRanges({Cidr("10.0.0.0", 0), Cidr("255.255.255.255", 32)}, {}, AF_INET)),
         std::vector<std::string>{"0.0.0.0-255.255.255.255"});
@@ -93,16 +90,24 @@ TEST(NftRangeTest, WholeSpaceAndLastAddress) {
 
 class NftRulesetTest : public ::testing::Test {};
 
-// Guards the agent's list on a host without IPv6: the doubled IPv4 rule gives one table rule.
-TEST_F(NftRulesetTest, DoubledRulesAppearOnce) {
+// Guards the agent's list on a host without IPv6 (the doubled IPv4 rule gives one table rule)
+// and the wait for listeners: a family whose listener is down is not diverted.
+TEST_F(NftRulesetTest, DoubledRulesAppearOnceAndWaitForTheirListener) {
     std::list<redirect_info> rules = {Redirect(AF_INET, 80),        Redirect(AF_INET, 80),
                                       Redirect(AF_INET, 443),       Redirect(AF_INET, 443),
                                       NoRedirect(AF_INET, kOwnPid), NoRedirect(AF_INET6, kOwnPid)};
-    const NftRuleset ruleset = BuildNftRuleset(rules, BothListening());
+    NftBuildInputs inputs = BothListening();
+    const NftRuleset ruleset = BuildNftRuleset(rules, inputs);
     ASSERT_EQ(ruleset.rules.size(), 2u);
     EXPECT_EQ(ruleset.rules[0].port, 80);
     EXPECT_EQ(ruleset.rules[1].port, 443);
     EXPECT_TRUE(ruleset.bypassCgroups.empty());
+
+    inputs.listening = {{AF_INET6, 5002}};
+    const NftRuleset waiting =
+        BuildNftRuleset({Redirect(AF_INET, 80), Redirect(AF_INET6, 80)}, inputs);
+    ASSERT_EQ(waiting.rules.size(), 1u);
+    EXPECT_EQ(waiting.rules[0].family, AF_INET6);
 }
 
 // Guards what the mark enforces instead of the table, and rules the table cannot hold.
@@ -121,18 +126,6 @@ TEST_F(NftRulesetTest, RulesAreClassifiedByWhatEnforcesThem) {
     const NftRuleset ruleset = BuildNftRuleset(
         {exception, Redirect(AF_INET, 0), NoRedirect(AF_INET, kOwnPid)}, BothListening());
     EXPECT_TRUE(ruleset.rules.empty());
-}
-
-// Guards the wait for listeners: a family whose listener is down is not diverted.
-TEST_F(NftRulesetTest, RulesWaitForTheirListener) {
-    NftBuildInputs inputs = BothListening();
-    inputs.listening = {{AF_INET, 5002}};
-    const NftRuleset ruleset =
-        BuildNftRuleset({Redirect(AF_INET, 80), Redirect(AF_INET6, 80)}, inputs);
-    ASSERT_EQ(ruleset.rules.size(), 1u);
-    EXPECT_EQ(ruleset.rules[0].family, AF_INET);
-    inputs.listening.clear();
-    EXPECT_TRUE(BuildNftRuleset({Redirect(AF_INET, 80)}, inputs).rules.empty());
 }
 
 // Guards host names: resolved addresses join the ranges of their family; an unresolved
