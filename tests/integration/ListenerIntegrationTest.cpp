@@ -8,11 +8,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,12 +28,16 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using swg_test::UniqueFd;
 
-// Test hosts of the namespace, on its loopback interface.
+// A test host of the namespace, on its loopback interface.
 constexpr const char* kHostA = "198.18.0.1";
-constexpr const char* kUnroutable = "198.18.9.9";
 
 int Shell(const std::string& command) {
     return std::system((command + " >/dev/null 2>&1").c_str());
+}
+
+long Entries(const char* folder) {
+    namespace fs = std::filesystem;
+    return std::distance(fs::directory_iterator(folder), fs::directory_iterator());
 }
 
 // Each test runs in a fresh network namespace: the main thread leaves the host's, and every
@@ -46,28 +50,24 @@ protected:
             GTEST_SKIP() << "needs root: the listener runs in a network namespace of its own";
         if (::unshare(CLONE_NEWNET) != 0)
             GTEST_SKIP() << "unshare(CLONE_NEWNET) failed: " << std::strerror(errno);
-        ASSERT_EQ(Shell("ip link set lo up"), 0);
-        ASSERT_EQ(Shell(std::string("ip addr add ") + kHostA + "/32 dev lo"), 0);
+        ASSERT_EQ(Shell(std::string("ip link set lo up && ip addr add ") + kHostA + "/32 dev lo"),
+                  0);
         StartListener(false);
     }
 
     void TearDown() override {
         for (auto& listener : m_listeners) listener->Deinitialize();
-        m_listeners.clear();
     }
 
-    CDnListenThread& StartListener(
-        bool ipv6, std::uint32_t maxThreads = CDnConnectionThreadPoolThread::kMaxThreads) {
-        m_listeners.push_back(
-            std::make_unique<CDnListenThread>(CDnListenThread::kListenPort, maxThreads));
+    void StartListener(bool ipv6) {
+        m_listeners.push_back(std::make_unique<CDnListenThread>());
         CDnListenThread& listener = *m_listeners.back();
         EXPECT_TRUE(listener.Initialize(ipv6));
         EXPECT_EQ(listener.StartThread(), 0);
         EXPECT_TRUE(swg_test::WaitUntil([&] { return listener.IsListening(); }));
-        return listener;
     }
 
-    CDnListenThread& Listener() { return *m_listeners.front(); }
+    CDnConnectionThreadPoolThread& Pool() { return m_listeners.front()->m_ConnectionThreadPool; }
 
     // A client of the listener that has sent the record naming `destination`, then `payload`.
     UniqueFd Client(const sockaddr_storage& destination, const std::string& payload = "",
@@ -79,91 +79,66 @@ protected:
         return client;
     }
 
+    // `count` clients of `echo`, each echoed "qq\n" (two bytes and more, so that the hold of a
+    // lone byte does not pace them); they close when the vector goes.
+    std::vector<UniqueFd> EchoedClients(const swg_test::TestServer& echo, int count) {
+        std::vector<UniqueFd> clients;
+        for (int i = 0; i < count; ++i) clients.push_back(Client(echo.Address(), "qq\n"));
+        for (UniqueFd& client : clients) {
+            std::string echoed;
+            EXPECT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
+        }
+        return clients;
+    }
+
     int Started() { return m_trace.Count(LISTEN, "Listener : Connection started"); }
+
+    // Reads until end of stream; what came.
+    static std::string ReadToEnd(int fd) {
+        std::string all;
+        char chunk[65536];
+        while (swg_test::WaitReadable(fd, 20s)) {
+            const ssize_t got = ::recv(fd, chunk, sizeof(chunk), 0);
+            if (got <= 0) break;
+            all.append(chunk, static_cast<std::size_t>(got));
+        }
+        return all;
+    }
 
     swg_test::RecordingTrace m_trace;
     std::vector<std::unique_ptr<CDnListenThread>> m_listeners;
 };
 
-// What a handler saw, for the test thread to wait on.
-struct Seen {
-    std::mutex lock;
-    std::condition_variable changed;
-    std::vector<swg_test::StreamDigest> digests;
-    std::vector<std::string> texts;
-
-    template <typename T>
-    void Add(std::vector<T>& to, T value) {
-        std::lock_guard<std::mutex> hold(lock);
-        to.push_back(std::move(value));
-        changed.notify_all();
+// Bytes lost, reordered or cut off at a half close, in either direction and at any size. The
+// client sends everything, then closes its side; the echo answers all of it, then closes.
+TEST_F(ListenerIntegrationTest, TransfersBothWaysArriveWholeAcrossHalfCloses) {
+    for (const std::size_t size : {std::size_t{1} << 20, std::size_t{100} << 20}) {
+        SCOPED_TRACE(size);
+        swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
+        UniqueFd client = Client(echo.Address());
+        const std::string sent = swg_test::PatternBytes(size, 3);
+        std::string received;
+        std::thread reader([&] { received = ReadToEnd(client.Get()); });
+        EXPECT_TRUE(swg_test::WriteAll(client.Get(), sent, 60s));
+        EXPECT_EQ(::shutdown(client.Get(), SHUT_WR), 0);
+        reader.join();
+        EXPECT_EQ(received.size(), size);
+        EXPECT_TRUE(received == sent);
     }
-    bool WaitFor(std::size_t digestsCount, std::size_t textsCount, std::chrono::seconds limit) {
-        std::unique_lock<std::mutex> hold(lock);
-        return changed.wait_for(hold, limit, [&] {
-            return digests.size() >= digestsCount && texts.size() >= textsCount;
-        });
-    }
-};
-
-constexpr std::uint64_t kLarge = 100ull << 20;
-
-// Bytes must pass both ways at once, unchanged, in a small echo exchange.
-TEST_F(ListenerIntegrationTest, SmallTransferBothWaysAtOnceIsIntact) {
-    swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
-    UniqueFd client = Client(echo.Address());
-    const std::uint64_t size = 1 << 20;
-    swg_test::StreamDigest received;
-    std::thread reader([&] { received = swg_test::ReceiveDigest(client.Get(), size, 20s); });
-    const swg_test::StreamDigest sent = swg_test::SendPattern(client.Get(), size, 3, 20s);
-    reader.join();
-    EXPECT_EQ(sent.Length(), size);
-    EXPECT_EQ(received.Length(), size);
-    EXPECT_EQ(received.Value(), sent.Value());
 }
 
-// 100 MB from client to server: every byte arrives in order, and the client's close after
-// its last byte does not cut the tail off.
-TEST_F(ListenerIntegrationTest, LargeUploadArrivesWhole) {
-    Seen seen;
-    swg_test::TestServer sink(swg_test::Endpoint(kHostA, 0), [&](int fd) {
-        seen.Add(seen.digests, swg_test::ReceiveDigest(fd, ~0ull, 120s));
-    });
-    UniqueFd client = Client(sink.Address());
-    const swg_test::StreamDigest sent = swg_test::SendPattern(client.Get(), kLarge, 5, 120s);
-    ASSERT_EQ(sent.Length(), kLarge);
-    ASSERT_EQ(::shutdown(client.Get(), SHUT_WR), 0);
-    ASSERT_TRUE(seen.WaitFor(1, 0, 120s));
-    EXPECT_EQ(seen.digests[0].Length(), kLarge);
-    EXPECT_EQ(seen.digests[0].Value(), sent.Value());
-}
-
-// 100 MB from server to client, then the server closes: all of it still reaches the client.
-TEST_F(ListenerIntegrationTest, LargeDownloadArrivesWholeBeforeTheClose) {
-    swg_test::TestServer source(swg_test::Endpoint(kHostA, 0),
-                                [](int fd) { (void)swg_test::SendPattern(fd, kLarge, 9, 120s); });
-    UniqueFd client = Client(source.Address(), "hi\n");
-    const swg_test::StreamDigest received = swg_test::ReceiveDigest(client.Get(), ~0ull, 120s);
-    EXPECT_EQ(received.Length(), kLarge);
-    EXPECT_EQ(received.Value(), swg_test::PatternDigest(kLarge, 9).Value());
-}
-
-// A short answer followed at once by the server's close is delivered, then the close.
+// Data lost when the server closes right after a short answer.
 TEST_F(ListenerIntegrationTest, RemoteCloseAfterDataStillDeliversTheData) {
     swg_test::TestServer server(swg_test::Endpoint(kHostA, 0),
                                 [](int fd) { (void)swg_test::WriteAll(fd, "hello world", 1s); });
     UniqueFd client = Client(server.Address(), "hi\n");
-    std::string received;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 11, received, 5s));
-    EXPECT_EQ(received, "hello world");
-    char byte = 0;
-    ASSERT_TRUE(swg_test::WaitReadable(client.Get(), 5s));
-    EXPECT_EQ(::recv(client.Get(), &byte, 1, 0), 0);
+    EXPECT_EQ(ReadToEnd(client.Get()), "hello world");
 }
 
-// A lone byte (a TLS record header, say) is held back 200 ms so that its record can follow.
+// A lone byte (a TLS record header, say) is held back 200 ms so that its record can follow,
+// and no longer than that.
 TEST_F(ListenerIntegrationTest, LoneByteFromTheServerIsDeliveredAfter200Ms) {
-    std::atomic<std::int64_t> sentAt{0};
+    std::atomic<Clock::rep> sentAt{0};
     swg_test::TestServer server(swg_test::Endpoint(kHostA, 0), [&](int fd) {
         std::string go;
         if (!swg_test::ReadExactly(fd, 3, go, 5s)) return;
@@ -174,39 +149,31 @@ TEST_F(ListenerIntegrationTest, LoneByteFromTheServerIsDeliveredAfter200Ms) {
     UniqueFd client = Client(server.Address(), "go\n");
     std::string received;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 1, received, 5s));
-    const auto arrived = Clock::now().time_since_epoch().count();
-    const auto heldMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            Clock::duration(arrived - sentAt.load()))
-                            .count();
-    EXPECT_GE(heldMs, 200);
-    EXPECT_LT(heldMs, 1000);
+    const auto held = Clock::now() - Clock::time_point(Clock::duration(sentAt.load()));
+    EXPECT_GE(held, 200ms);
+    EXPECT_LT(held, 1s);
 }
 
-// Bytes the client sent right behind its record, before any relay existed, come first.
+// Bytes the client sent right behind its record, before any relay existed, dropped or
+// overtaken by later ones (the echo returns them in the order the server got them).
 TEST_F(ListenerIntegrationTest, ClientDataSentBeforeTheRelayReachesTheServerFirst) {
-    Seen seen;
-    swg_test::TestServer server(swg_test::Endpoint(kHostA, 0), [&](int fd) {
-        std::string text;
-        (void)swg_test::ReadExactly(fd, 10, text, 5s);
-        seen.Add(seen.texts, text);
-    });
-    UniqueFd client = Client(server.Address(), "EARLY\n");
-    ASSERT_TRUE(server.WaitForAccepted(1, 5s));
+    swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
+    UniqueFd client = Client(echo.Address(), "EARLY\n");
+    ASSERT_TRUE(echo.WaitForAccepted(1, 5s));
     ASSERT_TRUE(swg_test::WriteAll(client.Get(), "LATE", 1s));
-    ASSERT_TRUE(seen.WaitFor(0, 1, 5s));
-    EXPECT_EQ(seen.texts[0], "EARLY\nLATE");
+    std::string echoed;
+    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 10, echoed, 5s));
+    EXPECT_EQ(echoed, "EARLY\nLATE");
 }
 
-// A client gone before its record is whole: no byte back, nothing connected on its behalf.
+// A client gone before its record is whole must get no byte back and no connect on its behalf.
 TEST_F(ListenerIntegrationTest, ClientClosingBeforeTheRecordIsCompleteEndsWithNoWord) {
     swg_test::TestServer server(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
     UniqueFd client = swg_test::ConnectTo(swg_test::Endpoint("127.0.0.1", 5002));
     ASSERT_TRUE(swg_test::WriteAll(
         client.Get(), swg_test::SessionRecordFor(server.Address()).substr(0, 300), 1s));
     ASSERT_EQ(::shutdown(client.Get(), SHUT_WR), 0);
-    std::string received;
-    EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 2s));
-    EXPECT_TRUE(received.empty());
+    EXPECT_EQ(ReadToEnd(client.Get()), "");
     EXPECT_EQ(server.Accepted(), 0);
     EXPECT_TRUE(swg_test::WaitUntil([&] {
         return m_trace.Count(LISTEN, "Connection : Failed to read ngc_session_info from socket") ==
@@ -214,7 +181,8 @@ TEST_F(ListenerIntegrationTest, ClientClosingBeforeTheRecordIsCompleteEndsWithNo
     }));
 }
 
-// Kill must wake jobs blocked in a read: one waiting for its record, one in a silent relay.
+// Kill that does not wake jobs blocked in a read: one waiting for its record, one in a silent
+// relay.
 TEST_F(ListenerIntegrationTest, KillDuringBlockedReadsEndsTheJobsWithin500Ms) {
     swg_test::TestServer silent(swg_test::Endpoint(kHostA, 0),
                                 [](int fd) { (void)swg_test::WaitReadable(fd, 30s); });
@@ -226,7 +194,7 @@ TEST_F(ListenerIntegrationTest, KillDuringBlockedReadsEndsTheJobsWithin500Ms) {
     std::this_thread::sleep_for(100ms);
 
     const auto killed = Clock::now();
-    Listener().Kill();
+    m_listeners.front()->Kill();
     EXPECT_TRUE(swg_test::WaitReadable(partial.Get(), 500ms));
     EXPECT_TRUE(swg_test::WaitReadable(relaying.Get(), 500ms));
     EXPECT_LT(Clock::now() - killed, 600ms);
@@ -235,29 +203,12 @@ TEST_F(ListenerIntegrationTest, KillDuringBlockedReadsEndsTheJobsWithin500Ms) {
 // A record naming the listener itself would feed the agent its own connection.
 TEST_F(ListenerIntegrationTest, LoopToTheListenerItselfIsClosed) {
     UniqueFd client = Client(swg_test::Endpoint("127.0.0.1", 5002), "x");
-    std::string received;
-    EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 2s));
+    EXPECT_EQ(ReadToEnd(client.Get()), "");
     EXPECT_EQ(m_trace.CountPrefix(WARN, "Connection : Original destination is the agent's own"), 1);
     EXPECT_EQ(Started(), 1);  // no second connection came back to the listener
 }
 
-// Two failed connects, one second apart, end the job; the client sees only the close.
-TEST_F(ListenerIntegrationTest, DestinationThatCannotBeReachedTwiceClosesTheClient) {
-    const auto start = Clock::now();
-    UniqueFd client = Client(swg_test::Endpoint(kUnroutable, 80), "hello\n");
-    std::string received;
-    EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 5s));
-    EXPECT_TRUE(received.empty());
-    EXPECT_GE(Clock::now() - start, 1s);
-    EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Failed to connect externally. Code : " +
-                                           std::to_string(ENETUNREACH) + ", retry only once"),
-              1);
-    EXPECT_EQ(m_trace.Count(ERR, "Connection : Failed to connect externally. Code : " +
-                                     std::to_string(ENETUNREACH)),
-              1);
-}
-
-// The IPv6 listener on [::1]:5002 relays over IPv6 as well.
+// The IPv6 listener on [::1]:5002 not relaying over IPv6.
 TEST_F(ListenerIntegrationTest, IPv6ListenerRelaysToAnIPv6Destination) {
     StartListener(true);
     swg_test::TestServer echo(swg_test::Endpoint("::1", 0), swg_test::EchoHandler);
@@ -267,18 +218,16 @@ TEST_F(ListenerIntegrationTest, IPv6ListenerRelaysToAnIPv6Destination) {
     EXPECT_EQ(echoed, "six\n");
 }
 
-// A connection that nftables redirected carries no record: the listener side makes it from
-// SO_ORIGINAL_DST and the owner of the client socket, and the relay goes to the original
-// destination. The agent's own socket carries the mark that the rule lets pass.
+// A connection that nftables redirected carries no record: the listener must make it from
+// SO_ORIGINAL_DST and the owner of the client socket. The agent's own socket carries the mark
+// that the rule lets pass, or the relay would loop.
 TEST_F(ListenerIntegrationTest, RedirectedConnectionIsRelayedToItsOriginalDestination) {
-    if (Shell("nft add table ip t") != 0 ||
-        Shell("nft add chain ip t o '{ type nat hook output priority -100; }'") != 0 ||
-        Shell("nft add rule ip t o meta mark != 0x5347 tcp dport 8080 redirect to :5002") != 0)
+    if (Shell("nft add table ip t && nft add chain ip t o '{ type nat hook output priority -100; "
+              "}' && nft add rule ip t o meta mark != 0x5347 tcp dport 8080 redirect to :5002") !=
+        0)
         GTEST_SKIP() << "nftables NAT is not available";
     swg_test::TestServer echo(swg_test::Endpoint(kHostA, 8080), swg_test::EchoHandler);
-    ASSERT_TRUE(echo.Ok());
     UniqueFd client = swg_test::ConnectTo(echo.Address());
-    ASSERT_NE(client.Get(), -1);
     ASSERT_TRUE(swg_test::WriteAll(client.Get(), "redirected\n", 1s));
     std::string echoed;
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 11, echoed, 5s));
@@ -288,13 +237,12 @@ TEST_F(ListenerIntegrationTest, RedirectedConnectionIsRelayedToItsOriginalDestin
                                         std::to_string(::getpid()) + ", record made on accept"),
               1);
     EXPECT_EQ(m_trace.Count(LISTEN,
-                            "Connection: orig dst_addr=198.18.0.1 and dst_port=8080 "
-                            "from kdf"),
+                            "Connection: orig dst_addr=198.18.0.1 and dst_port=8080 from kdf"),
               1);
 }
 
-// With all 750 threads of a family busy, the 751st connection waits in the backlog for the
-// first job to end, and is then served.
+// With all 750 threads of a family busy, the 751st connection must wait in the backlog for
+// the first job to end, and is then served.
 TEST_F(ListenerIntegrationTest, The751stSimultaneousConnectionWaitsForAThread) {
     swg_test::TestServer stall(swg_test::Endpoint(kHostA, 0), nullptr, 1024, false);
     swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
@@ -303,7 +251,7 @@ TEST_F(ListenerIntegrationTest, The751stSimultaneousConnectionWaitsForAThread) {
     ASSERT_TRUE(swg_test::WaitUntil([&] {
         return m_trace.CountPrefix(BRIDGE, "Connection : Connecting to 198.18.0.1:") == 750;
     }));
-    EXPECT_EQ(Listener().m_ConnectionThreadPool.ActiveCount(), 750u);
+    EXPECT_EQ(Pool().ActiveCount(), 750u);
 
     UniqueFd waiting = Client(echo.Address(), "ping\n");
     std::string echoed;
@@ -317,55 +265,38 @@ TEST_F(ListenerIntegrationTest, The751stSimultaneousConnectionWaitsForAThread) {
     busy[17].Reset();  // one job ends
     ASSERT_TRUE(swg_test::ReadExactly(waiting.Get(), 5, echoed, 5s));
     EXPECT_EQ(echoed, "ping\n");
-    EXPECT_EQ(Listener().m_ConnectionThreadPool.ActiveCount(), 750u);
+    EXPECT_EQ(Pool().ActiveCount(), 750u);
 }
 
-// Threads left idle are given up at the next 3-second tick while more than ten exist in all:
-// ten stay, one of them the worker the listener has secured for its next accept.
+// Idle threads kept past the next 3-second tick while more than ten exist in all: ten stay,
+// one of them the worker the listener has secured for its next accept.
 TEST_F(ListenerIntegrationTest, IdleThreadsAboveTenAreTrimmedAtTheNextTick) {
     swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
-    std::vector<UniqueFd> clients;
-    for (int i = 0; i < 25; ++i) clients.push_back(Client(echo.Address(), "xy\n"));
-    for (UniqueFd& client : clients) {
-        std::string echoed;
-        ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
-    }
-    clients.clear();
-    CDnConnectionThreadPoolThread& pool = Listener().m_ConnectionThreadPool;
+    (void)EchoedClients(echo, 25);
     EXPECT_TRUE(
-        swg_test::WaitUntil([&] { return pool.IdleCount() == 9 && pool.ActiveCount() == 1; }));
+        swg_test::WaitUntil([&] { return Pool().IdleCount() == 9 && Pool().ActiveCount() == 1; }));
 }
 
-// After 2,000 connections the process holds the descriptors and threads it held before, plus
-// the nine idle connection threads that the pool keeps beside the listener's secured one.
+// Descriptors or threads leaked per connection: after 2,000 the process holds what it held
+// before, plus the nine idle connection threads the pool keeps beside the secured one.
 TEST_F(ListenerIntegrationTest, TwoThousandConnectionsLeakNoDescriptorOrThread) {
     swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
-    CDnConnectionThreadPoolThread& pool = Listener().m_ConnectionThreadPool;
     // The listener has secured its first worker by now; count it into the baseline.
-    ASSERT_TRUE(swg_test::WaitUntil([&] { return pool.ActiveCount() == 1; }));
-    const int descriptors = swg_test::CountOpenDescriptors();
-    const int threads = swg_test::CountThreads();
+    ASSERT_TRUE(swg_test::WaitUntil([&] { return Pool().ActiveCount() == 1; }));
+    const long descriptors = Entries("/proc/self/fd");
+    const long threads = Entries("/proc/self/task");
 
     const auto deadline = Clock::now() + 120s;
-    constexpr int kBatch = 20;
-    for (int done = 0; done < 2000 && Clock::now() < deadline; done += kBatch) {
-        std::vector<UniqueFd> batch;
-        // Two bytes, so that the relay's hold of a lone byte does not pace the loop.
-        for (int i = 0; i < kBatch; ++i) batch.push_back(Client(echo.Address(), "qq\n"));
-        for (UniqueFd& client : batch) {
-            std::string echoed;
-            ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
-        }
+    for (int done = 0; done < 2000 && Clock::now() < deadline; done += 20) {
+        (void)EchoedClients(echo, 20);
     }
     ASSERT_TRUE(echo.WaitForAccepted(2000, 10s));
     EXPECT_TRUE(swg_test::WaitUntil([&] {
-        return pool.IdleCount() == 9 && pool.ActiveCount() == 1 &&
-               swg_test::CountOpenDescriptors() == descriptors &&
-               swg_test::CountThreads() == threads + 9;
+        return Pool().IdleCount() == 9 && Pool().ActiveCount() == 1 &&
+               Entries("/proc/self/fd") == descriptors && Entries("/proc/self/task") == threads + 9;
     })) << "descriptors "
-        << swg_test::CountOpenDescriptors() << " (was " << descriptors << "), threads "
-        << swg_test::CountThreads() << " (was " << threads << "), idle " << pool.IdleCount()
-        << ", active " << pool.ActiveCount();
+        << Entries("/proc/self/fd") << " (was " << descriptors << "), threads "
+        << Entries("/proc/self/task") << " (was " << threads << ")";
 }
 
 }  // namespace
