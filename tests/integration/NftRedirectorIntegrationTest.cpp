@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -25,7 +24,8 @@
 #include "platform/linux/NftRedirector.h"
 #include "support/NetnsScope.h"
 #include "support/SocketPeers.h"
-#include "support/TraceRecorder.h"
+#include "support/TestServers.h"
+#include "unit/foundation/ThreadTestSupport.h"
 
 namespace swg_test {
 namespace {
@@ -37,75 +37,34 @@ constexpr char kNamedHost[] = "198.18.0.4";     // what "blocked.test" resolves 
 constexpr char kPrivateHost[] = "10.0.0.2";     // in the built-in exceptions
 constexpr uint16_t kListenPort = 5002;
 constexpr auto kShort = std::chrono::milliseconds(300);
-constexpr auto kLong = std::chrono::seconds(3);
-
-sockaddr_storage AddressOf(const char* text, uint16_t port, socklen_t& length) {
-    sockaddr_storage storage{};
-    if (std::strchr(text, ':') != nullptr) {
-        auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
-        v6->sin6_family = AF_INET6;
-        v6->sin6_port = htons(port);
-        inet_pton(AF_INET6, text, &v6->sin6_addr);
-        length = sizeof(*v6);
-    } else {
-        auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
-        v4->sin_family = AF_INET;
-        v4->sin_port = htons(port);
-        inet_pton(AF_INET, text, &v4->sin_addr);
-        length = sizeof(*v4);
-    }
-    return storage;
-}
+const std::string kTable = std::string("inet ") + kNftTableName;
 
 UniqueFd Bound(const char* address, uint16_t port, int type) {
-    socklen_t length = 0;
-    const sockaddr_storage where = AddressOf(address, port, length);
+    const sockaddr_storage where = Endpoint(address, port);
     UniqueFd fd(socket(where.ss_family, type | SOCK_CLOEXEC, 0));
     const int on = 1;
     setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&where), length) != 0) fd.Reset();
-    if (type == SOCK_STREAM && fd.Get() >= 0 && listen(fd.Get(), 16) != 0) fd.Reset();
+    if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&where), EndpointLength(where)) != 0 ||
+        (type == SOCK_STREAM && listen(fd.Get(), 16) != 0))
+        fd.Reset();
     return fd;
-}
-
-// A TCP connect from this namespace, optionally from a socket carrying the agent's mark.
-UniqueFd ConnectTo(const char* address, uint16_t port, bool marked = false) {
-    socklen_t length = 0;
-    const sockaddr_storage where = AddressOf(address, port, length);
-    UniqueFd fd(socket(where.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (marked && ApplyAgentSocketMark(fd.Get()) != 0) return UniqueFd();
-    if (connect(fd.Get(), reinterpret_cast<const sockaddr*>(&where), length) != 0) {
-        return UniqueFd();
-    }
-    return fd;
-}
-
-// The connection a listener has waiting, within `timeout`; -1 descriptor when none came.
-UniqueFd AcceptWithin(int listener, std::chrono::milliseconds timeout) {
-    pollfd ready{listener, POLLIN, 0};
-    if (poll(&ready, 1, static_cast<int>(timeout.count())) != 1) return UniqueFd();
-    return UniqueFd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 std::string OriginalDestination(int fd) {
     sockaddr_in original{};
     socklen_t length = sizeof(original);
-    // SO_ORIGINAL_DST gives the destination before the NAT redirect (netfilter_ipv4.h).
     if (getsockopt(fd, SOL_IP, SO_ORIGINAL_DST, &original, &length) != 0) return "none";
     char text[INET_ADDRSTRLEN] = {};
     inet_ntop(AF_INET, &original.sin_addr, text, sizeof(text));
     return std::string(text) + ":" + std::to_string(ntohs(original.sin_port));
 }
 
-bool TableExists() { return RunNftCommand(std::string("list table inet ") + kNftTableName) == 0; }
+bool TableExists() { return RunNftCommand("list table " + kTable) == 0; }
 
-bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
+std::string Listing() {
+    std::string listing;
+    EXPECT_EQ(RunNftCommand("list table " + kTable, &listing), 0);
+    return listing;
 }
 
 class CountingCallback : public IKdfApiCB {
@@ -123,10 +82,9 @@ NftRedirectorOptions FastOptions() {
     options.resolve = [](const std::string& name) {
         std::vector<NftAddress> addresses;
         if (name == "blocked.test") {
-            NftAddress address;
-            address.family = AF_INET;
-            inet_pton(AF_INET, kNamedHost, address.bytes.data());
-            addresses.push_back(address);
+            addresses.emplace_back();
+            addresses.back().family = AF_INET;
+            inet_pton(AF_INET, kNamedHost, addresses.back().bytes.data());
         }
         return addresses;
     };
@@ -139,10 +97,10 @@ protected:
         if (geteuid() != 0) GTEST_SKIP() << "needs root for network namespaces and nftables";
         m_netns = std::make_unique<NetnsScope>();
         if (!m_netns->Entered()) GTEST_SKIP() << "no network namespace: " << m_netns->Why();
-        ASSERT_TRUE(
-            m_netns->Run("ip link set lo up && ip addr add 198.18.0.2/32 dev lo && "
-                         "ip addr add 198.18.0.3/32 dev lo && ip addr add 198.18.0.4/32 dev lo && "
-                         "ip addr add 10.0.0.2/32 dev lo"));
+        std::string command = "ip link set lo up";
+        for (const char* host : {kDivertedHost, kExceptedHost, kNamedHost, kPrivateHost})
+            command += std::string(" && ip addr add ") + host + "/32 dev lo";
+        ASSERT_TRUE(m_netns->Run(command));
         for (const char* host : {kDivertedHost, kExceptedHost, kNamedHost, kPrivateHost}) {
             m_hosts.push_back(Bound(host, 80, SOCK_STREAM));
             ASSERT_GE(m_hosts.back().Get(), 0) << host;
@@ -155,7 +113,7 @@ protected:
     void TearDown() override {
         // The table goes while the thread is still in the namespace that holds it.
         if (m_agent) {
-            WaitFor([this] { return m_agent->m_kdfThreadsRunning == 0; }, kLong);
+            WaitUntil([this] { return m_agent->m_kdfThreadsRunning == 0; });
             (void)m_agent->CloseRedirectorInterface(reason_rules_refresh);
         }
         m_agent.reset();
@@ -164,44 +122,47 @@ protected:
         m_netns.reset();
     }
 
-    // The agent's rule list for ports 80 and 443 with two extra exceptions.
-    std::list<redirect_info> AgentRules() {
+    // The agent's rule list for `ports` with two extra exceptions.
+    static std::list<redirect_info> AgentRules(const char* ports = "80,443") {
         CSWGAgent builder;
         builder.m_redirectorSeams.ipv6Installed = [] { return true; };
         builder.m_redirectorSeams.pidOfProcess = [](const std::string&) { return -1; };
         SVC_STARTUP_INFO info;
         info.listen_port = kListenPort;
         info.comm_port = SWG_COMM_PORT;
-        info.monitored_ports = "80,443";
+        info.monitored_ports = ports;
         info.exception_text = std::string(default_exception_list) + "198.18.0.3;blocked.test";
         std::list<redirect_info> rules;
         builder.SetRedirectList(rules, info);
         return rules;
     }
 
-    void OpenAndStart() {
-        m_redirector = std::make_unique<CNftRedirector>(FastOptions());
+    // Opens a redirector, gives it `rules` and starts it.
+    void OpenAndStart(std::list<redirect_info> rules = AgentRules(),
+                      NftRedirectorOptions options = FastOptions()) {
+        m_redirector = std::make_unique<CNftRedirector>(options);
         ASSERT_EQ(m_redirector->OpenPlugin(&m_callback), 0);
-        std::list<redirect_info> rules = AgentRules();
         ASSERT_EQ(m_redirector->SetRedirects(rules), 0);
         ASSERT_EQ(m_redirector->Start(), 0);
-        ASSERT_TRUE(TableExists());
     }
 
-    // Which listener took a connect to `host`:80: "agent <original destination>", "host",
-    // or "none".
-    std::string WhereDoesItLand(const char* host, bool marked = false, size_t hostIndex = 0) {
-        UniqueFd client = ConnectTo(host, 80, marked);
-        if (client.Get() < 0) return "connect failed: " + std::string(std::strerror(errno));
+    // Which listener took a connect to `host`:`port`: "agent <original destination>", "host",
+    // or "none". `hostIndex` picks the host's listener in the order of SetUp.
+    std::string WhereDoesItLand(const char* host, size_t hostIndex = 0, bool marked = false,
+                                uint16_t port = 80) {
+        const sockaddr_storage where = Endpoint(host, port);
+        UniqueFd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (marked && ApplyAgentSocketMark(client.Get()) != 0) return "mark failed";
+        if (connect(client.Get(), reinterpret_cast<const sockaddr*>(&where),
+                    EndpointLength(where)) != 0)
+            return "connect failed: " + std::string(std::strerror(errno));
         pollfd ready[2] = {{m_agentListener.Get(), POLLIN, 0},
                            {m_hosts[hostIndex].Get(), POLLIN, 0}};
         if (poll(ready, 2, static_cast<int>(kShort.count())) <= 0) return "none";
-        if ((ready[0].revents & POLLIN) != 0) {
-            UniqueFd diverted(accept4(m_agentListener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-            return "agent " + OriginalDestination(diverted.Get());
-        }
-        UniqueFd direct(accept4(m_hosts[hostIndex].Get(), nullptr, nullptr, SOCK_CLOEXEC));
-        return direct.Get() >= 0 ? "host" : "none";
+        const bool diverted = (ready[0].revents & POLLIN) != 0;
+        UniqueFd taken(accept4(ready[diverted ? 0 : 1].fd, nullptr, nullptr, SOCK_CLOEXEC));
+        if (taken.Get() < 0) return "none";
+        return diverted ? "agent " + OriginalDestination(taken.Get()) : "host";
     }
 
     std::unique_ptr<NetnsScope> m_netns;
@@ -215,18 +176,19 @@ protected:
 };
 
 // Guards the diversion itself and what must never be diverted: the exceptions by address,
-// by name and by built-in range, and the agent's own marked sockets.
+// by name and by built-in range, the agent's own marked sockets, unmonitored ports.
 TEST_F(NftRedirectorIntegrationTest, DivertsMonitoredTrafficExceptWhatIsExcepted) {
     OpenAndStart();
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
-    EXPECT_EQ(WhereDoesItLand(kExceptedHost, false, 1), "host");
-    EXPECT_EQ(WhereDoesItLand(kNamedHost, false, 2), "host");
-    EXPECT_EQ(WhereDoesItLand(kPrivateHost, false, 3), "host");
-    EXPECT_EQ(WhereDoesItLand(kDivertedHost, true, 0), "host");
+    EXPECT_EQ(WhereDoesItLand(kExceptedHost, 1), "host");
+    EXPECT_EQ(WhereDoesItLand(kNamedHost, 2), "host");
+    EXPECT_EQ(WhereDoesItLand(kPrivateHost, 3), "host");
+    EXPECT_EQ(WhereDoesItLand(kDivertedHost, 0, true), "host");
 
-    UniqueFd other = Bound(kDivertedHost, 8080, SOCK_STREAM);
-    UniqueFd client = ConnectTo(kDivertedHost, 8080);
-    EXPECT_GE(AcceptWithin(other.Get(), kShort).Get(), 0) << "an unmonitored port is diverted";
+    m_hosts[0] = Bound(kDivertedHost, 443, SOCK_STREAM);
+    EXPECT_EQ(WhereDoesItLand(kDivertedHost, 0, false, 443), "agent 198.18.0.2:443");
+    m_hosts[0] = Bound(kDivertedHost, 8080, SOCK_STREAM);
+    EXPECT_EQ(WhereDoesItLand(kDivertedHost, 0, false, 8080), "host");
 }
 
 // Guards the QUIC rule: UDP to a monitored port is refused while the rules are in force,
@@ -235,15 +197,15 @@ TEST_F(NftRedirectorIntegrationTest, UdpToMonitoredPortIsRefusedOnlyWhileRulesAr
     OpenAndStart();
     UniqueFd receiver = Bound(kDivertedHost, 443, SOCK_DGRAM);
     ASSERT_GE(receiver.Get(), 0);
-    socklen_t length = 0;
-    const sockaddr_storage where = AddressOf(kDivertedHost, 443, length);
+    const sockaddr_storage where = Endpoint(kDivertedHost, 443);
     UniqueFd sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(connect(sender.Get(), reinterpret_cast<const sockaddr*>(&where), length), 0);
+    ASSERT_EQ(connect(sender.Get(), reinterpret_cast<const sockaddr*>(&where),
+                      EndpointLength(where)),
+              0);
 
     const ssize_t sent = send(sender.Get(), "q", 1, 0);
     const int sendError = errno;
-    pollfd ready{sender.Get(), POLLIN, 0};
-    (void)poll(&ready, 1, static_cast<int>(kShort.count()));
+    (void)WaitReadable(sender.Get(), kShort);
     char byte = 0;
     const ssize_t got = recv(sender.Get(), &byte, 1, MSG_DONTWAIT);
     const int recvError = errno;
@@ -254,61 +216,56 @@ TEST_F(NftRedirectorIntegrationTest, UdpToMonitoredPortIsRefusedOnlyWhileRulesAr
 
     ASSERT_EQ(m_redirector->Stop(), 0);
     ASSERT_EQ(send(sender.Get(), "q", 1, 0), 1);
-    EXPECT_TRUE(WaitReadable(receiver.Get(), kLong));
+    EXPECT_TRUE(WaitReadable(receiver.Get(), std::chrono::seconds(3)));
 }
 
-// Guards the removal: Stop and ClosePlugin take the table away and the same connect goes
-// straight to the host; Start after Stop diverts again with the recorded rules.
-TEST_F(NftRedirectorIntegrationTest, StopAndCloseRemoveTheTable) {
+// Guards the life cycle: Stop and ClosePlugin take the table away and the same connect goes
+// straight to the host; Start diverts again; a new rule list with an added port takes effect
+// on the running redirector, without a restart.
+TEST_F(NftRedirectorIntegrationTest, StopCloseAndNewRulesTakeEffectAtOnce) {
     OpenAndStart();
     ASSERT_EQ(m_redirector->Stop(), 0);
     EXPECT_FALSE(TableExists());
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "host");
-
     ASSERT_EQ(m_redirector->Start(), 0);
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
 
     ASSERT_EQ(m_redirector->Clear(NGC_CLEAR_ALL_RULES), 0);
     EXPECT_FALSE(TableExists());
     EXPECT_TRUE(m_redirector->RecordedRules().empty());
-    std::list<redirect_info> rules = AgentRules();
-    ASSERT_EQ(m_redirector->SetRedirects(rules), 0);  // still started: in force at once
-    EXPECT_TRUE(TableExists());
+    std::list<redirect_info> rules = AgentRules("80,443,8080");
+    ASSERT_EQ(m_redirector->SetRedirects(rules), 0);
+    m_hosts[0] = Bound(kDivertedHost, 8080, SOCK_STREAM);
+    EXPECT_EQ(WhereDoesItLand(kDivertedHost, 0, false, 8080), "agent 198.18.0.2:8080");
 
     ASSERT_EQ(m_redirector->ClosePlugin(), 0);
     EXPECT_FALSE(TableExists());
-    EXPECT_EQ(WhereDoesItLand(kDivertedHost), "host");
+    EXPECT_EQ(WhereDoesItLand(kDivertedHost, 0, false, 8080), "host");
     EXPECT_EQ(m_redirector->Stop(), NGC_ERROR_DISCONNECTED);
     EXPECT_EQ(m_redirector->SetRedirects(rules), NGC_ERROR_DISCONNECTED);
 }
 
 // Guards the disruption notice: a table deleted under the redirector is reported once, and
-// the plug-in then counts as disconnected.
+// the plug-in then counts as disconnected rather than putting the table back on its own.
 TEST_F(NftRedirectorIntegrationTest, DeletedTableIsReportedAsDisruption) {
     OpenAndStart();
-    ASSERT_EQ(RunNftCommand(std::string("delete table inet ") + kNftTableName), 0);
-    EXPECT_TRUE(WaitFor([this] { return m_callback.disruptions > 0; }, kLong));
+    ASSERT_EQ(RunNftCommand("delete table " + kTable), 0);
+    EXPECT_TRUE(WaitUntil([this] { return m_callback.disruptions > 0; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(m_callback.disruptions, 1);
-    EXPECT_FALSE(m_redirector->TableInstalled());
     EXPECT_EQ(m_redirector->Stop(), NGC_ERROR_DISCONNECTED);
-    EXPECT_FALSE(TableExists()) << "the redirector put its table back on its own";
+    EXPECT_FALSE(TableExists());
 }
 
 // Guards the start after a crash: a table of the same name, whatever it holds, is replaced.
 TEST_F(NftRedirectorIntegrationTest, StaleTableIsReplacedAtOpen) {
-    ASSERT_EQ(RunNftCommand("table inet tsc_swg {\n chain stale {\n"
+    ASSERT_EQ(RunNftCommand("table " + kTable +
+                            " {\n chain stale {\n"
                             "  type nat hook output priority -100; policy accept;\n"
                             "  tcp dport 80 redirect to :5999\n }\n}\n"),
               0);
-    m_redirector = std::make_unique<CNftRedirector>(FastOptions());
-    ASSERT_EQ(m_redirector->OpenPlugin(&m_callback), 0);
-    EXPECT_FALSE(TableExists());
-    std::list<redirect_info> rules = AgentRules();
-    ASSERT_EQ(m_redirector->SetRedirects(rules), 0);
-    ASSERT_EQ(m_redirector->Start(), 0);
-    std::string listing;
-    ASSERT_EQ(RunNftCommand("list table inet tsc_swg", &listing), 0);
+    OpenAndStart();
+    const std::string listing = Listing();
     EXPECT_EQ(listing.find("stale"), std::string::npos) << listing;
     EXPECT_NE(listing.find("redirect to :5002"), std::string::npos) << listing;
 }
@@ -318,24 +275,19 @@ TEST_F(NftRedirectorIntegrationTest, StaleTableIsReplacedAtOpen) {
 TEST_F(NftRedirectorIntegrationTest, RulesWaitForTheListener) {
     m_agentListener.Reset();
     m_agentListener6.Reset();
-    m_redirector = std::make_unique<CNftRedirector>(FastOptions());
-    ASSERT_EQ(m_redirector->OpenPlugin(&m_callback), 0);
-    std::list<redirect_info> rules = AgentRules();
-    ASSERT_EQ(m_redirector->SetRedirects(rules), 0);
-    ASSERT_EQ(m_redirector->Start(), 0);
+    OpenAndStart();
     EXPECT_FALSE(TableExists());
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "host");
 
     m_agentListener = Bound("127.0.0.1", kListenPort, SOCK_STREAM);
-    ASSERT_TRUE(WaitFor([this] { return m_redirector->TableInstalled(); }, kLong));
+    ASSERT_TRUE(WaitUntil([this] { return m_redirector->TableInstalled(); }));
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
 }
 
 // Guards the per-connection exceptions: recorded and removed, never a table change.
 TEST_F(NftRedirectorIntegrationTest, ConnectionExceptionsAreRecordedNotRendered) {
     OpenAndStart();
-    std::string before;
-    ASSERT_EQ(RunNftCommand("list table inet tsc_swg", &before), 0);
+    const std::string before = Listing();
     redirect_info exception{};
     exception.rule_op = 1;
     exception.rule_class = 1;
@@ -352,9 +304,7 @@ TEST_F(NftRedirectorIntegrationTest, ConnectionExceptionsAreRecordedNotRendered)
     const size_t recorded = m_redirector->RecordedRules().size();
     ASSERT_EQ(m_redirector->SetRedirects(one), 0);
     EXPECT_EQ(m_redirector->RecordedRules().size(), recorded + 1);
-    std::string after;
-    ASSERT_EQ(RunNftCommand("list table inet tsc_swg", &after), 0);
-    EXPECT_EQ(after, before);
+    EXPECT_EQ(Listing(), before);
 
     one.front().rule_action = 1;
     ASSERT_EQ(m_redirector->SetRedirects(one), 0);
@@ -367,22 +317,15 @@ TEST_F(NftRedirectorIntegrationTest, UnmatchableProcessRuleIsLoggedAndTheTableSt
     m_trace = std::make_unique<TraceRecorder>();
     NftRedirectorOptions options = FastOptions();
     options.cgroupOf = [](int32_t) { return std::string("/no/such/cgroup.service"); };
-    m_redirector = std::make_unique<CNftRedirector>(options);
-    ASSERT_EQ(m_redirector->OpenPlugin(&m_callback), 0);
     std::list<redirect_info> rules = AgentRules();
-    redirect_info daemon = rules.back();  // the agent's own IPv6 no-redirect rule
-    daemon.rule_pid = 4242;
-    rules.push_back(daemon);
-    ASSERT_EQ(m_redirector->SetRedirects(rules), 0);
-    ASSERT_EQ(m_redirector->Start(), 0);
-    EXPECT_TRUE(TableExists());
+    rules.push_back(rules.back());  // the agent's own IPv6 no-redirect rule, for another process
+    rules.back().rule_pid = 4242;
+    OpenAndStart(rules, options);
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
     const auto lines = m_trace->With("no-redirect rule for process 4242 not supported");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].level, static_cast<unsigned int>(WARN));
-    std::string listing;
-    ASSERT_EQ(RunNftCommand("list table inet tsc_swg", &listing), 0);
-    EXPECT_EQ(listing.find("cgroupv2"), std::string::npos) << listing;
+    EXPECT_EQ(Listing().find("cgroupv2"), std::string::npos);
 }
 
 // Guards the whole recovery: the agent on the real redirector notices the deleted table,
@@ -401,10 +344,9 @@ TEST_F(NftRedirectorIntegrationTest, AgentRecoversFromADeletedTable) {
     ASSERT_TRUE(TableExists());
     ASSERT_EQ(*created, 1);
 
-    ASSERT_EQ(RunNftCommand(std::string("delete table inet ") + kNftTableName), 0);
-    ASSERT_TRUE(WaitFor([&] { return *created == 2 && m_agent->m_kdfThreadsRunning == 0; }, kLong));
+    ASSERT_EQ(RunNftCommand("delete table " + kTable), 0);
+    ASSERT_TRUE(WaitUntil([&] { return *created == 2 && m_agent->m_kdfThreadsRunning == 0; }));
     EXPECT_EQ(m_agent->KdfState(), Running);
-    EXPECT_TRUE(TableExists());
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
 
     EXPECT_TRUE(m_agent->CloseRedirectorInterface(reason_rules_refresh));
