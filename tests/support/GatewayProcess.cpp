@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs swg-test-gateway as a child process for tests: start, read its ports, wait for log lines.
+// Runs swg-test-gateway (or another server) as a child process for tests: start, read its
+// ports, wait for log lines.
 #include "support/GatewayProcess.h"
 
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -21,24 +20,21 @@ namespace {
 
 constexpr std::chrono::milliseconds kPollStep{10};
 
-std::vector<std::string> Lines(const std::string& text) {
+std::vector<std::string> Lines(const std::string& path) {
     std::vector<std::string> lines;
-    std::istringstream in(text);
+    std::istringstream in(ReadTextFile(path));
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
 }  // namespace
 
-CGatewayProcess::~CGatewayProcess() {
-    if (m_pid > 0) Stop(SIGKILL, std::chrono::seconds(5));
-}
+CGatewayProcess::~CGatewayProcess() { Stop(SIGKILL, std::chrono::seconds(5)); }
 
 bool CGatewayProcess::Start(const std::string& program, const std::vector<std::string>& args,
                             const std::string& outputPath, std::chrono::milliseconds timeout,
-                            std::string& error) {
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(program.c_str()));
+                            std::string& error, const std::string& readyLine) {
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
@@ -57,20 +53,16 @@ bool CGatewayProcess::Start(const std::string& program, const std::vector<std::s
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     int status = 0;
     for (;;) {
-        const std::vector<std::string> lines = Lines(ReadTextFile(outputPath));
-        for (std::size_t i = 0; i < lines.size(); ++i) {
-            if (lines[i] != "ready") continue;
-            for (std::size_t j = 0; j < i; ++j) {
-                const std::size_t space = lines[j].find(' ');
-                const std::string word = lines[j].substr(0, space);
-                if (word == "listening" || word == "refusing") {
-                    m_addresses.push_back(lines[j].substr(space + 1));
-                }
-            }
-            return true;
+        const std::vector<std::string> lines = Lines(outputPath);
+        for (const std::string& line : lines) {
+            if (line == readyLine) return true;
+            const std::string word = line.substr(0, line.find(' '));
+            if (word == "listening" || word == "refusing")
+                m_addresses.push_back(line.substr(word.size() + 1));
         }
+        m_addresses.clear();
         if (Exited(status) || std::chrono::steady_clock::now() > deadline) {
-            error = "gateway not ready (status " + std::to_string(status) +
+            error = "not ready (status " + std::to_string(status) +
                     "), output: " + ReadTextFile(outputPath);
             return false;
         }
@@ -117,9 +109,7 @@ std::string ReadTextFile(const std::string& path) {
 
 int CountLinesWith(const std::string& path, const std::string& text) {
     int count = 0;
-    for (const std::string& line : Lines(ReadTextFile(path))) {
-        if (line.find(text) != std::string::npos) ++count;
-    }
+    for (const std::string& line : Lines(path)) count += line.find(text) != std::string::npos;
     return count;
 }
 

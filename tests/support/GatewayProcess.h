@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs swg-test-gateway as a child process for tests: start, read its ports, wait for log lines.
+// Runs swg-test-gateway (or another server) as a child process for tests: start, read its
+// ports, wait for log lines.
 #pragma once
 
 #include <sys/types.h>
@@ -19,11 +20,11 @@ public:
     CGatewayProcess& operator=(const CGatewayProcess&) = delete;
 
     // Runs `program` with `args` (a wrapper such as "ip netns exec" may come first), its
-    // standard output and error going to `outputPath`, and waits up to `timeout` for its
-    // "ready" line. False with a reason and the output so far in `error` otherwise.
+    // standard output and error going to `outputPath`, and waits up to `timeout` for the
+    // line `readyLine`. False with a reason and the output so far in `error` otherwise.
     bool Start(const std::string& program, const std::vector<std::string>& args,
                const std::string& outputPath, std::chrono::milliseconds timeout,
-               std::string& error);
+               std::string& error, const std::string& readyLine = "ready");
     // The bound addresses of the "listening"/"refusing" lines, in the order of --listen.
     const std::vector<std::string>& Addresses() const { return m_addresses; }
     // The port of Addresses()[index]; 0 when there is no such address.
@@ -31,7 +32,6 @@ public:
     // Sends `signal` and waits up to `timeout` for the exit. Returns the exit status, 128 plus
     // the signal when a signal ended it, or -1 when it had to be killed.
     int Stop(int signal, std::chrono::milliseconds timeout);
-    pid_t Pid() const { return m_pid; }
 
 private:
     bool Exited(int& status);

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Test peers of the connection path: session records, scripted TCP servers, checked byte streams.
+// Test peers of the connection path: endpoints, session records, scripted TCP servers.
 #include "support/TestServers.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <unistd.h>
@@ -131,95 +130,5 @@ void EchoHandler(int fd) {
             return;
     }
 }
-
-void PatternStream::Fill(char* data, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-        m_state ^= m_state << 13;
-        m_state ^= m_state >> 17;
-        m_state ^= m_state << 5;
-        data[i] = static_cast<char>(m_state & 0xff);
-    }
-}
-
-void StreamDigest::Add(const char* data, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-        m_hash ^= static_cast<unsigned char>(data[i]);
-        m_hash *= 1099511628211ull;
-    }
-    m_length += count;
-}
-
-StreamDigest SendPattern(int fd, std::uint64_t count, unsigned seed,
-                         std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    PatternStream pattern(seed);
-    StreamDigest digest;
-    std::vector<char> chunk(65536);
-    std::uint64_t sent = 0;
-    while (sent < count && std::chrono::steady_clock::now() < deadline) {
-        const std::size_t size =
-            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), count - sent));
-        pattern.Fill(chunk.data(), size);
-        if (!WriteAll(fd, std::string(chunk.data(), size),
-                      std::chrono::duration_cast<std::chrono::milliseconds>(
-                          deadline - std::chrono::steady_clock::now())))
-            break;
-        digest.Add(chunk.data(), size);
-        sent += size;
-    }
-    return digest;
-}
-
-StreamDigest ReceiveDigest(int fd, std::uint64_t limit, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    StreamDigest digest;
-    std::vector<char> chunk(65536);
-    while (digest.Length() < limit) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) break;
-        pollfd entry{fd, POLLIN, 0};
-        const int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) break;
-        const std::size_t want = static_cast<std::size_t>(
-            std::min<std::uint64_t>(chunk.size(), limit - digest.Length()));
-        const ssize_t got = ::recv(fd, chunk.data(), want, 0);
-        if (got <= 0) break;
-        digest.Add(chunk.data(), static_cast<std::size_t>(got));
-    }
-    return digest;
-}
-
-StreamDigest PatternDigest(std::uint64_t count, unsigned seed) {
-    PatternStream pattern(seed);
-    StreamDigest digest;
-    std::vector<char> chunk(65536);
-    for (std::uint64_t done = 0; done < count;) {
-        const std::size_t size =
-            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), count - done));
-        pattern.Fill(chunk.data(), size);
-        digest.Add(chunk.data(), size);
-        done += size;
-    }
-    return digest;
-}
-
-namespace {
-int CountEntries(const char* folder) {
-    DIR* dir = ::opendir(folder);
-    if (dir == nullptr) return -1;
-    int count = 0;
-    while (const dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] != '.') ++count;
-    }
-    ::closedir(dir);
-    return count;
-}
-}  // namespace
-
-// The directory stream of /proc/self/fd is itself one open descriptor while it is read.
-int CountOpenDescriptors() { return CountEntries("/proc/self/fd") - 1; }
-int CountThreads() { return CountEntries("/proc/self/task"); }
 
 }  // namespace swg_test

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Test peers of the connection path: session records, scripted TCP servers, checked byte streams.
+// Test peers of the connection path: endpoints, session records, scripted TCP servers.
 #pragma once
 
 #include <sys/socket.h>
@@ -7,7 +7,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -75,41 +74,5 @@ private:
 // Handlers for TestServer.
 // Sends back what it reads until the peer closes.
 void EchoHandler(int fd);
-
-// A deterministic byte stream (the same seed gives the same bytes however it is cut) and a
-// running digest, so that gigabytes can be checked without being kept.
-class PatternStream {
-public:
-    explicit PatternStream(unsigned seed) : m_state(seed * 2654435761u + 1u) {}
-    void Fill(char* data, std::size_t count);
-
-private:
-    std::uint32_t m_state;
-};
-
-class StreamDigest {
-public:
-    void Add(const char* data, std::size_t count);
-    std::uint64_t Value() const { return m_hash; }
-    std::uint64_t Length() const { return m_length; }
-
-private:
-    std::uint64_t m_hash = 1469598103934665603ull;
-    std::uint64_t m_length = 0;
-};
-
-// Writes `count` bytes of PatternStream(seed) to `fd` within `timeout`; returns the digest of
-// what was written (its length falls short on error or timeout).
-StreamDigest SendPattern(int fd, std::uint64_t count, unsigned seed,
-                         std::chrono::milliseconds timeout);
-// Reads from `fd` until end of stream, an error, `limit` bytes or `timeout`; returns the
-// digest of what came.
-StreamDigest ReceiveDigest(int fd, std::uint64_t limit, std::chrono::milliseconds timeout);
-// The digest of `count` bytes of PatternStream(seed).
-StreamDigest PatternDigest(std::uint64_t count, unsigned seed);
-
-// Open descriptors and threads of this process (/proc/self/fd, /proc/self/task).
-int CountOpenDescriptors();
-int CountThreads();
 
 }  // namespace swg_test
