@@ -100,18 +100,6 @@ bool InNamespace(const std::string& name, const std::function<void()>& body) {
     return entered;
 }
 
-// Reads `fd` until end of stream or `limit` passes; what came.
-std::string ReadToEnd(int fd, std::chrono::seconds limit) {
-    std::string all;
-    char buffer[16384];
-    while (swg_test::WaitReadable(fd, limit)) {
-        const ssize_t count = ::recv(fd, buffer, sizeof(buffer), 0);
-        if (count <= 0) break;
-        all.append(buffer, static_cast<std::size_t>(count));
-    }
-    return all;
-}
-
 // Moves bytes both ways between two sockets until both directions have ended, passing each end
 // of stream on as a half close. Bounded by `limit`.
 void Splice(int a, int b, std::chrono::seconds limit) {
@@ -238,31 +226,25 @@ protected:
 
     std::string Path(const std::string& name) const { return m_folder.Path() + "/" + name; }
 
+    // Veth pair i joins this namespace (198.18.<i+1>.1) to the peer's (198.18.<i+1>.2).
     void BuildNetwork() {
-        const std::string gw = "ip -n " + m_gatewayNs + " ";
-        const std::string origin = "ip -n " + m_originNs + " ";
-        const std::vector<std::string> commands = {
-            "ip link set lo up",
-            "ip netns add " + m_gatewayNs,
-            "ip netns add " + m_originNs,
-            "ip link add swga0 type veth peer name swgb0 netns " + m_gatewayNs,
-            "ip link add swga1 type veth peer name swgb1 netns " + m_originNs,
-            "ip addr add 198.18.1.1/24 dev swga0",
-            "ip link set swga0 up",
-            "ip addr add 198.18.2.1/24 dev swga1",
-            "ip link set swga1 up",
-            gw + "link set lo up",
-            gw + "addr add 198.18.1.2/24 dev swgb0",
-            gw + "addr add 198.18.1.3/24 dev swgb0",
-            gw + "link set swgb0 up",
-            gw + "route add default via 198.18.1.1",
-            origin + "link set lo up",
-            origin + "addr add 198.18.2.2/24 dev swgb1",
-            origin + "link set swgb1 up",
-            origin + "route add default via 198.18.2.1",
-            "sysctl -qw net.ipv4.ip_forward=1",
-            "ip route add unreachable 198.18.3.0/24",
-        };
+        std::vector<std::string> commands = {"ip link set lo up",
+                                             "sysctl -qw net.ipv4.ip_forward=1",
+                                             "ip route add unreachable 198.18.3.0/24"};
+        const std::string peers[] = {m_gatewayNs, m_originNs};
+        for (int i = 0; i < 2; ++i) {
+            const std::string in = "ip -n " + peers[i] + " ",
+                              net = "198.18." + std::to_string(i + 1);
+            const std::string a = "swga" + std::to_string(i), b = "swgb" + std::to_string(i);
+            for (const std::string& command :
+                 {"ip netns add " + peers[i],
+                  "ip link add " + a + " type veth peer name " + b + " netns " + peers[i],
+                  "ip addr add " + net + ".1/24 dev " + a, "ip link set " + a + " up",
+                  in + "link set lo up", in + "addr add " + net + ".2/24 dev " + b,
+                  in + "link set " + b + " up", in + "route add default via " + net + ".1"})
+                commands.push_back(command);
+        }
+        commands.push_back("ip -n " + m_gatewayNs + " addr add 198.18.1.3/24 dev swgb0");
         for (const std::string& command : commands) ASSERT_EQ(Shell(command), 0) << command;
     }
 
@@ -295,8 +277,7 @@ protected:
     void ServeHttp(int fd) {
         std::string request;
         char buffer[4096];
-        while (request.find("\r\n\r\n") == std::string::npos &&
-               swg_test::WaitReadable(fd, 5s)) {
+        while (request.find("\r\n\r\n") == std::string::npos && swg_test::WaitReadable(fd, 5s)) {
             const ssize_t count = ::recv(fd, buffer, sizeof(buffer), 0);
             if (count <= 0) break;
             request.append(buffer, static_cast<std::size_t>(count));
@@ -314,10 +295,10 @@ protected:
 
     // Starts the gateway with `faults` for every request.
     void StartGateway(const std::vector<std::string>& faults = {}) {
-        std::vector<std::string> args = {"netns",    "exec",        m_gatewayNs,
-                                         kGatewayBinary, "--listen", "0.0.0.0:443",
-                                         "--listen", "0.0.0.0:80",  "--key",
-                                         kSample + "private.pem", "--log", GatewayLog()};
+        std::vector<std::string> args = {
+            "netns",       "exec",      m_gatewayNs,  kGatewayBinary, "--listen",
+            "0.0.0.0:443", "--listen",  "0.0.0.0:80", "--key",        kSample + "private.pem",
+            "--log",       GatewayLog()};
         for (const std::string& fault : faults) {
             args.push_back("--fault");
             args.push_back(fault);
@@ -378,15 +359,6 @@ protected:
     }
     CurlResult Https() { return Curl("/index.html", 443, false); }
     CurlResult Http() { return Curl("/page.html", 80, true); }
-
-    // A raw client of the listener: the record naming `destination`, then `payload`.
-    UniqueFd RawClient(const sockaddr_storage& destination, const std::string& payload) {
-        UniqueFd client = swg_test::ConnectTo(swg_test::Endpoint("127.0.0.1", 5002));
-        EXPECT_NE(client.Get(), -1);
-        EXPECT_TRUE(swg_test::WriteAll(client.Get(),
-                                       swg_test::SessionRecordFor(destination) + payload, 5s));
-        return client;
-    }
 
     // How many times a failed gateway step at `stage` was turned to bypass by `policy`.
     int TurnedToBypass(Policy policy, const std::string& stage) {
@@ -481,9 +453,10 @@ TEST_P(FailureRowTest, OriginalDestinationConnectFailsTwice) {
     StartGateway();
     ApplyPolicy(GetParam());
     // Neither HTTP nor TLS: the connection is not for the gateway.
-    UniqueFd client = RawClient(swg_test::Endpoint(kUnreachable, 80), "hello, not http\r\n");
+    UniqueFd client =
+        swg_test::ListenerClient(swg_test::Endpoint(kUnreachable, 80), "hello, not http\r\n");
     const auto started = Clock::now();
-    EXPECT_EQ(ReadToEnd(client.Get(), 10s), "");
+    EXPECT_EQ(swg_test::ReadToEnd(client.Get(), 10s), "");
     EXPECT_GE(Clock::now() - started, 900ms);
     EXPECT_EQ(m_trace.CountPrefix(ERR, kConnectFailed), 2);
     EXPECT_EQ(GatewayLines("CONNECT"), 0);
@@ -497,9 +470,9 @@ TEST_P(FailureRowTest, HttpHeaderBlockCannotBeWrittenToTheDestinationEither) {
     ApplyPolicy(GetParam());
     const auto started = Clock::now();
     // Nothing listens on the origin's port 81.
-    UniqueFd client = RawClient(swg_test::Endpoint(kOrigin, 81),
-                                "GET / HTTP/1.1\r\nHost: origin.swg.test:81\r\n\r\n");
-    EXPECT_EQ(ReadToEnd(client.Get(), 5s), "");
+    UniqueFd client = swg_test::ListenerClient(
+        swg_test::Endpoint(kOrigin, 81), "GET / HTTP/1.1\r\nHost: origin.swg.test:81\r\n\r\n");
+    EXPECT_EQ(swg_test::ReadToEnd(client.Get(), 5s), "");
     EXPECT_LT(Clock::now() - started, 3s);
     // Once to the gateway, once to the destination under fail open or a portal.
     EXPECT_EQ(m_trace.CountPrefix(BRIDGE, "Connection : Connecting to "), Bypasses() ? 2 : 1);
@@ -515,9 +488,10 @@ INSTANTIATE_TEST_SUITE_P(Policies, FailureRowTest, kPolicies,
 TEST_F(GatewayIntegrationTest, FailOpenRetryThatFailsTooJustCloses) {
     StartGateway();
     ApplyPolicy(Policy::FailOpen, kUnreachable);
-    UniqueFd client = RawClient(swg_test::Endpoint(kUnreachable, 80),
-                                "GET / HTTP/1.1\r\nHost: gateway-down.swg.test\r\n\r\n");
-    EXPECT_EQ(ReadToEnd(client.Get(), 10s), "");
+    UniqueFd client =
+        swg_test::ListenerClient(swg_test::Endpoint(kUnreachable, 80),
+                                 "GET / HTTP/1.1\r\nHost: gateway-down.swg.test\r\n\r\n");
+    EXPECT_EQ(swg_test::ReadToEnd(client.Get(), 10s), "");
     EXPECT_EQ(m_trace.Count(TRACE, kBypassRetry), 1);
     EXPECT_EQ(m_trace.CountPrefix(ERR, "Connection : Retry failed. Code : "), 1);
 }
@@ -578,12 +552,13 @@ TEST_P(StepRowTest, FailedGatewayStepBypassesOrCloses) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, StepRowTest, ::testing::Combine(kPolicies, ::testing::ValuesIn(kStepRows)),
-    [](const ::testing::TestParamInfo<std::tuple<Policy, StepRow>>& param) {
-        return std::string(kPolicyNames[static_cast<int>(std::get<0>(param.param))]) + "_" +
-               std::get<1>(param.param).name;
-    });
+INSTANTIATE_TEST_SUITE_P(Rows, StepRowTest,
+                         ::testing::Combine(kPolicies, ::testing::ValuesIn(kStepRows)),
+                         [](const ::testing::TestParamInfo<std::tuple<Policy, StepRow>>& param) {
+                             return std::string(
+                                        kPolicyNames[static_cast<int>(std::get<0>(param.param))]) +
+                                    "_" + std::get<1>(param.param).name;
+                         });
 
 // ---- the gateway's own pages ----------------------------------------------------------------
 
@@ -591,8 +566,8 @@ INSTANTIATE_TEST_SUITE_P(
 // byte, or a blocked request that reaches the origin anyway.
 TEST_F(GatewayIntegrationTest, BlockPageReachesTheClient) {
     StartGateway({"status=403"});
-    UniqueFd client = RawClient(swg_test::Endpoint(kOrigin, 443), "");
-    const std::string page = ReadToEnd(client.Get(), 10s);
+    UniqueFd client = swg_test::ListenerClient(swg_test::Endpoint(kOrigin, 443), "");
+    const std::string page = swg_test::ReadToEnd(client.Get(), 10s);
     EXPECT_EQ(page.rfind("HTTP/1.1 403 ", 0), 0u) << page;
     EXPECT_NE(page.find("\r\nVia: 1.1 s_proxy_"), std::string::npos);
     const std::size_t lengthAt = page.find("Content-Length: ");

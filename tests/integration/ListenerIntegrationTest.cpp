@@ -70,12 +70,10 @@ protected:
     CDnConnectionThreadPoolThread& Pool() { return m_listeners.front()->m_ConnectionThreadPool; }
 
     // A client of the listener that has sent the record naming `destination`, then `payload`.
-    UniqueFd Client(const sockaddr_storage& destination, const std::string& payload = "",
-                    const char* listener = "127.0.0.1") {
-        UniqueFd client = swg_test::ConnectTo(swg_test::Endpoint(listener, 5002));
+    static UniqueFd Client(const sockaddr_storage& destination, const std::string& payload = "",
+                           const char* listener = "127.0.0.1") {
+        UniqueFd client = swg_test::ListenerClient(destination, payload, listener);
         EXPECT_NE(client.Get(), -1);
-        EXPECT_TRUE(swg_test::WriteAll(client.Get(),
-                                       swg_test::SessionRecordFor(destination) + payload, 5s));
         return client;
     }
 
@@ -92,18 +90,6 @@ protected:
     }
 
     int Started() { return m_trace.Count(LISTEN, "Listener : Connection started"); }
-
-    // Reads until end of stream; what came.
-    static std::string ReadToEnd(int fd) {
-        std::string all;
-        char chunk[65536];
-        while (swg_test::WaitReadable(fd, 20s)) {
-            const ssize_t got = ::recv(fd, chunk, sizeof(chunk), 0);
-            if (got <= 0) break;
-            all.append(chunk, static_cast<std::size_t>(got));
-        }
-        return all;
-    }
 
     swg_test::RecordingTrace m_trace;
     std::vector<std::unique_ptr<CDnListenThread>> m_listeners;
@@ -129,7 +115,7 @@ TEST_F(ListenerIntegrationTest, TransfersBothWaysArriveWhole) {
         std::string uploaded;
         std::atomic<bool> done{false};
         swg_test::TestServer sink(swg_test::Endpoint(kHostA, 0), [&](int fd) {
-            uploaded = ReadToEnd(fd);
+            uploaded = swg_test::ReadToEnd(fd, 20s);
             done = true;
         });
         UniqueFd client = Client(sink.Address());
@@ -145,7 +131,7 @@ TEST_F(ListenerIntegrationTest, TransfersBothWaysArriveWhole) {
             if (swg_test::ReadExactly(fd, 3, request, 5s)) (void)swg_test::WriteAll(fd, large, 60s);
         });
         UniqueFd client = Client(source.Address(), "hi\n");
-        const std::string downloaded = ReadToEnd(client.Get());
+        const std::string downloaded = swg_test::ReadToEnd(client.Get(), 20s);
         EXPECT_TRUE(downloaded == large) << "downloaded " << downloaded.size() << " bytes";
     }
 }
@@ -155,7 +141,7 @@ TEST_F(ListenerIntegrationTest, RemoteCloseAfterDataStillDeliversTheData) {
     swg_test::TestServer server(swg_test::Endpoint(kHostA, 0),
                                 [](int fd) { (void)swg_test::WriteAll(fd, "hello world", 1s); });
     UniqueFd client = Client(server.Address(), "hi\n");
-    EXPECT_EQ(ReadToEnd(client.Get()), "hello world");
+    EXPECT_EQ(swg_test::ReadToEnd(client.Get(), 20s), "hello world");
 }
 
 // A lone byte (a TLS record header, say) is held back 200 ms so that its record can follow,
@@ -196,7 +182,7 @@ TEST_F(ListenerIntegrationTest, ClientClosingBeforeTheRecordIsCompleteEndsWithNo
     ASSERT_TRUE(swg_test::WriteAll(
         client.Get(), swg_test::SessionRecordFor(server.Address()).substr(0, 300), 1s));
     ASSERT_EQ(::shutdown(client.Get(), SHUT_WR), 0);
-    EXPECT_EQ(ReadToEnd(client.Get()), "");
+    EXPECT_EQ(swg_test::ReadToEnd(client.Get(), 20s), "");
     EXPECT_EQ(server.Accepted(), 0);
     EXPECT_TRUE(swg_test::WaitUntil([&] {
         return m_trace.Count(LISTEN, "Connection : Failed to read ngc_session_info from socket") ==
@@ -226,7 +212,7 @@ TEST_F(ListenerIntegrationTest, KillDuringBlockedReadsEndsTheJobsWithin500Ms) {
 // A record naming the listener itself would feed the agent its own connection.
 TEST_F(ListenerIntegrationTest, LoopToTheListenerItselfIsClosed) {
     UniqueFd client = Client(swg_test::Endpoint("127.0.0.1", 5002), "x");
-    EXPECT_EQ(ReadToEnd(client.Get()), "");
+    EXPECT_EQ(swg_test::ReadToEnd(client.Get(), 20s), "");
     EXPECT_EQ(m_trace.CountPrefix(WARN, "Connection : Original destination is the agent's own"), 1);
     EXPECT_EQ(Started(), 1);  // no second connection came back to the listener
 }
@@ -259,9 +245,9 @@ TEST_F(ListenerIntegrationTest, RedirectedConnectionIsRelayedToItsOriginalDestin
     EXPECT_EQ(m_trace.Count(LISTEN, "Connection : Redirected connection of process " +
                                         std::to_string(::getpid()) + ", record made on accept"),
               1);
-    EXPECT_EQ(m_trace.Count(LISTEN,
-                            "Connection: orig dst_addr=198.18.0.1 and dst_port=8080 from kdf"),
-              1);
+    EXPECT_EQ(
+        m_trace.Count(LISTEN, "Connection: orig dst_addr=198.18.0.1 and dst_port=8080 from kdf"),
+        1);
 }
 
 // With all 750 threads of a family busy, the 751st connection must wait in the backlog for

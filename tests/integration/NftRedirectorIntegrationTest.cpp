@@ -199,9 +199,8 @@ TEST_F(NftRedirectorIntegrationTest, UdpToMonitoredPortIsRefusedOnlyWhileRulesAr
     ASSERT_GE(receiver.Get(), 0);
     const sockaddr_storage where = Endpoint(kDivertedHost, 443);
     UniqueFd sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(connect(sender.Get(), reinterpret_cast<const sockaddr*>(&where),
-                      EndpointLength(where)),
-              0);
+    ASSERT_EQ(
+        connect(sender.Get(), reinterpret_cast<const sockaddr*>(&where), EndpointLength(where)), 0);
 
     const ssize_t sent = send(sender.Get(), "q", 1, 0);
     const int sendError = errno;

@@ -123,6 +123,17 @@ bool ReadExactly(int fd, std::size_t count, std::string& out, std::chrono::milli
     return true;
 }
 
+std::string ReadToEnd(int fd, std::chrono::milliseconds timeout) {
+    std::string all;
+    char chunk[65536];
+    while (WaitReadable(fd, timeout)) {
+        const ssize_t got = ::recv(fd, chunk, sizeof(chunk), 0);
+        if (got <= 0) break;
+        all.append(chunk, static_cast<std::size_t>(got));
+    }
+    return all;
+}
+
 bool WaitReadable(int fd, std::chrono::milliseconds timeout) {
     return PollFor(fd, POLLIN, std::chrono::steady_clock::now() + timeout);
 }

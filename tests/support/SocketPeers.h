@@ -50,6 +50,8 @@ bool WriteAll(int fd, const std::string& data, std::chrono::milliseconds timeout
 // Reads exactly `count` bytes within `timeout` into `out`; false (with what came) on error,
 // end of stream or timeout.
 bool ReadExactly(int fd, std::size_t count, std::string& out, std::chrono::milliseconds timeout);
+// Reads until end of stream, an error, or a wait for more longer than `timeout`; what came.
+std::string ReadToEnd(int fd, std::chrono::milliseconds timeout);
 // Waits up to `timeout` for `fd` to be readable (data or end of stream).
 bool WaitReadable(int fd, std::chrono::milliseconds timeout);
 // FIONREAD of `fd`; -1 when the call fails.

@@ -62,6 +62,15 @@ UniqueFd ConnectTo(const sockaddr_storage& address) {
     return fd;
 }
 
+UniqueFd ListenerClient(const sockaddr_storage& destination, const std::string& payload,
+                        const char* listener) {
+    UniqueFd client = ConnectTo(Endpoint(listener, 5002));
+    if (client.Get() != -1 &&
+        !WriteAll(client.Get(), SessionRecordFor(destination) + payload, std::chrono::seconds(5)))
+        client.Reset();
+    return client;
+}
+
 TestServer::TestServer(const sockaddr_storage& address, Handler handler, int backlog,
                        bool accepting)
     : m_address(address), m_handler(std::move(handler)) {

@@ -30,6 +30,10 @@ std::string SessionRecordFor(const sockaddr_storage& destination, std::int32_t p
 
 // A blocking TCP connection to `address`; an invalid descriptor on failure.
 UniqueFd ConnectTo(const sockaddr_storage& address);
+// A client of the agent's listener on `listener`:5002 that has sent the record naming
+// `destination`, then `payload`; an invalid descriptor when the connect or the write fails.
+UniqueFd ListenerClient(const sockaddr_storage& destination, const std::string& payload = "",
+                        const char* listener = "127.0.0.1");
 
 // A TCP server on `address` (port 0: any free port) that runs `handler` with each accepted
 // descriptor on a thread of its own, and closes the descriptor when the handler returns.
