@@ -4,7 +4,8 @@
 //
 // Peers, per test:
 //   agent namespace (the test's main thread, unshared): lo with the listener on 127.0.0.1:5002,
-//     a forwarder that puts the session record in front of a client's bytes, curl; routes
+//     an nftables rule that diverts curl's connections to the origin there (the agent's own
+//     marked sockets pass), curl; routes
 //     198.18.1.0/24 to the gateway and 198.18.2.0/24 to the origin, forwards between them, and
 //     has 198.18.3.0/24 unreachable. Its own /etc/hosts (mount namespace): gateway.swg.test
 //     198.18.1.2, gateway-down.swg.test 198.18.3.9, origin.swg.test 198.18.2.2; no DNS.
@@ -99,48 +100,6 @@ bool InNamespace(const std::string& name, const std::function<void()>& body) {
     helper.join();
     return entered;
 }
-
-// Moves bytes both ways between two sockets until both directions have ended, passing each end
-// of stream on as a half close. Bounded by `limit`.
-void Splice(int a, int b, std::chrono::seconds limit) {
-    const auto giveUp = Clock::now() + limit;
-    bool open[2] = {true, true};  // a->b, b->a
-    char buffer[16384];
-    while ((open[0] || open[1]) && Clock::now() < giveUp) {
-        pollfd wait[2] = {{a, static_cast<short>(open[0] ? POLLIN : 0), 0},
-                          {b, static_cast<short>(open[1] ? POLLIN : 0), 0}};
-        if (::poll(wait, 2, 200) <= 0) continue;
-        for (int side = 0; side < 2; ++side) {
-            if (!open[side] || (wait[side].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
-            const int to = side == 0 ? b : a;
-            const ssize_t count = ::recv(side == 0 ? a : b, buffer, sizeof(buffer), 0);
-            if (count <= 0 || !swg_test::WriteAll(
-                                  to, std::string(buffer, static_cast<std::size_t>(count)), 10s)) {
-                open[side] = false;
-                ::shutdown(to, SHUT_WR);
-            }
-        }
-    }
-}
-
-// The client wrapper: a local port that curl connects to; each connection is carried to the
-// agent's listener behind an 800-byte record naming `destination`.
-class RecordForwarder {
-public:
-    explicit RecordForwarder(const sockaddr_storage& destination)
-        : m_record(swg_test::SessionRecordFor(destination)),
-          m_server(swg_test::Endpoint("127.0.0.1", 0), [this](int client) {
-              UniqueFd agent = swg_test::ConnectTo(swg_test::Endpoint("127.0.0.1", 5002));
-              if (agent.Get() != -1 && swg_test::WriteAll(agent.Get(), m_record, 5s))
-                  Splice(client, agent.Get(), 60s);
-          }) {}
-
-    std::uint16_t Port() const { return swg_test::EndpointPort(m_server.Address()); }
-
-private:
-    std::string m_record;
-    swg_test::TestServer m_server;
-};
 
 struct CurlResult {
     int exit = -1;
@@ -245,6 +204,11 @@ protected:
                 commands.push_back(command);
         }
         commands.push_back("ip -n " + m_gatewayNs + " addr add 198.18.1.3/24 dev swgb0");
+        commands.push_back(
+            "nft add table ip swgdivert && nft add chain ip swgdivert out '{ type "
+            "nat hook output priority -100; }' && nft add rule ip swgdivert out "
+            "ip daddr 198.18.2.2 meta mark != 0x5347 tcp dport '{ 80, 443 }' "
+            "redirect to :5002");
         for (const std::string& command : commands) ASSERT_EQ(Shell(command), 0) << command;
     }
 
@@ -338,15 +302,11 @@ protected:
         g_pSWGAgent->SetCaptivePortalProbe([policy](long) { return policy == Policy::Portal; });
     }
 
-    CurlResult Curl(const std::string& url, std::uint16_t originPort, bool headers) {
-        RecordForwarder forwarder(swg_test::Endpoint(kOrigin, originPort));
-        const std::string scheme = originPort == 443 ? "https" : "http";
-        const std::string command =
-            "curl -sS --noproxy '*' --max-time 30 " + std::string(headers ? "-i " : "") +
-            "--cacert " + Path("origin-cert.pem") +
-            " --connect-to origin.swg.test:" + std::to_string(originPort) +
-            ":127.0.0.1:" + std::to_string(forwarder.Port()) + " " + scheme + "://origin.swg.test" +
-            url + " -o " + Path("curl.out") + " 2>" + Path("curl.err");
+    CurlResult Curl(const std::string& url, bool headers) {
+        const std::string command = "curl -sS --noproxy '*' --max-time 30 " +
+                                    std::string(headers ? "-i " : "") + "--cacert " +
+                                    Path("origin-cert.pem") + " " + url + " -o " +
+                                    Path("curl.out") + " 2>" + Path("curl.err");
         ::unlink(Path("curl.out").c_str());
         CurlResult result;
         const auto started = Clock::now();
@@ -357,8 +317,8 @@ protected:
         result.err = ReadFile(Path("curl.err"));
         return result;
     }
-    CurlResult Https() { return Curl("/index.html", 443, false); }
-    CurlResult Http() { return Curl("/page.html", 80, true); }
+    CurlResult Https() { return Curl("https://origin.swg.test/index.html", false); }
+    CurlResult Http() { return Curl("http://origin.swg.test/page.html", true); }
 
     // How many times a failed gateway step at `stage` was turned to bypass by `policy`.
     int TurnedToBypass(Policy policy, const std::string& stage) {
