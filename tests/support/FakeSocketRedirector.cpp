@@ -7,29 +7,9 @@
 
 namespace swg_test {
 
-std::vector<std::string> FakeRedirectorScript::Calls() {
-    std::lock_guard<std::mutex> hold(lock);
-    return calls;
-}
-
 size_t FakeRedirectorScript::Count(const std::string& call) {
     std::lock_guard<std::mutex> hold(lock);
     return static_cast<size_t>(std::count(calls.begin(), calls.end(), call));
-}
-
-std::vector<std::list<redirect_info>> FakeRedirectorScript::Given() {
-    std::lock_guard<std::mutex> hold(lock);
-    return given;
-}
-
-std::vector<unsigned int> FakeRedirectorScript::Sleeps() {
-    std::lock_guard<std::mutex> hold(lock);
-    return sleeps;
-}
-
-int FakeRedirectorScript::Live() {
-    std::lock_guard<std::mutex> hold(lock);
-    return live;
 }
 
 int FakeRedirectorScript::Answer(const std::string& call, std::deque<int>& results) {

@@ -31,13 +31,20 @@ struct FakeRedirectorScript {
     int vpnDaemonPid = -1;          // what the "lmvpnd" look-up answers
     std::function<void()> onStop;   // run inside Stop, without the lock
 
-    std::vector<std::string> Calls();
+    std::vector<std::string> Calls() { return Copy(calls); }
     size_t Count(const std::string& call);
-    std::vector<std::list<redirect_info>> Given();
-    std::vector<unsigned int> Sleeps();
-    int Live();
+    std::vector<std::list<redirect_info>> Given() { return Copy(given); }
+    std::vector<unsigned int> Sleeps() { return Copy(sleeps); }
+    int Live() { return Copy(live); }
     // Takes the front of `results`, 0 when empty; records `call`. Locks.
     int Answer(const std::string& call, std::deque<int>& results);
+
+private:
+    template <typename T>
+    T Copy(const T& field) {
+        std::lock_guard<std::mutex> hold(lock);
+        return field;
+    }
 };
 
 // A handle whose every operation records itself in the script and answers from it.
