@@ -25,10 +25,8 @@ void PutWord(std::string& out, uint32_t value, bool bigEndian) {
 }  // namespace
 
 std::string BuildMoFile(std::vector<MoEntry> entries, const MoOptions& options) {
-    if (options.sortOriginals) {
-        std::sort(entries.begin(), entries.end(),
-                  [](const MoEntry& a, const MoEntry& b) { return a.original < b.original; });
-    }
+    std::sort(entries.begin(), entries.end(),
+              [](const MoEntry& a, const MoEntry& b) { return a.original < b.original; });
     const auto count = static_cast<uint32_t>(entries.size());
     const auto originalsAt = static_cast<uint32_t>(kHeaderSize);
     const auto translationsAt = static_cast<uint32_t>(originalsAt + count * kDescriptorSize);

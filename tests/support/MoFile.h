@@ -17,11 +17,10 @@ struct MoOptions {
     bool bigEndian = false;       // byte order of every 32-bit word, the magic included
     uint32_t magic = 0x950412DE;  // as the writer means it, before byte order
     uint32_t revision = 0;
-    bool sortOriginals = true;  // false keeps the given order (an unsorted, broken table)
 };
 
-// A complete .mo file: header, both descriptor tables, no hash table, then the strings,
-// each with its terminating zero.
+// A complete .mo file: header, both descriptor tables (sorted by original), no hash table,
+// then the strings, each with its terminating zero.
 std::string BuildMoFile(std::vector<MoEntry> entries, const MoOptions& options = {});
 
 // Overwrites the 32-bit word at byte `offset` of `file`, in the byte order given.
