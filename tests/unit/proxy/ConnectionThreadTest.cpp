@@ -112,14 +112,22 @@ TEST_P(ConnectionThreadTest, RelaysBothWaysToTheDestinationInTheRecord) {
     EXPECT_EQ(m_thread.TMode, 0);
 }
 
-// A close before the record is complete ends the job with 1, connecting nothing.
-TEST_P(ConnectionThreadTest, CloseBeforeTheRecordIsCompleteEndsWith1) {
-    UniqueFd client = StartJob();
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), Record().substr(0, 100), 1s));
-    client.Reset();
-    ASSERT_TRUE(JobEnded(5s));
-    EXPECT_EQ(m_thread.m_result, 1);
-    EXPECT_EQ(m_echo.Accepted(), 0);
+// A close before the record or the header block is complete ends the job with 1 and closes
+// the client, connecting nothing.
+TEST_P(ConnectionThreadTest, CloseBeforeRecordOrHeaderBlockIsCompleteEndsWith1) {
+    for (const bool inHeaders : {false, true}) {
+        SCOPED_TRACE(inHeaders ? "header block" : "record");
+        UniqueFd client = StartJob();
+        ASSERT_TRUE(swg_test::WriteAll(
+            client.Get(),
+            inHeaders ? Record() + "GET / HTTP/1.1\r\nHost: a\r\n" : Record().substr(0, 100), 2s));
+        ASSERT_EQ(::shutdown(client.Get(), SHUT_WR), 0);
+        ASSERT_TRUE(JobEnded(5s));
+        EXPECT_EQ(m_thread.m_result, 1);
+        EXPECT_EQ(m_echo.Accepted(), 0);
+        std::string received;
+        EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 1s));
+    }
 }
 
 // A -1 on the first read ends the record loop as if it were complete: the job goes on with
@@ -187,18 +195,6 @@ TEST_P(ConnectionThreadTest, BodyBehindTheHeaderBlockFollowsTheBlock) {
     ASSERT_TRUE(JobEnded(5s));
     EXPECT_EQ(m_thread.CMode, 2);
     EXPECT_EQ(m_thread.TMode, 0);
-}
-
-// A header block that never completes closes the client; nothing is connected for it.
-TEST_P(ConnectionThreadTest, HeaderBlockCutShortClosesTheClient) {
-    UniqueFd client = StartJob();
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), Record() + "GET / HTTP/1.1\r\nHost: a\r\n", 2s));
-    ASSERT_EQ(::shutdown(client.Get(), SHUT_WR), 0);
-    ASSERT_TRUE(JobEnded(5s));
-    EXPECT_EQ(m_thread.m_result, 1);
-    EXPECT_EQ(m_echo.Accepted(), 0);
-    std::string received;
-    EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 1s));
 }
 
 }  // namespace
