@@ -147,21 +147,16 @@ TEST_F(AppLogTest, DebugAndReturnCodeMessageLayouts) {
 // the caller's arguments (set 0 alone has formats that take them).
 TEST_F(AppLogTest, MessageTableLookup) {
     StartLog();
-    struct Case {
-        Logging::MessageID id;
-        const char* name;
-    } cases[] = {{4, "MID_UNKNOWN_MESSAGE_ID"},         {101, "MID_PRODUCT_MESSAGE"},
-                 {103, "MID_PRODUCT_MESSAGE"},          {104, "MID_UNKNOWN_MESSAGE_ID"},
-                 {2161, "MID_PRODUCT_MESSAGE"},         {2162, "MID_UNKNOWN_MESSAGE_ID"},
-                 {7007, "MID_PRODUCT_MESSAGE"},         {7008, "MID_UNKNOWN_MESSAGE_ID"},
-                 {0xFFFFFFFF, "MID_UNKNOWN_MESSAGE_ID"}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.id);
+    // Product ids at the edges of their sets; the others unknown.
+    for (const Logging::MessageID id : {4u, 101u, 103u, 104u, 2161u, 2162u, 7007u, 7008u,
+                                        0xFFFFFFFFu}) {
+        SCOPED_TRACE(id);
         m_messages->clear();
-        CAppLog::LogMessage(c.id, 12345);  // an int where a format might expect a string
-        EXPECT_EQ(Only().name, c.name);
-        EXPECT_EQ(Only().id, c.id);
-        EXPECT_THAT(Only().text, HasSubstr(std::to_string(c.id)));
+        CAppLog::LogMessage(id, 12345);  // an int where a format might expect a string
+        const bool product = id == 101 || id == 103 || id == 2161 || id == 7007;
+        EXPECT_EQ(Only().name, product ? "MID_PRODUCT_MESSAGE" : "MID_UNKNOWN_MESSAGE_ID");
+        EXPECT_EQ(Only().id, id);
+        EXPECT_THAT(Only().text, HasSubstr(std::to_string(id)));
     }
     m_messages->clear();
     CAppLog::LogMessage(MID_UNKNOWN, "set zero");

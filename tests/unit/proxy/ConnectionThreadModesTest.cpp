@@ -322,7 +322,8 @@ protected:
 };
 
 // The two lines go behind the client's and carry the configured identity, with the local
-// address the outgoing connection leaves from, to the gateway.
+// address the outgoing connection leaves from, to the gateway; a key that cannot be used
+// leaves the block as the client sent it.
 TEST_F(LicenceLinesTest, AppendsTwoLinesThatDecodeToTheConfiguredIdentity) {
     swg_test::TcpPair outgoing = swg_test::MakeTcpPair(AF_INET);
     ASSERT_NE(outgoing.a.Get(), -1);
@@ -343,13 +344,11 @@ TEST_F(LicenceLinesTest, AppendsTwoLinesThatDecodeToTheConfiguredIdentity) {
     EXPECT_EQ(identity.strUserId, "Hjane.doe@corp.example");
     EXPECT_EQ(identity.strOverlayUser, "Hoverlay");
     EXPECT_EQ(identity.strInterfaceAddress, "127.0.0.1");
-}
 
-// A key that cannot be used leaves the block as the client sent it.
-TEST_F(LicenceLinesTest, BadKeyAppendsNothing) {
     swg_test::ScopedAgentState::Edit([](CSWGAgent::ORGINFO& org) {
         org.strpKeyPem = "-----BEGIN PUBLIC KEY-----\nnot a key\n-----END PUBLIC KEY-----\n";
     });
+    m_headers.m_lines.resize(2);
     EXPECT_FALSE(m_thread.ModifyHttpHeaders(&m_headers));
     EXPECT_EQ(m_headers.m_lines.size(), 2u);
 }
