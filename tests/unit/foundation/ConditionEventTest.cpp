@@ -132,18 +132,6 @@ TEST(ConditionEventTest, GroupsTakeTurnsOnNotifyOne) {
     EXPECT_EQ(g3.last_signaller(), &member);
 }
 
-// Timeout 0 must poll and a finite timeout must really wait; both give the timeout code and
-// leave no subscription behind.
-TEST(WaitForMultipleObjectsTest, TimeoutWithNothingSignalled) {
-    condition_event a(true), b(false);
-    EXPECT_EQ(Wait({&a, &b}, false, 0), WAIT_TIMEOUT_CODE);
-    const auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(Wait({&a, &b}, false, 30), WAIT_TIMEOUT_CODE);
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(25));
-    EXPECT_EQ(a.subscriber_count(), 0u);
-    EXPECT_EQ(b.subscriber_count(), 0u);
-}
-
 // With several entries signalled the lowest index must win; an automatic-reset event
 // reported is consumed, the others keep their signal, a manual one is reported until reset,
 // and a null entry counts as signalled after any lower entry that really is.
@@ -170,10 +158,17 @@ TEST(WaitForMultipleObjectsTest, AnyOfGivesTheLowestIndexAndLeavesTheOthers) {
     EXPECT_FALSE(first.is_signal_one());
 }
 
-// A signal arriving during the wait must end it with that entry's index, consume it, and
-// the group must be gone from every member afterwards.
-TEST(WaitForMultipleObjectsTest, AnyOfWakesOnSignalDuringTheWait) {
+// Timeout 0 must poll and a finite timeout must really wait, both giving the timeout code; a
+// signal arriving during the wait must end it with that entry's index and consume it; the
+// group must be gone from every member afterwards.
+TEST(WaitForMultipleObjectsTest, AnyOfTimesOutOrWakesOnSignalDuringTheWait) {
     condition_event a(true), b(true);
+    EXPECT_EQ(Wait({&a, &b}, false, 0), WAIT_TIMEOUT_CODE);
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(Wait({&a, &b}, false, 30), WAIT_TIMEOUT_CODE);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(25));
+    EXPECT_EQ(b.subscriber_count(), 0u);
+
     auto waiter = std::async(std::launch::async, [&] { return Wait({&a, &b}, false, kGuardMs); });
     ASSERT_TRUE(WaitUntil([&] { return b.subscriber_count() == 1; }));
     b.notify();
@@ -205,24 +200,23 @@ TEST(WaitForMultipleObjectsTest, EmptyWakeUpIsATimeoutButTheLastSignallerCounts)
 }
 
 // The all-of wait sleeps before it looks: events already signalled on entry are not enough
-// without a wake-up during the call; manual-reset events are left set.
-TEST(WaitForMultipleObjectsTest, AllOfSeesEarlierSignalsOnlyAfterAWakeUp) {
-    condition_event a(false), b(false);
-    a.notify();
-    b.notify();
-    EXPECT_EQ(Wait({&a, &b}, true, 30), WAIT_TIMEOUT_CODE);
-
-    auto waiter = std::async(std::launch::async, [&] { return Wait({&a, &b}, true, kGuardMs); });
-    ASSERT_TRUE(WaitUntil([&] { return a.subscriber_count() == 1; }));
-    a.notify();  // the wake-up: both are found signalled
-    ASSERT_TRUE(Ready(waiter));
-    EXPECT_EQ(waiter.get(), 0);
-    EXPECT_TRUE(a.is_signal_all());
-}
-
-// All-of must return only when every entry has been seen, collecting them over wake-ups,
-// and consume the automatic-reset ones.
-TEST(WaitForMultipleObjectsTest, AllOfReturnsOnlyWhenEveryEventFired) {
+// without a wake-up during the call (manual-reset events are left set). It must return only
+// when every entry has been seen, collecting them over wake-ups, and consume the
+// automatic-reset ones.
+TEST(WaitForMultipleObjectsTest, AllOfWaitsForAWakeUpAndEveryEvent) {
+    {
+        condition_event a(false), b(false);
+        a.notify();
+        b.notify();
+        EXPECT_EQ(Wait({&a, &b}, true, 30), WAIT_TIMEOUT_CODE);
+        auto waiter =
+            std::async(std::launch::async, [&] { return Wait({&a, &b}, true, kGuardMs); });
+        ASSERT_TRUE(WaitUntil([&] { return a.subscriber_count() == 1; }));
+        a.notify();  // the wake-up: both are found signalled
+        ASSERT_TRUE(Ready(waiter));
+        EXPECT_EQ(waiter.get(), 0);
+        EXPECT_TRUE(a.is_signal_all());
+    }
     condition_event a(true), b(true);
     std::atomic<bool> returned{false};
     auto waiter = std::async(std::launch::async, [&] {

@@ -107,21 +107,6 @@ TEST_F(MsgCatalogTest, NoCatalogueGivesTheKey) {
     EXPECT_EQ(trace.Count(ERR, "Bad parameter. NULL pointer."), 1);
 }
 
-// de-de not falling back to the de catalogue under the data path, or the C locale picking
-// up a catalogue anyway.
-TEST_F(MsgCatalogTest, RegionalLanguageUsesLanguageCatalogueAndPosixStaysEnglish) {
-    swg_test::RecordingTrace trace;
-    WriteCatalogue("Linkmantle", "UTF-8", "Verbindungsfehler");
-    ::setenv("LANG", "de_DE.UTF-8", 1);
-    EXPECT_EQ(Message("Connection Failure"), "Verbindungsfehler");
-    EXPECT_EQ(Message("Not in the catalogue"), "Not in the catalogue");
-    EXPECT_EQ(trace.Count(TRACE, "Current locale: de-de"), 1);
-
-    MsgCatalog::Uninitialize();
-    ::setenv("LC_ALL", "POSIX", 1);
-    EXPECT_EQ(Message("Connection Failure"), "Connection Failure");
-}
-
 // A catalogue in a charset other than UTF-8 accepted, or a UTF-8 one refused.
 TEST_F(MsgCatalogTest, SetCatalogChecksTheCharsetOfTheMappedCatalogue) {
     swg_test::RecordingTrace trace;
