@@ -143,27 +143,6 @@ TEST_F(AppLogTest, DebugAndReturnCodeMessageLayouts) {
     EXPECT_EQ(Only().importance, Logging::kImportanceTable);
 }
 
-// A table search that misses a set's edge, or a product or unknown id whose format reads
-// the caller's arguments (set 0 alone has formats that take them).
-TEST_F(AppLogTest, MessageTableLookup) {
-    StartLog();
-    // Product ids at the edges of their sets; the others unknown.
-    for (const Logging::MessageID id : {4u, 101u, 103u, 104u, 2161u, 2162u, 7007u, 7008u,
-                                        0xFFFFFFFFu}) {
-        SCOPED_TRACE(id);
-        m_messages->clear();
-        CAppLog::LogMessage(id, 12345);  // an int where a format might expect a string
-        const bool product = id == 101 || id == 103 || id == 2161 || id == 7007;
-        EXPECT_EQ(Only().name, product ? "MID_PRODUCT_MESSAGE" : "MID_UNKNOWN_MESSAGE_ID");
-        EXPECT_EQ(Only().id, id);
-        EXPECT_THAT(Only().text, HasSubstr(std::to_string(id)));
-    }
-    m_messages->clear();
-    CAppLog::LogMessage(MID_UNKNOWN, "set zero");
-    EXPECT_EQ(Only().text, "set zero");
-    EXPECT_EQ(Only().severity, 5);
-}
-
 // A logger or configuration released while an instance still needs it, a null logger
 // replacing the installed one, or either surviving the last instance.
 TEST_F(AppLogTest, LastInstanceReleasesLoggerAndConfiguration) {

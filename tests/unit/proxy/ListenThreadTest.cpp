@@ -93,16 +93,7 @@ TEST_P(ListenThreadTest, HandsEachAcceptedConnectionToAWorker) {
     EXPECT_LT(Clock::now() - start, 1s);
 }
 
-class ListenThreadLimitTest : public ListenThreadTest {
-protected:
-    void SetUp() override { ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &m_saved), 0); }
-    void TearDown() override {
-        m_fillers.clear();
-        ::setrlimit(RLIMIT_NOFILE, &m_saved);
-        ListenThreadTest::TearDown();
-    }
-    rlimit m_saved{};
-};
+using ListenThreadLimitTest = ListenThreadTest;
 
 INSTANTIATE_TEST_SUITE_P(Families, ListenThreadLimitTest, ::testing::Values(AF_INET));
 
