@@ -233,7 +233,7 @@ TEST_F(SocketPairTest, ExitFlagEndsIdleRelayWithinASecond) {
 TEST_F(SocketPairTest, FullDirectionDoesNotSpin) {
     StartRelay();
     ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
-    std::thread writer([&] { (void)WriteAll(m_client.Get(), PatternBytes(16 << 20, 9), 1500ms); });
+    std::thread writer([&] { (void)WriteAll(m_client.Get(), PatternBytes(16 << 20, 9), 900ms); });
     std::this_thread::sleep_for(400ms);  // the server reads nothing: both buffers fill
     timespec before{};
     timespec after{};
