@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <map>
 #include <string>
 
 #include "ThreadTestSupport.h"
@@ -15,25 +14,7 @@ namespace {
 
 using swg_test::BuildMoFile;
 
-// Clears the locale variables and the data path, and puts them back as found.
-class ScopedEnvironment {
-public:
-    ScopedEnvironment() {
-        for (const char* name : kNames) {
-            const char* value = ::getenv(name);
-            if (value != nullptr) m_saved[name] = value;
-            ::unsetenv(name);
-        }
-    }
-    ~ScopedEnvironment() {
-        for (const char* name : kNames) ::unsetenv(name);
-        for (const auto& entry : m_saved) ::setenv(entry.first.c_str(), entry.second.c_str(), 1);
-    }
-
-private:
-    static constexpr const char* kNames[] = {"LC_ALL", "LC_MESSAGES", "LANG", "SWG_DATA_ROOT"};
-    std::map<std::string, std::string> m_saved;
-};
+using Environment = swg_test::ScopedLocaleEnvironment;
 
 struct LocaleCase {
     const char* lcAll;
@@ -44,7 +25,7 @@ struct LocaleCase {
 
 class MsgCatalogLangCodeTest : public ::testing::TestWithParam<LocaleCase> {
 protected:
-    ScopedEnvironment m_environment;
+    Environment m_environment;
 };
 
 // The variables read in the wrong order, an empty one taken as set, or "C" and "POSIX"
@@ -93,7 +74,7 @@ protected:
         return text;
     }
 
-    ScopedEnvironment m_environment;
+    Environment m_environment;
     swg_test::TempFolder m_data;
 };
 

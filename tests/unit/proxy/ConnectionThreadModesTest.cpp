@@ -48,22 +48,6 @@ const std::string kClientHelloTls13(
     " !\"#$%&'()*+,-./0123456789:;<=>?",
     145);
 
-// TLS 1.2 ClientHello, SNI "a.example", 117 bytes, with no newline byte anywhere: the sniffer
-// decides when the wait runs out.
-const std::string kClientHelloTls12(
-    "\x16\x03\x03\x00\x70"               // record: handshake, version 3.3, 112 bytes
-    "\x01\x00\x00\x6c\x03\x03"           // ClientHello, 108 bytes, TLS 1.2
-    "@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\\]^_"  // random
-    "\x20"                               // session id, 32 bytes
-    "`abcdefghijklmnopqrstuvwxyz{|}~\x7f"
-    "\x00\x06\xc0\x2f\xc0\x30\x00\x9c\x01\x00"  // cipher suites: ECDHE-RSA, RSA; no compression
-    "\x00\x1d"                                  // extensions: 29 bytes
-    "\x00\x00\x00\x0e\x00\x0c\x00\x00\x09"
-    "a.example"                 // server_name
-    "\x00\x0b\x00\x02\x01\x00"  // ec_point_formats: uncompressed
-    "\xff\x01\x00\x01\x00",     // renegotiation_info: empty
-    117);
-
 // The thread object on the test's own thread, with the accepted end of a loopback connection
 // as its local socket and a chosen original destination; the test plays the client.
 class ModeSelectionTest : public ::testing::Test {
@@ -201,7 +185,7 @@ TEST_F(ModeSelectionTest, RequestLineInPiecesIsCollectedWithinTheWait) {
 // The first bytes decide: "HTTP/" only in more than four bytes, TLS only for a ClientHello of
 // version 3 or later (on any port), port 443 without reading; every byte read stays buffered.
 TEST_F(ModeSelectionTest, FirstBytesDecideBetweenHttpTlsAndUnknown) {
-    std::string sslv2 = kClientHelloTls12;
+    std::string sslv2 = kClientHelloTls13;
     sslv2[1] = 0x02;  // record version 2.x
     std::string serverHello = kClientHelloTls13;
     serverHello[5] = 0x02;  // handshake type ServerHello
@@ -217,7 +201,6 @@ TEST_F(ModeSelectionTest, FirstBytesDecideBetweenHttpTlsAndUnknown) {
         {"five with HTTP/", "HTTP/", 8080, 2, true},
         {"server-first protocol", "SSH-2.0-x", 8080, 0, true},
         {"TLS 1.3 ClientHello", kClientHelloTls13, 8443, 1, true},
-        {"TLS 1.2 ClientHello", kClientHelloTls12, 8443, 1, true},
         {"SSL 2", sslv2, 8443, 0, true},
         {"not a ClientHello", serverHello, 8443, 0, true},
         {"alert record", std::string("\x15\x03\x03\x00\x02\x02\x46\n", 8), 8443, 0, true},
