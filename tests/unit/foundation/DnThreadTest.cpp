@@ -108,15 +108,15 @@ TEST(DnThreadTest, StartRunsTheBodyOnceAndTimedWaitGivesUpWhileItRuns) {
 // Runs the given body as its thread procedure.
 class BodyThread : public CDnThread {
 public:
-    explicit BodyThread(std::function<void(CDnThread&)> body) : m_body(std::move(body)) {}
+    explicit BodyThread(std::function<void()> body) : m_body(std::move(body)) {}
     ~BodyThread() override { Wait(); }
     long ActualThreadProc(void*) override {
-        m_body(*this);
+        m_body();
         return 0;
     }
 
 private:
-    std::function<void(CDnThread&)> m_body;
+    std::function<void()> m_body;
 };
 
 // Deinitialize and the destructor of a killed, running thread must join it before they
@@ -144,7 +144,7 @@ TEST(DnThreadTest, DeinitializeAndDestructorJoinAKilledThread) {
 TEST(DnThreadTest, EscapedExceptionEndsTheThreadAndIsLogged) {
     RecordingTrace trace;
     bool throwCode = false;
-    BodyThread thread([&throwCode](CDnThread&) {
+    BodyThread thread([&throwCode] {
         if (throwCode) throw 0x80004005u;
         throw std::runtime_error("boom");
     });

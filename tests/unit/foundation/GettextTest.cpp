@@ -146,16 +146,4 @@ TEST_F(GettextTest, LanguageListIsTriedInOrderAndCOrPosixStopsIt) {
     EXPECT_EQ(std::string(tsc_gettext("Unknown")), "Unknown");  // no language, no lookup
 }
 
-// A rebinding to another folder that keeps the catalogue mapped from the old one.
-TEST_F(GettextTest, RebindingDropsTheOldCatalogue) {
-    Write("de", BuildMoFile(GermanEntries()));
-    EXPECT_EQ(In("de", "Unknown"), "Unbekannt");
-    swg_test::TempFolder other;
-    ASSERT_TRUE(swg_test::WriteCatalogue(other.Path(), "de", kDomain,
-                                         BuildMoFile({{"Unknown", "Unbekannt (neu)"}})));
-    EXPECT_EQ(std::string(tsc::bindtextdomain(kDomain, other.Path().c_str())), other.Path());
-    EXPECT_EQ(In("de", "Unknown"), "Unbekannt (neu)");
-    EXPECT_EQ(std::string(tsc_dgettext("Unbound", "Unknown", "de")), "Unknown");
-}
-
 }  // namespace

@@ -78,16 +78,6 @@ protected:
     swg_test::TempFolder m_data;
 };
 
-// A missing catalogue or a null key treated as an error that loses the text or leaves a
-// stale one behind.
-TEST_F(MsgCatalogTest, NoCatalogueGivesTheKey) {
-    swg_test::RecordingTrace trace;
-    ::setenv("LANG", "de_DE.UTF-8", 1);
-    EXPECT_EQ(Message("Connection Failure"), "Connection Failure");
-    EXPECT_EQ(Message(nullptr), "");
-    EXPECT_EQ(trace.Count(ERR, "Bad parameter. NULL pointer."), 1);
-}
-
 // A catalogue in a charset other than UTF-8 accepted, or a UTF-8 one refused.
 TEST_F(MsgCatalogTest, SetCatalogChecksTheCharsetOfTheMappedCatalogue) {
     swg_test::RecordingTrace trace;

@@ -9,7 +9,6 @@
 #include <string>
 
 #include "proxy/SessionRecord.h"
-#include "support/SocketPeers.h"
 #include "support/TestServers.h"
 
 namespace {
@@ -63,16 +62,6 @@ TEST(SessionRecordTest, ListenerDestinationCoversEveryLoopbackSpelling) {
     for (const char* other : {"127.0.0.2", "198.18.0.1", "::2"})
         EXPECT_FALSE(IsListenerDestination(Endpoint(other, 5002), 5002)) << other;
     EXPECT_FALSE(IsListenerDestination(Endpoint("127.0.0.1", 5003), 5002));
-}
-
-// A connection made straight to a loopback listener gets no made-up record.
-TEST(SessionRecordTest, DirectConnectionGetsNoRecord) {
-    swg_test::TcpPair pair = swg_test::MakeTcpPair(AF_INET);
-    ASSERT_NE(pair.b.Get(), -1);
-    ngc_session_info record;
-    std::memset(&record, 0x5a, sizeof(record));
-    EXPECT_FALSE(MakeDivertedSessionRecord(pair.b.Get(), false, record));
-    EXPECT_EQ(record.process_id, 0x5a5a5a5a);
 }
 
 }  // namespace
