@@ -1,9 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // Free helpers: exact results and codes that other areas compare against.
+#include <arpa/inet.h>
+#include <sys/un.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -20,6 +26,45 @@ TEST(GlobalUtilsStrings, NocaseCompareTreatsLengthFirst) {
     EXPECT_EQ(StringNocaseCompare("0", "1"), -1);
     EXPECT_EQ(StringNocaseCompare("1", "0"), 1);
     EXPECT_NE(StringNocaseCompare("[", "{"), 0);
+}
+
+// A trim that cuts inside the text, or fails on a text made only of trimmed characters.
+TEST(GlobalUtilsStrings, TrimRemovesOnlyTheGivenCharactersAtTheEnds) {
+    std::string text = " \r\n value \t x\t\n";
+    StringTrim(text, " \r\n\t");
+    EXPECT_EQ(text, "value \t x");
+    text = "--a--";
+    StringTrimLeft(text, "-");
+    EXPECT_EQ(text, "a--");
+    StringTrimRight(text, "-");
+    EXPECT_EQ(text, "a");
+    text = "    ";
+    StringTrim(text, " ");
+    EXPECT_EQ(text, "");
+}
+
+// A wildcard matcher without backtracking, or one that lets a suffix pattern match the
+// bare domain.
+TEST(GlobalUtilsStrings, WildcardComparison) {
+    using Pair = std::pair<const char*, const char*>;  // text, pattern
+    for (const Pair& p :
+         {Pair{"abc", "abc"}, Pair{"abc", "a*c"}, Pair{"", "*"}, Pair{"abcbc", "a*bc"},
+          Pair{"a.example.com", "*.example.com"}, Pair{"xaybzc", "*a*b*c"}, Pair{"abc", "**b**"}}) {
+        EXPECT_TRUE(compareWithWildStr(p.first, p.second)) << p.first << " ~ " << p.second;
+    }
+    for (const Pair& p : {Pair{"abc", "ab"}, Pair{"ab", "abc"}, Pair{"a", ""}, Pair{"abc", "a*d"},
+                          Pair{"example.com", "*.example.com"}, Pair{"xaybz", "*a*b*c"}}) {
+        EXPECT_FALSE(compareWithWildStr(p.first, p.second)) << p.first << " ~ " << p.second;
+    }
+}
+
+// Doubled or missing separators between folder and file name.
+TEST(GlobalUtilsPaths, ConcatenatePathUsesOneSeparator) {
+    EXPECT_EQ(ConcatenatePath("/opt/x", "SWGConfig.json", "/"), "/opt/x/SWGConfig.json");
+    EXPECT_EQ(ConcatenatePath("/opt/x//", "/a", "/"), "/opt/x/a");
+    EXPECT_EQ(ConcatenatePath("", "a", "/"), "a");
+    EXPECT_EQ(ConcatenatePath("d", "", "/"), "d");
+    EXPECT_EQ(ConcatenatePath("d", "n", "::"), "d::n");
 }
 
 // The data root ignoring SWG_DATA_ROOT, or taking an empty one; the program's directory
@@ -44,6 +89,21 @@ TEST(GlobalUtilsPaths, DataRootAndProgramDirectory) {
     EXPECT_FALSE(DoesFileExist(dir + "/no-such-file.json"));
 }
 
+// HexEncode and HexDecode not inverse, lower-case output, or a bad input half decoded.
+TEST(GlobalUtilsHex, EncodeAndDecodeAreInverse) {
+    const unsigned char data[] = {0x00, 0x1F, 0xA0, 0xFF};
+    std::unique_ptr<char[]> text(HexEncode(data, 4));
+    ASSERT_NE(text, nullptr);
+    EXPECT_STREQ(text.get(), "001FA0FF");
+    std::vector<unsigned char> back;
+    EXPECT_TRUE(HexDecode(reinterpret_cast<const unsigned char*>("001fA0Ff"), 8, back));
+    EXPECT_EQ(back, std::vector<unsigned char>(data, data + 4));
+    EXPECT_EQ(HexEncode(nullptr, 4), nullptr);
+    EXPECT_FALSE(HexDecode(reinterpret_cast<const unsigned char*>("ABC"), 3, back));
+    EXPECT_TRUE(back.empty());
+    EXPECT_FALSE(HexDecode(reinterpret_cast<const unsigned char*>("0z"), 2, back));
+}
+
 // 0.0.0.0 or 255.255.255.255 taken as an address, short forms refused, or a value left
 // behind on refusal.
 TEST(GlobalUtilsAddresses, IsIPAddressFollowsInetAddr) {
@@ -65,6 +125,50 @@ TEST(GlobalUtilsAddresses, IsIPAddressFollowsInetAddr) {
         EXPECT_EQ(IsIPAddress(c.text, &value), c.ok) << c.text;
         EXPECT_EQ(value, c.value) << c.text;
     }
+}
+
+// A literal of one family taken for the other, brackets accepted, or the any addresses
+// refused where they are allowed.
+TEST(GlobalUtilsAddresses, LiteralChecksByFamily) {
+    struct Case {
+        const char* text;
+        bool v6;
+        bool v4orV6;
+        bool validOrAny;
+    } cases[] = {
+        {"::1", true, true, true},
+        {"::", true, true, true},
+        {"::ffff:10.0.0.0", true, true, true},
+        {"[::1]", false, false, false},
+        {"10.0.0.0", false, true, true},
+        {"0.0.0.0", false, true, true},
+        {"255.255.255.255", false, true, false},
+        {"1", false, false, true},
+        {"example.com", false, false, false},
+        {"1.2.3.4.5", false, false, false},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(IsIPv6Address(c.text), c.v6) << c.text;
+        EXPECT_EQ(IsIPv4orIPv6Address(c.text), c.v4orV6) << c.text;
+        EXPECT_EQ(IsValidOrAnyIPAddress(c.text), c.validOrAny) << c.text;
+    }
+}
+
+// A socket address read as the wrong family, or the port written into the text.
+TEST(GlobalUtilsAddresses, SocketAddressToText) {
+    sockaddr_in sin{};
+    sin.sin_family = AF_INET;
+    sin.sin_port = htons(443);
+    ASSERT_EQ(inet_pton(AF_INET, "198.18.0.7", &sin.sin_addr), 1);
+    EXPECT_EQ(SockaddrToAddress(reinterpret_cast<sockaddr*>(&sin)), "198.18.0.7");
+    sockaddr_in6 sin6{};
+    sin6.sin6_family = AF_INET6;
+    ASSERT_EQ(inet_pton(AF_INET6, "2001:db8:0:0::1", &sin6.sin6_addr), 1);
+    EXPECT_EQ(SockaddrToAddress(reinterpret_cast<sockaddr*>(&sin6)), "2001:db8::1");
+    sockaddr_un sun{};
+    sun.sun_family = AF_UNIX;
+    EXPECT_EQ(SockaddrToAddress(reinterpret_cast<sockaddr*>(&sun)), "");
+    EXPECT_EQ(SockaddrToAddress(nullptr), "");
 }
 
 // A status code read past the 20-byte window or the given length, or a missing code not
@@ -115,6 +219,22 @@ TEST(GlobalUtilsHttp, HostAndRequestFromUrl) {
         EXPECT_EQ(host, c.host) << c.url;
         EXPECT_EQ(request, c.request) << c.url;
     }
+}
+
+// A captive portal domain that keeps case, scheme, www, port, path or query; an ETag
+// header missed in another case or found inside another header's name.
+TEST(GlobalUtilsHttp, DomainFromUrlAndEtag) {
+    EXPECT_EQ(ExtractDomainFromUrl("HTTP://WWW.Portal.Example:8080/login?x=1"), "portal.example");
+    EXPECT_EQ(ExtractDomainFromUrl("https://portal.example?next=http://www.x"), "portal.example");
+    EXPECT_EQ(ExtractDomainFromUrl("/relative/path"), "");
+
+    std::string etag = "stale";
+    EXPECT_TRUE(GetEtagFromHTTPHeaders("HTTP/1.1 200 OK\r\nETag: \"abc\"\r\n\r\n", etag));
+    EXPECT_EQ(etag, "\"abc\"");
+    EXPECT_TRUE(GetEtagFromHTTPHeaders("HTTP/1.1 304 Not Modified\nETAG:W/\"v2\"\n", etag));
+    EXPECT_EQ(etag, "W/\"v2\"");
+    EXPECT_FALSE(GetEtagFromHTTPHeaders("HTTP/1.1 200 OK\r\nX-ETag: 1\r\n\r\n", etag));
+    EXPECT_EQ(etag, "");
 }
 
 // A bounded copy that overruns, leaves the destination unterminated or half written, or

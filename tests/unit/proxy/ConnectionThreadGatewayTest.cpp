@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <chrono>
+#include <cstring>
 #include <deque>
 #include <ostream>
 #include <string>
@@ -228,6 +229,31 @@ protected:
     swg_test::RecordingTrace m_trace;
     CDnConnectionThread m_thread;
 };
+
+
+// The IPv6 pick copies 16 bytes from byte `index` of the list, not from entry `index`: with
+// three addresses, index 1 takes bytes 1..16, which run into the second address. A literal is
+// taken as it stands and moves no counter.
+TEST_F(GatewayAddressTest, IPv6PickStartsAtTheByteIndex) {
+    std::vector<unsigned char> list(48);
+    for (std::size_t i = 0; i < list.size(); ++i) list[i] = static_cast<unsigned char>(i);
+    g_pSWGAgent->CacheResolvedIPV6List("gw6.index.test", list);
+    CDnConnectionThread::sm_usNextIPV6Index = 1;
+    std::string name = "gw6.index.test";
+    unsigned char picked[16] = {};
+    for (const std::size_t start : {1, 2, 0}) {  // index 3 % 3 = 0: the first address
+        ASSERT_TRUE(m_thread.resolveToIPV6(name, picked));
+        EXPECT_EQ(std::vector<unsigned char>(picked, picked + 16),
+                  std::vector<unsigned char>(list.begin() + start, list.begin() + start + 16));
+    }
+    std::string literal = "2001:db8::77";
+    ASSERT_TRUE(m_thread.resolveToIPV6(literal, picked));
+    in6_addr expected{};
+    ASSERT_EQ(::inet_pton(AF_INET6, "2001:db8::77", &expected), 1);
+    EXPECT_EQ(std::memcmp(picked, &expected, 16), 0);
+    EXPECT_EQ(CDnConnectionThread::sm_usNextIPV6Index.load(), 4);
+}
+
 
 // IPv4 picks go round the list and the shared 16-bit counter wraps to 0; an IPv4 literal is the
 // address, an IPv6 one sends the caller to the anycast fallback.
