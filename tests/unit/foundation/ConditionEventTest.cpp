@@ -41,14 +41,15 @@ bool Ready(std::future<Result>& f) {
 }
 
 // An automatic-reset event left set lets the next waiter through without a signal; a
-// manual-reset one cleared by its first wait leaves the other waiters asleep.
-TEST(ConditionEventTest, ResetModes) {
-    condition_event automatic(true), manual(false);
+// manual-reset one cleared by its first wait leaves the other waiters asleep; a one-shot
+// signal given while nobody sleeps is lost; a timed-out wait invents a signal or returns
+// early, or a deadline that is not an ordinary time is waited for.
+TEST(ConditionEventTest, ResetModesAndTimedWaits) {
+    condition_event automatic(true), manual(false), oneShot(false);
     automatic.notify();
     manual.notify();
     EXPECT_TRUE(automatic.is_signal_one());
     EXPECT_TRUE(manual.is_signal_all());
-
     EXPECT_TRUE(automatic.timed_wait(InMs(0)));
     EXPECT_FALSE(automatic.timed_wait(InMs(0)));
     EXPECT_TRUE(manual.timed_wait(InMs(0)));
@@ -56,28 +57,18 @@ TEST(ConditionEventTest, ResetModes) {
     EXPECT_TRUE(manual.is_signal_all());
     manual.reset();
     EXPECT_FALSE(manual.timed_wait(InMs(0)));
-}
 
-// A one-shot signal given while nobody sleeps must not be lost: the next wait takes it.
-TEST(ConditionEventTest, NotifyOneWithoutSleeperLeavesSignalOneSet) {
-    condition_event event(false);
-    event.notify_one();
-    EXPECT_TRUE(event.is_signal_one());
-    event.wait();  // would hang if the signal had been dropped
-    EXPECT_TRUE(event.is_signal_one());
-}
+    oneShot.notify_one();
+    EXPECT_TRUE(oneShot.is_signal_one());
+    oneShot.wait();  // would hang if the signal had been dropped
 
-// A timed-out wait must neither invent a signal nor return early; deadlines that are not
-// ordinary times count as passed.
-TEST(ConditionEventTest, TimedOutWaitLeavesFlagsClear) {
-    condition_event event(true);
     const auto before = std::chrono::steady_clock::now();
-    EXPECT_FALSE(event.timed_wait(InMs(30)));
+    EXPECT_FALSE(automatic.timed_wait(InMs(30)));
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(25));
-    EXPECT_FALSE(event.is_signal_one());
-    EXPECT_FALSE(event.is_signal_all());
-    EXPECT_FALSE(event.timed_wait(ptime(boost::posix_time::not_a_date_time)));
-    EXPECT_FALSE(event.timed_wait(ptime(boost::posix_time::neg_infin)));
+    EXPECT_FALSE(automatic.is_signal_one());
+    EXPECT_FALSE(automatic.is_signal_all());
+    EXPECT_FALSE(automatic.timed_wait(ptime(boost::posix_time::not_a_date_time)));
+    EXPECT_FALSE(automatic.timed_wait(ptime(boost::posix_time::neg_infin)));
 }
 
 // notify_all must wake every kind of sleeper, long before a finite deadline and with none.
@@ -141,18 +132,6 @@ TEST(ConditionEventTest, GroupsTakeTurnsOnNotifyOne) {
     EXPECT_EQ(g3.last_signaller(), &member);
 }
 
-// Timeout 0 must poll and a finite timeout must really wait; both give the timeout code and
-// leave no subscription behind.
-TEST(WaitForMultipleObjectsTest, TimeoutWithNothingSignalled) {
-    condition_event a(true), b(false);
-    EXPECT_EQ(Wait({&a, &b}, false, 0), WAIT_TIMEOUT_CODE);
-    const auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(Wait({&a, &b}, false, 30), WAIT_TIMEOUT_CODE);
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(25));
-    EXPECT_EQ(a.subscriber_count(), 0u);
-    EXPECT_EQ(b.subscriber_count(), 0u);
-}
-
 // With several entries signalled the lowest index must win; an automatic-reset event
 // reported is consumed, the others keep their signal, a manual one is reported until reset,
 // and a null entry counts as signalled after any lower entry that really is.
@@ -179,10 +158,17 @@ TEST(WaitForMultipleObjectsTest, AnyOfGivesTheLowestIndexAndLeavesTheOthers) {
     EXPECT_FALSE(first.is_signal_one());
 }
 
-// A signal arriving during the wait must end it with that entry's index, consume it, and
-// the group must be gone from every member afterwards.
-TEST(WaitForMultipleObjectsTest, AnyOfWakesOnSignalDuringTheWait) {
+// Timeout 0 must poll and a finite timeout must really wait, both giving the timeout code; a
+// signal arriving during the wait must end it with that entry's index and consume it; the
+// group must be gone from every member afterwards.
+TEST(WaitForMultipleObjectsTest, AnyOfTimesOutOrWakesOnSignalDuringTheWait) {
     condition_event a(true), b(true);
+    EXPECT_EQ(Wait({&a, &b}, false, 0), WAIT_TIMEOUT_CODE);
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(Wait({&a, &b}, false, 30), WAIT_TIMEOUT_CODE);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(25));
+    EXPECT_EQ(b.subscriber_count(), 0u);
+
     auto waiter = std::async(std::launch::async, [&] { return Wait({&a, &b}, false, kGuardMs); });
     ASSERT_TRUE(WaitUntil([&] { return b.subscriber_count() == 1; }));
     b.notify();
@@ -194,47 +180,43 @@ TEST(WaitForMultipleObjectsTest, AnyOfWakesOnSignalDuringTheWait) {
 }
 
 // A wake-up of the group that no member caused finds nothing and must read as a timeout,
-// even without a time limit.
-TEST(WaitForMultipleObjectsTest, EmptyWakeUpReadsAsTimeoutEvenWhenInfinite) {
+// even without a time limit; when a competing waiter took the flag of the member that woke
+// the group, the member is still reported through the group's last signaller.
+TEST(WaitForMultipleObjectsTest, EmptyWakeUpIsATimeoutButTheLastSignallerCounts) {
     condition_event a(true), b(false), group(false);
     group.notify_all();
     std::vector<condition_event*> events{&a, &b};
     EXPECT_EQ(condition_event_group::WaitWithGroup(group, 2, events.data(), false, WAIT_INFINITE),
               WAIT_TIMEOUT_CODE);
     EXPECT_EQ(a.subscriber_count(), 0u);
-}
 
-// When a competing waiter took the flag of the member that woke the group, the member is
-// still reported through the group's last signaller.
-TEST(WaitForMultipleObjectsTest, LastSignallerCountsWhenAnotherWaiterTookTheFlag) {
-    condition_event quiet(true), member(true), group(false);
-    member.subscribe(&group);
+    condition_event member(true), wakes(false);
+    member.subscribe(&wakes);
     member.notify_one();  // wakes the group...
     member.reset();       // ...and a competitor takes the flag first
-    member.unsubscribe(&group);
-    std::vector<condition_event*> events{&quiet, &member};
-    EXPECT_EQ(condition_event_group::WaitWithGroup(group, 2, events.data(), false, 0), 1);
+    member.unsubscribe(&wakes);
+    events = {&a, &member};
+    EXPECT_EQ(condition_event_group::WaitWithGroup(wakes, 2, events.data(), false, 0), 1);
 }
 
 // The all-of wait sleeps before it looks: events already signalled on entry are not enough
-// without a wake-up during the call; manual-reset events are left set.
-TEST(WaitForMultipleObjectsTest, AllOfSeesEarlierSignalsOnlyAfterAWakeUp) {
-    condition_event a(false), b(false);
-    a.notify();
-    b.notify();
-    EXPECT_EQ(Wait({&a, &b}, true, 30), WAIT_TIMEOUT_CODE);
-
-    auto waiter = std::async(std::launch::async, [&] { return Wait({&a, &b}, true, kGuardMs); });
-    ASSERT_TRUE(WaitUntil([&] { return a.subscriber_count() == 1; }));
-    a.notify();  // the wake-up: both are found signalled
-    ASSERT_TRUE(Ready(waiter));
-    EXPECT_EQ(waiter.get(), 0);
-    EXPECT_TRUE(a.is_signal_all());
-}
-
-// All-of must return only when every entry has been seen, collecting them over wake-ups,
-// and consume the automatic-reset ones.
-TEST(WaitForMultipleObjectsTest, AllOfReturnsOnlyWhenEveryEventFired) {
+// without a wake-up during the call (manual-reset events are left set). It must return only
+// when every entry has been seen, collecting them over wake-ups, and consume the
+// automatic-reset ones.
+TEST(WaitForMultipleObjectsTest, AllOfWaitsForAWakeUpAndEveryEvent) {
+    {
+        condition_event a(false), b(false);
+        a.notify();
+        b.notify();
+        EXPECT_EQ(Wait({&a, &b}, true, 30), WAIT_TIMEOUT_CODE);
+        auto waiter =
+            std::async(std::launch::async, [&] { return Wait({&a, &b}, true, kGuardMs); });
+        ASSERT_TRUE(WaitUntil([&] { return a.subscriber_count() == 1; }));
+        a.notify();  // the wake-up: both are found signalled
+        ASSERT_TRUE(Ready(waiter));
+        EXPECT_EQ(waiter.get(), 0);
+        EXPECT_TRUE(a.is_signal_all());
+    }
     condition_event a(true), b(true);
     std::atomic<bool> returned{false};
     auto waiter = std::async(std::launch::async, [&] {

@@ -12,7 +12,6 @@
 #include <thread>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/thread/exceptions.hpp>
 
 #include "ThreadTestSupport.h"
 #include "foundation/DnEventThread.h"
@@ -109,35 +108,16 @@ TEST(DnThreadTest, StartRunsTheBodyOnceAndTimedWaitGivesUpWhileItRuns) {
 // Runs the given body as its thread procedure.
 class BodyThread : public CDnThread {
 public:
-    explicit BodyThread(std::function<void(CDnThread&)> body) : m_body(std::move(body)) {}
+    explicit BodyThread(std::function<void()> body) : m_body(std::move(body)) {}
     ~BodyThread() override { Wait(); }
     long ActualThreadProc(void*) override {
-        m_body(*this);
+        m_body();
         return 0;
     }
 
 private:
-    std::function<void(CDnThread&)> m_body;
+    std::function<void()> m_body;
 };
-
-// A thread that waits for itself hanging instead of getting the boost error, from either Wait.
-TEST(DnThreadTest, WaitOnItselfRaisesTheBoostError) {
-    std::string errors;
-    BodyThread thread([&errors](CDnThread& self) {
-        for (const bool timed : {false, true}) {
-            try {
-                timed ? self.Wait(5) : self.Wait();
-            } catch (const boost::thread_resource_error& e) {
-                errors += std::string(e.what()) + "\n";
-            }
-        }
-    });
-    thread.StartThread();
-    ASSERT_EQ(thread.Wait(kGuardMs), 0);
-    const std::string line = "boost thread: trying joining itself";
-    EXPECT_NE(errors.find(line), std::string::npos) << errors;
-    EXPECT_NE(errors.find(line, errors.find(line) + 1), std::string::npos) << errors;
-}
 
 // Deinitialize and the destructor of a killed, running thread must join it before they
 // return; otherwise the thread outlives its object.
@@ -164,7 +144,7 @@ TEST(DnThreadTest, DeinitializeAndDestructorJoinAKilledThread) {
 TEST(DnThreadTest, EscapedExceptionEndsTheThreadAndIsLogged) {
     RecordingTrace trace;
     bool throwCode = false;
-    BodyThread thread([&throwCode](CDnThread&) {
+    BodyThread thread([&throwCode] {
         if (throwCode) throw 0x80004005u;
         throw std::runtime_error("boom");
     });
@@ -200,27 +180,24 @@ private:
     const int m_stopAfter;
 };
 
-// The timer must tick until ProcessTick says stop, then end on its own with its log line.
-TEST(DnTimerThreadTest, TicksUntilProcessTickReturnsFalse) {
+// The timer must tick until ProcessTick says stop, then end on its own with its log line;
+// Kill must wake a timer that sleeps through a long period at once, without a tick.
+TEST(DnTimerThreadTest, EndsWhenProcessTickSaysStopOrOnKill) {
     RecordingTrace trace;
-    CountingTimer timer(3, 5);
-    timer.StartThread();
-    ASSERT_EQ(timer.Wait(kGuardMs), 0);
-    EXPECT_EQ(timer.ticks, 3);
-    EXPECT_FALSE(timer.m_isRunning);
+    CountingTimer ending(3, 5);
+    ending.StartThread();
+    ASSERT_EQ(ending.Wait(kGuardMs), 0);
+    EXPECT_EQ(ending.ticks, 3);
+    EXPECT_FALSE(ending.m_isRunning);
     EXPECT_EQ(trace.Count(THREAD, "Thread : (TimerThread)Main thread exits"), 1);
     EXPECT_EQ(trace.Count(THREAD, "Thread : (TimerThread)Exit event signalled"), 0);
-}
 
-// Kill must wake a timer that sleeps through a long period at once, without a tick.
-TEST(DnTimerThreadTest, KillAndWaitEndTheTimerWithoutATick) {
-    RecordingTrace trace;
-    CountingTimer timer(0, 60000);
-    timer.StartThread();
-    ASSERT_TRUE(WaitUntil([&] { return timer.exit_event.subscriber_count() == 1; }));
-    timer.Kill();
-    EXPECT_EQ(timer.Wait(kGuardMs), 0);
-    EXPECT_EQ(timer.ticks, 0);
+    CountingTimer sleeping(0, 60000);
+    sleeping.StartThread();
+    ASSERT_TRUE(WaitUntil([&] { return sleeping.exit_event.subscriber_count() == 1; }));
+    sleeping.Kill();
+    EXPECT_EQ(sleeping.Wait(kGuardMs), 0);
+    EXPECT_EQ(sleeping.ticks, 0);
     EXPECT_EQ(trace.Count(THREAD, "Thread : (TimerThread)Exit event signalled"), 1);
 }
 

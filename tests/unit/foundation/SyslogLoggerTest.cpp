@@ -89,19 +89,4 @@ TEST(SyslogLoggerTest, AppLogWithoutALoggerOfItsOwnWritesToSyslog) {
     EXPECT_NE(lines[0].text.find(" Function: Fn File: f.cpp Line: 5 broke 3"), std::string::npos);
 }
 
-// The logger opening syslog without LOG_PERROR under SWG_LOG_STDERR=1.
-TEST(SyslogLoggerTest, PiecesReachStandardErrorWithTheStderrOption) {
-    int exitCode = -1;
-    const std::string output = swg_test::StderrOfChild(
-        [] {
-            CSyslogLogger logger("category");
-            const std::string text = std::string(1000, 'a') + "tail";
-            logger.Log(3, text.c_str(), "MID_UNKNOWN", 0, 'T');
-        },
-        exitCode);
-    EXPECT_EQ(exitCode, 0);
-    EXPECT_NE(output.find(std::string(1000, 'a') + " -->"), std::string::npos) << output;
-    EXPECT_NE(output.find("<-- tail"), std::string::npos) << output;
-}
-
 }  // namespace

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Helpers for the thread and event tests: polling with a hang guard, and a trace that records.
+// Helpers for the thread, event and locale tests: polling with a hang guard, a trace that
+// records, and a guard for the locale variables.
 #pragma once
 
 #include <chrono>
+#include <cstdlib>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -41,6 +44,27 @@ public:
         }
         return n;
     }
+};
+
+// Clears the locale variables and the data path, and puts them back as found.
+class ScopedLocaleEnvironment {
+public:
+    ScopedLocaleEnvironment() {
+        for (const char* name : kNames) {
+            if (const char* value = std::getenv(name)) m_saved[name] = value;
+            ::unsetenv(name);
+        }
+    }
+    ~ScopedLocaleEnvironment() {
+        for (const char* name : kNames) ::unsetenv(name);
+        for (const auto& entry : m_saved) ::setenv(entry.first.c_str(), entry.second.c_str(), 1);
+    }
+    ScopedLocaleEnvironment(const ScopedLocaleEnvironment&) = delete;
+    ScopedLocaleEnvironment& operator=(const ScopedLocaleEnvironment&) = delete;
+
+private:
+    static constexpr const char* kNames[] = {"LC_ALL", "LC_MESSAGES", "LANG", "SWG_DATA_ROOT"};
+    std::map<std::string, std::string> m_saved;
 };
 
 }  // namespace swg_test

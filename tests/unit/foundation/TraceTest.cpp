@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "foundation/SSFileTrace.h"
+#include "foundation/SyslogLogger.h"
 #include "foundation/Trace.h"
 #include "support/SyslogCapture.h"
 
@@ -46,21 +47,16 @@ TEST_F(TraceTest, WritesExactlyTheLevelsOnInTheMask) {
     }
 }
 
-// A default mask that drops HEADER or lets the chatty THREAD and IPC levels through.
-TEST_F(TraceTest, DefaultMaskWritesHeaderButNotThreadOrIpc) {
+// A default mask that drops HEADER or lets the chatty THREAD and IPC levels through, or
+// arguments of a line that is off computed anyway (their cost is paid on every call).
+TEST_F(TraceTest, DefaultMaskWritesHeaderAndSkipsTheArgumentsOfLinesThatAreOff) {
     DNTRACE(HEADER, "header line");
     DNTRACE(THREAD, "thread line");
-    DNTRACE(IPC, "ipc line");
-    const auto lines = m_capture.Lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].text, "header line\n");
-}
-
-// Arguments of a line that is off computed anyway (their cost is paid on every call).
-TEST_F(TraceTest, ArgumentsOfALineThatIsOffAreNotEvaluated) {
     DNTRACE(IPC, "count %d", CountEvaluation());
     DNTRACE(TRACE_OFF, "count %d", CountEvaluation());
     EXPECT_EQ(g_evaluations, 0);
+    ASSERT_EQ(m_capture.Lines().size(), 1u);
+    EXPECT_EQ(m_capture.Lines()[0].text, "header line\n");
     m_trace.ChangeDebugLevel(TRACE_MASK_DEBUG);
     DNTRACE(IPC, "count %d", CountEvaluation());
     DNTRACE(TRACE_OFF, "count %d", CountEvaluation());
@@ -143,7 +139,7 @@ TEST_F(TraceTest, ConcurrentLinesKeepTheirOwnPriority) {
 }
 
 // SWG_LOG_STDERR=1 not reaching the real syslog call as LOG_PERROR, with or without a trace
-// object.
+// object, or not reaching the application log's syslog writer.
 TEST(TraceToStderr, ChildWithStderrOptionEchoesItsLines) {
     int exitCode = -1;
     const std::string output = swg_test::StderrOfChild(
@@ -156,6 +152,9 @@ TEST(TraceToStderr, ChildWithStderrOptionEchoesItsLines) {
             g_pTraceObject = trace;
             DNTRACE(WARN, "child warning %s", "w");
             DNTRACE(IPC, "child ipc off");
+            CSyslogLogger logger("category");
+            const std::string text = std::string(1000, 'a') + "tail";
+            logger.Log(3, text.c_str(), "MID_UNKNOWN", 0, 'T');
         },
         exitCode);
     EXPECT_EQ(exitCode, 0);
@@ -163,6 +162,8 @@ TEST(TraceToStderr, ChildWithStderrOptionEchoesItsLines) {
     EXPECT_NE(output.find("child warning w"), std::string::npos) << output;
     EXPECT_EQ(output.find("child ipc off"), std::string::npos) << output;
     EXPECT_NE(output.find("tsc_swgagent"), std::string::npos) << output;
+    EXPECT_NE(output.find(std::string(1000, 'a') + " -->"), std::string::npos) << output;
+    EXPECT_NE(output.find("<-- tail"), std::string::npos) << output;
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 
 #include <chrono>
-#include <map>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -27,22 +26,11 @@ using Reason = CDnConnectionThread::CONN_FAILURE_REASON;
 // forgotten on both sides of the test.
 class ScopedLocale {
 public:
-    ScopedLocale() {
-        for (const char* name : kVariables) {
-            if (const char* value = ::getenv(name)) m_saved[name] = value;
-            ::unsetenv(name);
-        }
-        MsgCatalog::Uninitialize();
-    }
-    ~ScopedLocale() {
-        for (const char* name : kVariables) ::unsetenv(name);
-        for (const auto& entry : m_saved) ::setenv(entry.first.c_str(), entry.second.c_str(), 1);
-        MsgCatalog::Uninitialize();
-    }
+    ScopedLocale() { MsgCatalog::Uninitialize(); }
+    ~ScopedLocale() { MsgCatalog::Uninitialize(); }
 
 private:
-    static constexpr const char* kVariables[] = {"LC_ALL", "LC_MESSAGES", "LANG", "SWG_DATA_ROOT"};
-    std::map<std::string, std::string> m_saved;
+    swg_test::ScopedLocaleEnvironment m_environment;
 };
 
 // A connection thread (never started) whose local side is the test's client over a

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -94,16 +93,7 @@ TEST_P(ListenThreadTest, HandsEachAcceptedConnectionToAWorker) {
     EXPECT_LT(Clock::now() - start, 1s);
 }
 
-class ListenThreadLimitTest : public ListenThreadTest {
-protected:
-    void SetUp() override { ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &m_saved), 0); }
-    void TearDown() override {
-        m_fillers.clear();
-        ::setrlimit(RLIMIT_NOFILE, &m_saved);
-        ListenThreadTest::TearDown();
-    }
-    rlimit m_saved{};
-};
+using ListenThreadLimitTest = ListenThreadTest;
 
 INSTANTIATE_TEST_SUITE_P(Families, ListenThreadLimitTest, ::testing::Values(AF_INET));
 
@@ -137,33 +127,6 @@ TEST_P(ListenThreadLimitTest, RunningOutOfDescriptorsPausesAcceptAndRecovers) {
     ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 3, echoed, 5s));
     EXPECT_EQ(echoed, "ok\n");
     // The worker secured before the failures served it; one more waits for the next.
-    EXPECT_EQ(m_listener->m_ConnectionThreadPool.ActiveCount(), 2u);
-}
-
-// A descriptor beyond the relay's sets could never be served: it is closed at once, and the
-// worker secured for it serves a later connection.
-TEST_P(ListenThreadLimitTest, AcceptedDescriptorBeyondTheSelectLimitIsRefused) {
-    rlimit raised = m_saved;
-    raised.rlim_cur = std::min<rlim_t>(m_saved.rlim_max, 8400);
-    if (raised.rlim_cur < 8300) GTEST_SKIP() << "hard descriptor limit below 8300";
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
-    swg_test::TestServer server(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
-    ASSERT_TRUE(StartListener(AF_INET, 8192));
-
-    UniqueFd refused = swg_test::ConnectTo(ListenerAddress(AF_INET));
-    ASSERT_NE(refused.Get(), -1);
-    std::string received;
-    EXPECT_FALSE(swg_test::ReadExactly(refused.Get(), 1, received, 2s));
-
-    m_fillers.clear();
-    // An accept that was already waiting may hold a number above the limit: its connection
-    // goes the same way, and a later one is served.
-    bool served = false;
-    for (int attempt = 0; attempt < 3 && !served; ++attempt)
-        served = RoundTrip(AF_INET, server.Address(), "after\n");
-    EXPECT_TRUE(served);
-    EXPECT_EQ(m_trace.Count(LISTEN, "Listener : Connection started"), 1);
-    // Refusals cost no worker: the one that served and the one secured for the next.
     EXPECT_EQ(m_listener->m_ConnectionThreadPool.ActiveCount(), 2u);
 }
 

@@ -2,7 +2,9 @@
 // The relay end to end: a client and a server over loopback TCP, CSocketPair between them.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <pthread.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -16,6 +18,7 @@
 #include "proxy/DnSocket.h"
 #include "proxy/SocketPair.h"
 #include "support/SocketPeers.h"
+#include "unit/foundation/ThreadTestSupport.h"
 
 namespace {
 
@@ -54,6 +57,8 @@ protected:
 
     void StartRelay() {
         m_relay = std::async(std::launch::async, [this] {
+            ::pthread_getcpuclockid(::pthread_self(), &m_relayClock);
+            m_relayStarted = true;
             boost::function<bool()> callback = [this] {
                 ++m_callbacks;
                 return true;
@@ -96,6 +101,8 @@ protected:
     std::atomic<bool> m_exit{false};
     std::atomic<int> m_callbacks{0};
     std::future<int> m_relay;
+    std::atomic<bool> m_relayStarted{false};
+    clockid_t m_relayClock{};
     rlimit m_savedLimit{};
 };
 
@@ -219,6 +226,24 @@ TEST_F(SocketPairTest, ExitFlagEndsIdleRelayWithinASecond) {
     m_exit = true;
     EXPECT_EQ(RelayResult(1500ms), SWG_SOCKET_TIMEOUT);
     EXPECT_LT(Clock::now() - asked, 1500ms);
+}
+
+// A direction whose buffers are all full must drop its read interest; otherwise the waiting
+// bytes make every select return at once and the relay spins.
+TEST_F(SocketPairTest, FullDirectionDoesNotSpin) {
+    StartRelay();
+    ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
+    std::thread writer([&] { (void)WriteAll(m_client.Get(), PatternBytes(16 << 20, 9), 900ms); });
+    std::this_thread::sleep_for(400ms);  // the server reads nothing: both buffers fill
+    timespec before{};
+    timespec after{};
+    ASSERT_EQ(::clock_gettime(m_relayClock, &before), 0);
+    std::this_thread::sleep_for(400ms);
+    ASSERT_EQ(::clock_gettime(m_relayClock, &after), 0);
+    writer.join();
+    const long busyUs =
+        (after.tv_sec - before.tv_sec) * 1000000L + (after.tv_nsec - before.tv_nsec) / 1000;
+    EXPECT_LT(busyUs, 100000) << "the relay used the CPU while nothing could move";
 }
 
 // A descriptor of 8192 or more must never be entered in the sets, so that side is never served.

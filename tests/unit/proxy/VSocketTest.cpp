@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The line buffer, line readers and waits of CDnVSocket and the sends, close and receive
-// prefix of CDnSocket, over real socketpairs.
+// The line buffer, line readers and waits of CDnVSocket and the sends, close, receive prefix
+// and connects of CDnSocket, over real socketpairs and loopback TCP.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "foundation/GlobalConst.h"
 #include "proxy/DnSocket.h"
@@ -84,15 +86,6 @@ TEST_F(VSocketTest, PeekLineCollectsLineArrivingInPiecesAndKeepsEveryByte) {
     EXPECT_EQ(Buffered(), "GET / HTTP/1.1\r\nHost: a\r\n");
 }
 
-// A client that never ends its line must not hold the sniffer past its wait, nor lose its bytes.
-TEST_F(VSocketTest, PeekLineTimesOutWithPartialLineBuffered) {
-    PeerSends("GET /partial");
-    const auto start = Clock::now();
-    EXPECT_EQ(m_sock->PeekLine(4, 60, m_exit), "GET /partial");
-    EXPECT_GE(Clock::now() - start, 50ms);
-    EXPECT_EQ(Buffered(), "GET /partial");
-}
-
 // A client streaming without a line end must not be buffered without bound; what is not
 // looked at stays in the socket, in order.
 TEST_F(VSocketTest, PeekLineStopsAt64KilobytesWithoutLineEnd) {
@@ -110,9 +103,17 @@ TEST_F(VSocketTest, PeekLineStopsAt64KilobytesWithoutLineEnd) {
     EXPECT_EQ(all, stream);
 }
 
-// A bad size and a set exit flag must consume nothing; an exit during the wait (Kill) must end
-// it long before its timeout; a closed peer gives nothing.
-TEST_F(VSocketTest, PeekLineEndsForBadSizeExitOrClosedPeer) {
+// A client that never ends its line must not hold the sniffer past its wait, nor lose its
+// bytes; a bad size and a set exit flag must consume nothing; an exit during the wait (Kill)
+// must end it long before its timeout; a closed peer gives nothing.
+TEST_F(VSocketTest, PeekLineEndsForTimeoutBadSizeExitOrClosedPeer) {
+    PeerSends("GET /partial");
+    const auto waited = Clock::now();
+    EXPECT_EQ(m_sock->PeekLine(4, 60, m_exit), "GET /partial");
+    EXPECT_GE(Clock::now() - waited, 50ms);
+    EXPECT_EQ(Buffered(), "GET /partial");
+    m_sock->ResetBuffer();
+
     PeerSends("abc\n");
     EXPECT_EQ(m_sock->PeekLine(0, 100, m_exit), "");
     m_exit = true;
@@ -190,20 +191,6 @@ TEST_F(VSocketTest, ReceiveHeadersStopsAtEmptyLineAndLeavesBody) {
     EXPECT_EQ(cut, "HTTP/1.1 200 OK\r\nA");
 }
 
-// A peer that closed without sending must look like a silent one (no data, no error), and a
-// failed FIONREAD must be its errno.
-TEST_F(VSocketTest, IsDataAvailableReportsClosedPeerAsNoDataNoError) {
-    unsigned long readable = 99;
-    int error = -1;
-    m_peer.Reset();
-    EXPECT_FALSE(m_sock->IsDataAvailable(readable, &error));
-    EXPECT_EQ(readable, 0u);
-    EXPECT_EQ(error, 0);
-    ASSERT_EQ(m_sock->CloseSocket(), 0);
-    EXPECT_FALSE(m_sock->IsDataAvailable(readable, &error));
-    EXPECT_EQ(error, EBADF);
-}
-
 // ---- CDnSocket ----------------------------------------------------------------------------
 
 using DnSocketTest = VSocketTest;
@@ -263,9 +250,10 @@ TEST_F(DnSocketTest, RecvServesThePrefixBeforeTheDescriptorAndNeverMixesThem) {
 
 // ---- waits -------------------------------------------------------------------------------
 
-// Out-of-range descriptors and modes must be refused before they reach a select set; readiness,
-// timeout and a select failure must each give their own result.
-TEST(IsSocketAvailableTest, RefusesBadInputAndReportsEachOutcome) {
+// Out-of-range descriptors and modes must be refused before they reach a select set;
+// readiness, timeout and a select failure must each give their own result, also on
+// descriptors above FD_SETSIZE up to 8191, where glibc's fd_set would overflow.
+TEST(IsSocketAvailableTest, RefusesBadInputAndServesDescriptorsUpTo8191) {
     int fds[2] = {-1, -1};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
     UniqueFd a(fds[0]);
@@ -274,36 +262,93 @@ TEST(IsSocketAvailableTest, RefusesBadInputAndReportsEachOutcome) {
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(8192, 1, 0, 0), kInvalidArg);
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 0, 0, 0), kInvalidArg);
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 3, 0, 0), kInvalidArg);
-    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 1, 0, 20000), SWG_SOCKET_TIMEOUT);
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 2, 0, 20000), 0);
     const int closed = ::dup(a.Get());
     ::close(closed);
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(closed, 1, 0, 1000), EBADF);
-}
 
-// Descriptors above FD_SETSIZE must work up to 8191: glibc's fd_set would overflow there.
-TEST(IsSocketAvailableTest, ServesDescriptorsAbove1023UpTo8191) {
     rlimit saved{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     rlimit raised = saved;
     raised.rlim_cur = std::max<rlim_t>(raised.rlim_cur, 8192);
     raised.rlim_max = std::max(raised.rlim_max, raised.rlim_cur);
     if (::setrlimit(RLIMIT_NOFILE, &raised) != 0) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE";
-    int fds[2] = {-1, -1};
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    UniqueFd a(fds[0]);
-    UniqueFd b(fds[1]);
-    for (const int high : {2000, 8191}) {
-        SCOPED_TRACE(high);
-        UniqueFd moved(::dup2(a.Get(), high));
-        ASSERT_EQ(moved.Get(), high);
-        EXPECT_EQ(CDnVSocket::IsSocketAvailable(high, 1, 0, 20000), SWG_SOCKET_TIMEOUT);
+    for (const int fd : {a.Get(), 2000, 8191}) {
+        SCOPED_TRACE(fd);
+        UniqueFd moved(fd == a.Get() ? -1 : ::dup2(a.Get(), fd));
+        EXPECT_EQ(CDnVSocket::IsSocketAvailable(fd, 1, 0, 20000), SWG_SOCKET_TIMEOUT);
         ASSERT_TRUE(swg_test::WriteAll(b.Get(), "x", 1s));
-        EXPECT_EQ(CDnVSocket::IsSocketAvailable(high, 1, 1, 0), 0);
+        EXPECT_EQ(CDnVSocket::IsSocketAvailable(fd, 1, 1, 0), 0);
         char byte = 0;
-        ASSERT_EQ(::recv(high, &byte, 1, 0), 1);
+        ASSERT_EQ(::recv(fd, &byte, 1, 0), 1);
     }
     ::setrlimit(RLIMIT_NOFILE, &saved);
+}
+
+// ---- connects ----------------------------------------------------------------------------
+
+// Restores the process-wide connect timeout that a test changed.
+class ConnectTest : public ::testing::TestWithParam<int> {
+protected:
+    void TearDown() override { CDnVSocket::m_dwTimeout = 0; }
+
+    int Family() const { return GetParam(); }
+
+    // Fills the accept queue of a backlog-0 listener, so the next SYN is dropped and a
+    // connect to it stays pending.
+    void FillBacklog(swg_test::LoopbackListener& listener) {
+        for (int i = 0; i < 8; ++i) {
+            UniqueFd filler(::socket(Family(), SOCK_STREAM | SOCK_NONBLOCK, 0));
+            ::connect(filler.Get(), reinterpret_cast<sockaddr*>(&listener.address),
+                      listener.length);
+            const int state = CDnVSocket::IsSocketAvailable(filler.Get(), 2, 0, 200000);
+            m_fillers.push_back(std::move(filler));
+            if (state == SWG_SOCKET_TIMEOUT) return;
+        }
+        FAIL() << "accept queue never filled";
+    }
+
+    int Connect(CDnSocket& sock, swg_test::LoopbackListener& listener, long timeout) {
+        return sock.Connect(reinterpret_cast<sockaddr*>(&listener.address),
+                            static_cast<int>(listener.length), timeout);
+    }
+
+    std::vector<UniqueFd> m_fillers;
+};
+
+INSTANTIATE_TEST_SUITE_P(Families, ConnectTest, ::testing::Values(AF_INET, AF_INET6),
+                         [](const ::testing::TestParamInfo<int>& param) {
+                             return param.param == AF_INET ? "IPv4" : "IPv6";
+                         });
+
+// A timed connect must leave the socket blocking, or later blocking reads would spin on EAGAIN.
+TEST_P(ConnectTest, TimedConnectSucceedsAndRestoresBlockingMode) {
+    swg_test::LoopbackListener listener = swg_test::ListenOnLoopback(Family(), 4);
+    ASSERT_NE(listener.fd.Get(), -1);
+    CDnSocket sock(Family(), SOCK_STREAM, 0);
+    ASSERT_EQ(Connect(sock, listener, 2), 0);
+    EXPECT_EQ(::fcntl(sock.GetSocket(), F_GETFL) & O_NONBLOCK, 0);
+    std::string peer;
+    sock.GetPeerAddress(peer);
+    EXPECT_EQ(peer, Family() == AF_INET ? "127.0.0.1" : "::1");
+}
+
+// A destination that never answers must give 60 after the timeout, given or (-1) the shared
+// one, not hang or fail early.
+TEST_P(ConnectTest, TimedConnectToFullBacklogTimesOut) {
+    swg_test::LoopbackListener listener = swg_test::ListenOnLoopback(Family(), 0);
+    ASSERT_NE(listener.fd.Get(), -1);
+    FillBacklog(listener);
+    CDnVSocket::m_dwTimeout = 1;
+    for (const long timeout : {1L, -1L}) {
+        SCOPED_TRACE(timeout);
+        CDnSocket sock(Family(), SOCK_STREAM, 0);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(Connect(sock, listener, timeout), SWG_SOCKET_TIMEOUT);
+        const auto took = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(took, 900ms);
+        EXPECT_LT(took, 5s);
+    }
 }
 
 }  // namespace
