@@ -196,6 +196,17 @@ int CDnsLookupThread::LookupIp(std::string host, unsigned int timeoutMs, int /*f
 
 std::string CDnsLookupThread::LookupHostname(unsigned int address, unsigned int timeoutMs,
                                              int /*family*/, unsigned int* error) {
+    return ReverseLookup(address, timeoutMs, error);
+}
+
+std::string CDnsLookupThread::LookupHostname(unsigned char* address16, unsigned int timeoutMs,
+                                             int /*family*/, unsigned int* error) {
+    return ReverseLookup(address16, timeoutMs, error);
+}
+
+template <typename Address>
+std::string CDnsLookupThread::ReverseLookup(Address address, unsigned int timeoutMs,
+                                            unsigned int* error) {
     long poolError = 0;
     CDnLookupThread* worker = GetThreadOnce(poolError);
     if (worker == nullptr) {
@@ -203,23 +214,11 @@ std::string CDnsLookupThread::LookupHostname(unsigned int address, unsigned int 
         return std::string();
     }
     worker->Start(m_pool->PoolEvent(), address, true);
-    return ReverseLookup(*worker, timeoutMs, error);
+    return AwaitReverseLookup(*worker, timeoutMs, error);
 }
 
-std::string CDnsLookupThread::LookupHostname(unsigned char* address16, unsigned int timeoutMs,
-                                             int /*family*/, unsigned int* error) {
-    long poolError = 0;
-    CDnLookupThread* worker = GetThreadOnce(poolError);
-    if (worker == nullptr) {
-        if (error != nullptr) *error = static_cast<unsigned int>(poolError);
-        return std::string();
-    }
-    worker->Start(m_pool->PoolEvent(), address16, true);
-    return ReverseLookup(*worker, timeoutMs, error);
-}
-
-std::string CDnsLookupThread::ReverseLookup(CDnLookupThread& worker, unsigned int timeoutMs,
-                                            unsigned int* error) {
+std::string CDnsLookupThread::AwaitReverseLookup(CDnLookupThread& worker, unsigned int timeoutMs,
+                                                 unsigned int* error) {
     const auto start = std::chrono::steady_clock::now();
     const long waited = WaitForResult(worker, timeoutMs);
     const int code = worker.GetLastError();

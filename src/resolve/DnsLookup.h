@@ -96,7 +96,13 @@ private:
     CDnLookupThread* GetThreadOnce(long& error);
     // Waits for `worker`'s result event: 0 or WAIT_TIMEOUT_CODE.
     static long WaitForResult(CDnLookupThread& worker, unsigned int timeoutMs);
-    std::string ReverseLookup(CDnLookupThread& worker, unsigned int timeoutMs, unsigned int* error);
+    // Starts a reverse lookup of `address` (IPv4 in network order, or 16 IPv6 bytes) on a
+    // worker; empty with the pool's error when none is free.
+    template <typename Address>
+    std::string ReverseLookup(Address address, unsigned int timeoutMs, unsigned int* error);
+    // Waits for a started reverse lookup; the name, or empty with the code in `error`.
+    std::string AwaitReverseLookup(CDnLookupThread& worker, unsigned int timeoutMs,
+                                   unsigned int* error);
 
     // Fields in their fixed order.
     std::unique_ptr<CDnLookupThreadPool> m_pool;
