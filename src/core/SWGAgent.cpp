@@ -26,6 +26,7 @@
 #include "foundation/GlobalUtils.h"
 #include "foundation/SSFileTrace.h"
 #include "foundation/Trace.h"
+#include "upstream/PublicProxyManager.h"
 
 namespace {
 CSWGAgent g_agent;
@@ -264,7 +265,11 @@ void CSWGAgent::StopComponents() {
     m_serviceState = Stopped;
     m_stopProgress += 2;
 
-    ReleasePublicProxySettings();
+    // Gives back the reference the start took: the holder's release at the end of this
+    // function, after the listeners, takes the manager, its credentials and its key away.
+    CSmartPtrInstance<PublicProxyManager> proxyManager(
+        PublicProxyManager::AcquireSingletonInstance());
+    PublicProxyManager::ReleaseSingletonInstance(proxyManager.get());
 
     m_stopProgress += 1;
     if (m_pIPv4Listener != nullptr) {

@@ -100,6 +100,12 @@ public:
     std::string GetSWGProxyName(bool wantIPv6);
     bool GetAnycastV6Available();
 
+    // ---- system proxy --------------------------------------------------------------
+    // Accepts proxy credentials and ignores all four: the agent sends no credentials to a
+    // proxy. Any thread.
+    void SendProxyCredentials(const std::string& host, int port, const std::string& user,
+                              const std::string& password);
+
     // ---- redirector ----------------------------------------------------------------
     // Without a handle, creates one (failure: SWG_E_FAIL) and opens it, retrying OpenPlugin
     // without bound (2, 4, ... 12 s, then every 15 s). Then builds the rules of `info`,
@@ -214,8 +220,9 @@ private:
     // Steps of the start order whose components live in other areas.
     long StartCommunicator();
     long StartStatistics();
+    // Takes the reference on the proxy manager that the run keeps (StopComponents gives it
+    // back), reads the system proxy and records it in g_ProxyInfo.
     void ObtainPublicProxySettings();
-    void ReleasePublicProxySettings();
     void ReleaseHashManager();
     void StartConfigMonitor();
     void StopConfigMonitor();

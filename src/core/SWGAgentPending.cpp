@@ -41,8 +41,6 @@ long CSWGAgent::StartStatistics() { return 0; }
 void CSWGAgent::SetActiveTowerName() {}
 long CSWGAgent::StartCommunicator() { return 0; }
 
-// TODO(lead): system proxy and hash manager.
-void CSWGAgent::ObtainPublicProxySettings() {}
-void CSWGAgent::ReleasePublicProxySettings() {}
+// TODO(lead): hash manager.
 long CSWGAgent::InitializeHashManagerInterface() { return 0; }
 void CSWGAgent::ReleaseHashManager() {}

@@ -12,31 +12,10 @@
 #include "foundation/GlobalConst.h"
 #include "foundation/GlobalUtils.h"
 #include "foundation/LoggingMessages.h"
+#include "foundation/ManualLock.h"
 #include "foundation/SyslogLogger.h"
 
-// The lock of the application log's state. Recursive (it counts the holds of its
-// owner) because the configuration logs through CAppLog while CAppLog holds it.
-class CManualLock {
-public:
-    void Lock() { m_mutex.lock(); }
-    void Unlock() { m_mutex.unlock(); }
-
-private:
-    std::recursive_mutex m_mutex;
-};
-
 namespace {
-class CManualLockHolder {
-public:
-    explicit CManualLockHolder(CManualLock& lock) : m_lock(lock) { m_lock.Lock(); }
-    ~CManualLockHolder() { m_lock.Unlock(); }
-    CManualLockHolder(const CManualLockHolder&) = delete;
-    CManualLockHolder& operator=(const CManualLockHolder&) = delete;
-
-private:
-    CManualLock& m_lock;
-};
-
 // strerror_r is the GNU form (returning char*) under glibc with _GNU_SOURCE and the
 // XSI form (returning int) elsewhere; these pick the text out of either.
 [[maybe_unused]] const char* StrerrorText(const char* result, const char* /*buffer*/) {

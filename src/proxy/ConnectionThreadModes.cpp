@@ -255,8 +255,9 @@ long CDnConnectionThread::SetProxyDetails() {
         }
     }
 
+    // State "unset": stored credentials are looked for again when the proxy is next seen.
     info.proxy_type = PROXY_TYPE_OBSERVED;
-    info.proxy_state = PROXY_STATE_IN_USE;
+    info.proxy_state = PROXY_STATE_UNSET;
     SetProxyInfo(info);
     m_proxyInfo = info;
     DNTRACE(LISTEN, "Connection : Proxy = %s : %d", info.proxy_host.c_str(), info.proxy_port);
