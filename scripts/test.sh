@@ -31,7 +31,7 @@ for stage in $stages; do
     case $stage in
         debug) run_stage debug ;;
         asan)  run_stage asan-ubsan ;;
-        tsan)  run_stage tsan test_foundation test_proxy test_resolve ;;
+        tsan)  run_stage tsan test_foundation test_foundation_crypto test_proxy test_resolve ;;
         fuzz)  run_stage fuzz swg_fuzzers ;;
         *) echo "unknown stage: $stage" >&2; exit 2 ;;
     esac

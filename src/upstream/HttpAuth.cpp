@@ -40,9 +40,7 @@ private:
     std::string& m_out;
 };
 
-void WipeUpToZero(std::string& text) {
-    SecureWipe(&text[0], ::strnlen(text.c_str(), text.size()));
-}
+void WipeUpToZero(std::string& text) { SecureWipe(&text[0], ::strnlen(text.c_str(), text.size())); }
 
 // The bounds of the next white-space-separated word at or after `cursor`; false at the end.
 bool NextWord(const char*& cursor, const char*& begin, const char*& end) {

@@ -6,10 +6,10 @@
 #include <cstdint>
 #include <string>
 
-constexpr long HTTPAUTH_E_INVALIDARG = 0xFE15000BL;     // a null or empty argument
-constexpr long HTTPAUTH_E_UNSUPPORTED = 0xFE150010L;    // the scheme is not supported
-constexpr long HTTPAUTH_E_NOT_STATUS = 0xFE150012L;     // not an HTTP status line
-constexpr long HTTPAUTH_E_NO_REALM = 0xFE150015L;       // no realm was found
+constexpr long HTTPAUTH_E_INVALIDARG = 0xFE15000BL;   // a null or empty argument
+constexpr long HTTPAUTH_E_UNSUPPORTED = 0xFE150010L;  // the scheme is not supported
+constexpr long HTTPAUTH_E_NOT_STATUS = 0xFE150012L;   // not an HTTP status line
+constexpr long HTTPAUTH_E_NO_REALM = 0xFE150015L;     // no realm was found
 
 // Stateless; any thread may call. Nothing here logs: every outcome is a result code. Texts
 // from a proxy are read only up to their terminating zero and never written past a buffer.
@@ -34,9 +34,8 @@ public:
     // `user`, `password` and `secret` whatever the outcome, then appends "\r\n". Returns the
     // result of addAuthenticationHeader. `reserved1` to `reserved3` are accepted for callers
     // that pass them and not used.
-    long Request(std::string& request, std::string user, std::string password,
-                 std::string secret, char* reserved1, EAuthType type, std::string reserved2,
-                 std::string reserved3);
+    long Request(std::string& request, std::string user, std::string password, std::string secret,
+                 char* reserved1, EAuthType type, std::string reserved2, std::string reserved3);
 
     // For Basic: appends "Connection: Keep-Alive\r\n", then `headerName`, " Basic " and the
     // Base64 of "user:password" on one line, and wipes `user` and `password` in place up to

@@ -77,8 +77,7 @@ ProxyIfc::ProxyIfc(ProxyType type, bool flag)
     createCrypto();
 }
 
-ProxyIfc::ProxyIfc(const ProxyIfc& other)
-    : m_proxyType(other.m_proxyType), m_bFlag(other.m_bFlag) {
+ProxyIfc::ProxyIfc(const ProxyIfc& other) : m_proxyType(other.m_proxyType), m_bFlag(other.m_bFlag) {
     *this = other;  // makes the CDataCrypt
 }
 
@@ -109,8 +108,12 @@ void ProxyIfc::createCrypto() {
 
 // ---- credentials ---------------------------------------------------------------------------
 
-long ProxyIfc::setProxyUser(const std::string& text) { return setCredential(text, m_encryptedUser); }
-long ProxyIfc::setProxyPswd(const std::string& text) { return setCredential(text, m_encryptedPswd); }
+long ProxyIfc::setProxyUser(const std::string& text) {
+    return setCredential(text, m_encryptedUser);
+}
+long ProxyIfc::setProxyPswd(const std::string& text) {
+    return setCredential(text, m_encryptedPswd);
+}
 long ProxyIfc::setProxyAuthority(const std::string& text) {
     return setCredential(text, m_encryptedAuthority);
 }
@@ -162,9 +165,8 @@ long ProxyIfc::getDecrypted(const std::vector<unsigned char>& vector,
     if (m_pCrypto == nullptr) return kNoCrypto;
     char* plain = nullptr;
     unsigned int length = 0;
-    long result = m_pCrypto->DecryptStringAlloc(vector.data(),
-                                                static_cast<unsigned int>(vector.size()), plain,
-                                                length);
+    long result = m_pCrypto->DecryptStringAlloc(
+        vector.data(), static_cast<unsigned int>(vector.size()), plain, length);
     if (result != 0) return PROXYIFC_FAIL("CDataCrypt::DecryptStringAlloc", result);
     // The text ends at its own zero, or at the end of what was protected.
     credential = UnprotectedCredential(plain, ::strnlen(plain, length));

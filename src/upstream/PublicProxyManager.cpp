@@ -15,8 +15,8 @@
 #include "foundation/Trace.h"
 #include "foundation/crypto/SingletonObfuscationMgr.h"
 #include "platform/SystemProxySettings.h"
-#include "upstream/ProxyInfo.h"
 #include "upstream/ProxyIfc.h"
+#include "upstream/ProxyInfo.h"
 
 PublicProxyManager* PublicProxyManager::sm_pPublicProxyManagerInstance = nullptr;
 unsigned int PublicProxyManager::sm_uiAcquisitionCount = 0;
@@ -27,8 +27,7 @@ enum class KeyRead { Absent, Unreadable, Read };
 
 // A key of the settings as a 32-bit number: decimal digits with an optional sign, nothing
 // else.
-KeyRead ReadNumber(const ProxySettingsDictionary& settings, const char* key,
-                   std::int32_t& value) {
+KeyRead ReadNumber(const ProxySettingsDictionary& settings, const char* key, std::int32_t& value) {
     const auto found = settings.find(key);
     if (found == settings.end()) return KeyRead::Absent;
     const std::string& text = found->second;
@@ -50,7 +49,8 @@ KeyRead ReadNumber(const ProxySettingsDictionary& settings, const char* key,
 PublicProxyManager* PublicProxyManager::AcquireSingletonInstance() {
     std::lock_guard<CCSLock> hold(m_Lock);
     if (sm_pPublicProxyManagerInstance == nullptr) {
-        sm_pPublicProxyManagerInstance = new (std::nothrow) PublicProxyManager(SystemProxySettings());
+        sm_pPublicProxyManagerInstance =
+            new (std::nothrow) PublicProxyManager(SystemProxySettings());
         if (sm_pPublicProxyManagerInstance == nullptr) return nullptr;
     }
     ++sm_uiAcquisitionCount;

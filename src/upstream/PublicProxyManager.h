@@ -51,7 +51,7 @@ private:
     void releaseObfuscationInstance();
 
     ISystemProxySettings& m_settings;
-    ProxyIfc* m_pProxyIfc = nullptr;                         // owned
+    ProxyIfc* m_pProxyIfc = nullptr;                        // owned
     CSingletonObfuscationMgr* m_pObfuscationMgr = nullptr;  // one reference
 
     static PublicProxyManager* sm_pPublicProxyManagerInstance;

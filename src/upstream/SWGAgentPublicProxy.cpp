@@ -32,5 +32,5 @@ void CSWGAgent::ObtainPublicProxySettings() {
 // Nothing in the agent hands credentials to a proxy: the call is accepted and its arguments
 // are ignored, by design.
 void CSWGAgent::SendProxyCredentials(const std::string& /*host*/, int /*port*/,
-                                     const std::string& /*user*/,
-                                     const std::string& /*password*/) {}
+                                     const std::string& /*user*/, const std::string& /*password*/) {
+}

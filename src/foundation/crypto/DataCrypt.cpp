@@ -63,8 +63,8 @@ void CDataCrypt::DestroyDataCrypt() { delete this; }
 
 // ---- protect -------------------------------------------------------------------------------
 
-long CDataCrypt::EncryptDataAlloc(const unsigned char* in, unsigned int length,
-                                  unsigned char*& out, unsigned int& outLength) {
+long CDataCrypt::EncryptDataAlloc(const unsigned char* in, unsigned int length, unsigned char*& out,
+                                  unsigned int& outLength) {
     out = nullptr;
     outLength = 0;
     if (in == nullptr || length == 0) return DC_E_INVALIDARG;
@@ -114,8 +114,7 @@ long CDataCrypt::EncryptString(const char* text, unsigned char* out, unsigned in
                        static_cast<unsigned int>(std::strlen(text) + 1), out, outLength);
 }
 
-long CDataCrypt::EncryptString(const wchar_t* text, unsigned char* out,
-                               unsigned int& outLength) {
+long CDataCrypt::EncryptString(const wchar_t* text, unsigned char* out, unsigned int& outLength) {
     if (text == nullptr) return DC_E_INVALIDARG;
     return EncryptData(reinterpret_cast<const unsigned char*>(text),
                        static_cast<unsigned int>((std::wcslen(text) + 1) * sizeof(wchar_t)), out,
@@ -159,8 +158,8 @@ long CDataCrypt::DecryptData(const unsigned char* in, unsigned int length, unsig
     return 0;
 }
 
-long CDataCrypt::DecryptDataAlloc(const unsigned char* in, unsigned int length,
-                                  unsigned char*& out, unsigned int& outLength) {
+long CDataCrypt::DecryptDataAlloc(const unsigned char* in, unsigned int length, unsigned char*& out,
+                                  unsigned int& outLength) {
     out = nullptr;
     outLength = 0;
     unsigned int size = 0;

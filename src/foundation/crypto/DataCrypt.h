@@ -24,8 +24,8 @@ public:
     virtual long EncryptData(const unsigned char* in, unsigned int length, unsigned char* out,
                              unsigned int& outLength) = 0;
     // Protects `length` bytes into a new block. On failure both outputs are cleared.
-    virtual long EncryptDataAlloc(const unsigned char* in, unsigned int length,
-                                  unsigned char*& out, unsigned int& outLength) = 0;
+    virtual long EncryptDataAlloc(const unsigned char* in, unsigned int length, unsigned char*& out,
+                                  unsigned int& outLength) = 0;
     // The text with its terminating zero, as EncryptData and EncryptDataAlloc do.
     virtual long EncryptString(const char* text, unsigned char* out, unsigned int& outLength) = 0;
     virtual long EncryptString(const wchar_t* text, unsigned char* out,
@@ -42,8 +42,8 @@ public:
     virtual long DecryptData(const unsigned char* in, unsigned int length, unsigned char* out,
                              unsigned int& outLength) = 0;
     // The same into a new block (free it with CryptMemFree, wiping).
-    virtual long DecryptDataAlloc(const unsigned char* in, unsigned int length,
-                                  unsigned char*& out, unsigned int& outLength) = 0;
+    virtual long DecryptDataAlloc(const unsigned char* in, unsigned int length, unsigned char*& out,
+                                  unsigned int& outLength) = 0;
     virtual long DecryptString(const unsigned char* in, unsigned int length, char* out,
                                unsigned int& outLength) = 0;
     virtual long DecryptString(const unsigned char* in, unsigned int length, wchar_t* out,

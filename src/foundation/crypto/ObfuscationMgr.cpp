@@ -45,8 +45,8 @@ void ResetCipher(EVP_CIPHER_CTX* context) {
 }
 }  // namespace
 
-CObfuscationMgr::CObfuscationMgr(long& result, const unsigned char* publicKey,
-                                 unsigned int length, bool /*reserved*/) {
+CObfuscationMgr::CObfuscationMgr(long& result, const unsigned char* publicKey, unsigned int length,
+                                 bool /*reserved*/) {
     COpensslUtility::InitOpenSSL(true);
     if (publicKey != nullptr && length != 0) {
         result = SetPublicKey(publicKey, length);
@@ -189,12 +189,10 @@ long CObfuscationMgr::GenerateSymmetricKey(std::uint32_t& ref) {
     return 0;
 }
 
-long CObfuscationMgr::GetEncrKeyData(unsigned char* out, unsigned int& length,
-                                     std::uint32_t ref) {
+long CObfuscationMgr::GetEncrKeyData(unsigned char* out, unsigned int& length, std::uint32_t ref) {
     const KeyData* key = findKey(ref);
     if (key == nullptr) return OBF_E_NO_SUCH_KEY;
-    return PublicEncrypt(reinterpret_cast<const unsigned char*>(key), sizeof(KeyData), out,
-                         length);
+    return PublicEncrypt(reinterpret_cast<const unsigned char*>(key), sizeof(KeyData), out, length);
 }
 
 long CObfuscationMgr::AddEncrSymmetricKey(const unsigned char* in, unsigned int length,

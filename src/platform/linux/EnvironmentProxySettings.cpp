@@ -36,7 +36,8 @@ ProxySettingsDictionary Disabled() { return {{"HTTPSEnable", "0"}}; }
 bool ParseAssignment(std::string line, std::string& key, std::string& value) {
     line = Trim(line);
     if (line.empty() || line[0] == '#') return false;
-    if (line.compare(0, 6, "export") == 0 && line.size() > 6 && (line[6] == ' ' || line[6] == '\t')) {
+    if (line.compare(0, 6, "export") == 0 && line.size() > 6 &&
+        (line[6] == ' ' || line[6] == '\t')) {
         line = Trim(line.substr(7));
     }
     const auto equals = line.find('=');
@@ -113,8 +114,8 @@ ProxySettingsDictionary FromProxyUrl(const std::string& url, const char* name) {
 }
 }  // namespace
 
-CEnvironmentProxySettings::CEnvironmentProxySettings(
-    std::function<const char*(const char*)> getenv, std::string environmentFile)
+CEnvironmentProxySettings::CEnvironmentProxySettings(std::function<const char*(const char*)> getenv,
+                                                     std::string environmentFile)
     : m_getenv(std::move(getenv)), m_environmentFile(std::move(environmentFile)) {}
 
 ProxySettingsDictionary CEnvironmentProxySettings::CopyProxies() {

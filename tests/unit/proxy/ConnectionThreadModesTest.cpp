@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -143,7 +144,7 @@ TEST_P(RequestLineTest, TakesTheBranchOfItsMethodAndUriForm) {
         EXPECT_EQ(recorded.proxy_port, kDestinationPort);
         EXPECT_EQ(recorded.proxy_mode, ProxyModeObserved);
         EXPECT_EQ(recorded.proxy_type, PROXY_TYPE_OBSERVED);
-        EXPECT_EQ(recorded.proxy_state, PROXY_STATE_IN_USE);
+        EXPECT_EQ(recorded.proxy_state, PROXY_STATE_UNSET);
     }
     EXPECT_EQ(Buffered(), request);
     EXPECT_EQ(swg_test::PendingBytes(m_accepted), 0);
@@ -238,6 +239,41 @@ TEST_F(ModeSelectionTest, SilentClientTimesOutWith60AfterTwoSeconds) {
     stopper.join();
     EXPECT_LT(Clock::now() - start, 1500ms);
     EXPECT_EQ(m_thread.CMode, 0);
+}
+
+// Guards the proxy check of an origin-form request: a system proxy gone from the host's
+// settings is forgotten; one still set, even at another address, keeps its record.
+TEST_F(ModeSelectionTest, OriginFormRequestForgetsASystemProxyThatIsGone) {
+    const char* const saved = std::getenv("https_proxy");
+    const std::string savedValue = saved != nullptr ? saved : "";
+    const struct {
+        const char* setting;  // https_proxy of this process, the agent's environment
+        const char* recorded;
+    } cases[] = {
+        {"", "0.0.0.0"},
+        {"http://198.18.0.5:3128", "198.18.0.5"},
+        {"http://198.18.0.6:3128", "198.18.0.5"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.setting);
+        ::setenv("https_proxy", c.setting, 1);
+        LOCAL_PROXY_INFO system;
+        system.proxy_mode = ProxyModeSystem;
+        system.proxy_host = "198.18.0.5";
+        system.proxy_port = 3128;
+        system.proxy_state = PROXY_STATE_IN_USE;
+        ResetProxyInfo();
+        SetProxyInfo(system);
+        NewConnection();
+        ClientHasSent("GET /x HTTP/1.1\r\nHost: a.example\r\n\r\n");
+        ASSERT_EQ(m_thread.SelectInitialMode(), 0);
+        EXPECT_EQ(GetProxyInfo().proxy_host, c.recorded);
+    }
+    if (saved != nullptr) {
+        ::setenv("https_proxy", savedValue.c_str(), 1);
+    } else {
+        ::unsetenv("https_proxy");
+    }
 }
 
 // Proxies are recorded as IPv4 only: a proxy-form request on an IPv6 connection fails the

@@ -1,0 +1,72 @@
+#!/bin/sh
+# The system proxy on a running agent, in a network namespace of its own:
+# - started with https_proxy in its environment, the agent logs the proxy as found;
+# - a client that talks to a proxy through a diverted port (CONNECT to 198.18.0.40:3128, a
+#   monitored port here) is recorded as the observed proxy;
+# - started without the variable, it takes the proxy from /etc/environment (the namespace's
+#   own copy, which ip netns exec mounts over the host's).
+# Needs root, nft and curl; exits 77 (skipped) otherwise.
+set -u
+for tool in nft curl; do
+    command -v "$tool" >/dev/null 2>&1 || { echo "SKIP: needs $tool"; exit 77; }
+done
+if [ "$(id -u)" -ne 0 ]; then echo "SKIP: needs root for a network namespace"; exit 77; fi
+
+agent="$SWG_BINARY_DIR/src/tsc_swgagent"
+ns=swgproxy$$
+tmp=$(mktemp -d)
+pid=""
+cleanup() {
+    [ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null
+    ip netns del "$ns" 2>/dev/null
+    rm -rf "/etc/netns/$ns" "$tmp"
+}
+trap cleanup EXIT
+fail() { echo "FAIL: $*"; echo "--- agent log"; cat "$tmp/err"; exit 1; }
+
+confdir="$tmp/trevo/trevoclient/tarnwall/SWG"
+mkdir -p "$confdir"
+sed 's/"webTrafficMonitorPorts": \[\]/"webTrafficMonitorPorts": ["3128"]/' \
+    "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" >"$confdir/SWGConfig.json"
+grep -q '"3128"' "$confdir/SWGConfig.json" || { echo "FAIL: port 3128 not configured"; exit 1; }
+
+ip netns add "$ns" || exit 1
+ip -n "$ns" link set lo up
+ip -n "$ns" addr add 198.18.0.40/32 dev lo
+
+wait_for() {  # pattern, limit in 20 ms steps
+    i=0
+    until grep -qF "$1" "$tmp/err"; do
+        i=$((i + 1)); [ $i -gt "$2" ] && fail "timed out waiting for '$1'"; sleep 0.02
+    done
+}
+start_agent() {  # extra environment assignments
+    : >"$tmp/err"
+    ip netns exec "$ns" env -u https_proxy -u HTTPS_PROXY "$@" SWG_LOG_STDERR=1 \
+        SWG_DATA_ROOT="$tmp" "$agent" -console >/dev/null 2>"$tmp/err" &
+    pid=$!
+    wait_for "Service started successfully" 1500
+}
+stop_agent() {
+    kill -TERM "$pid"; wait "$pid"; rc=$?; pid=""
+    [ $rc -eq 0 ] || fail "exit status $rc"
+}
+
+start_agent https_proxy=http://198.18.0.41:3128
+grep -qF "Proxy detected" "$tmp/err" || fail "the system proxy was not found"
+grep -qF "proxy is 198.18.0.41 and proxy port is 3128" "$tmp/err" || fail "wrong system proxy"
+
+wait_for "Redirector: table inet tsc_swg in force" 1500
+ip netns exec "$ns" curl -s --max-time 10 -x http://198.18.0.40:3128 https://secure.demo.test/ \
+    >/dev/null 2>&1
+wait_for "Connection : Proxy = 198.18.0.40 : 3128" 500
+grep -qF "Request made via Proxy 198.18.0.40:3128" "$tmp/err" || fail "CONNECT not seen as a proxy"
+stop_agent
+
+mkdir -p "/etc/netns/$ns"
+printf '# proxy of the site\nexport https_proxy="http://198.18.0.42:8080"' >"/etc/netns/$ns/environment"
+start_agent
+grep -qF "proxy is 198.18.0.42 and proxy port is 8080" "$tmp/err" \
+    || fail "the proxy of /etc/environment was not found"
+stop_agent
+echo "system proxy checks passed"
