@@ -5,7 +5,7 @@
 # fuzzing run of each parser.
 #
 #   SWG_TEST_STAGES   which stages to run (default: "debug asan tsan fuzz")
-#   SWG_FUZZ_SECONDS  time per fuzz target (default 30)
+#   SWG_FUZZ_SECONDS  time per fuzz target (default 20)
 set -eu
 cd "$(dirname "$0")/.."
 

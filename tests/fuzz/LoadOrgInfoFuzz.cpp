@@ -1,25 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // libFuzzer target: the configuration loader's parser on arbitrary file contents. The input
 // is the text of SWGConfig.json, then optionally a NUL byte and the text of the override.
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
+#include "FuzzSupport.h"
 #include "config/OrgInfoParser.h"
-#include "foundation/SSTrace.h"
-
-namespace {
-// Formats each line as syslog would, then drops it: a fuzzing run must not flood the log.
-void DropLine(int /*priority*/, const char* format, va_list args) {
-    char line[512];
-    std::vsnprintf(line, sizeof(line), format, args);
-}
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    SwgSetSyslogWriter(&DropLine);
+    swg_fuzz::QuietLogging();
     return 0;
 }
 
