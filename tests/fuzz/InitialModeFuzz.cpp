@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // libFuzzer target: a client's first bytes on a port other than 443, through the job's client
 // side: SelectInitialMode's sniff and request-line split, then for HTTP the header block and
-// the Host of the gateway request, on an IPv4 and an IPv6 job. The input is every byte the
-// client sends.
+// the Host of the gateway request, on an IPv4 job and on an IPv6 job that gets the bytes in
+// two reads. The input is every byte the client sends.
 #include <arpa/inet.h>
 
 #include <cstddef>
@@ -24,12 +24,13 @@ bool LooksLikeClientHello(const std::string& bytes) {
 }
 
 // The client side of one job on `sent`, with the original destination 198.18.0.7:8080 or
-// [2001:db8::7]:8080.
-void RunJob(const std::string& sent, bool ipv6) {
+// [2001:db8::7]:8080. The first `split` bytes come in a read of their own.
+void RunJob(const std::string& sent, bool ipv6, std::size_t split) {
     swg_fuzz::Peer client;
     CDnConnectionThread thread;
     thread.m_pKdfSocket = client.agentSide;
-    if (thread.m_pKdfSocket == nullptr || !client.Feed(sent)) return;
+    if (thread.m_pKdfSocket == nullptr || !client.Feed(sent.substr(split))) return;
+    thread.m_pKdfSocket->SetReceivePrefix(sent.data(), static_cast<int>(split));
     // The client's bytes are all queued already: no wait for more of them.
     thread.m_firstBytesWaitMs = 0;
     thread.m_bIPv6 = ipv6;
@@ -76,7 +77,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     if (size > swg_fuzz::kMaxInput) return -1;
     const std::string sent(reinterpret_cast<const char*>(data), size);
-    RunJob(sent, false);
-    RunJob(sent, true);
+    RunJob(sent, false, 0);
+    RunJob(sent, true, size / 2);
     return 0;
 }
