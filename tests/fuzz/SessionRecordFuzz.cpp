@@ -55,16 +55,13 @@ sockaddr_storage Destination(const CDnConnectionThread& thread, bool ipv6) {
     return out;
 }
 
-// The agent's own listener, by the text of its address.
-bool NamesListener(const sockaddr_storage& destination, bool ipv6) {
+// The destination the job read is the agent's own listener, by the text of its address.
+bool NamesListener(const CDnConnectionThread& thread, bool ipv6) {
     char text[INET6_ADDRSTRLEN] = {};
-    const void* address = ipv6 ? static_cast<const void*>(
-                                     &reinterpret_cast<const sockaddr_in6&>(destination).sin6_addr)
-                               : &reinterpret_cast<const sockaddr_in&>(destination).sin_addr;
+    const void* address = ipv6 ? static_cast<const void*>(thread.m_origDstV6) : &thread.m_origDstV4;
     ::inet_ntop(ipv6 ? AF_INET6 : AF_INET, address, text, sizeof(text));
     const std::string name = text;
-    const std::uint16_t port = ntohs(reinterpret_cast<const sockaddr_in&>(destination).sin_port);
-    return port == CDnListenThread::kListenPort &&
+    return ntohs(thread.m_origDstPort) == CDnListenThread::kListenPort &&
            (name == "127.0.0.1" || name == "::1" || name == "::ffff:127.0.0.1");
 }
 
@@ -95,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     ngc_session_info record;
     std::memcpy(&record, stream.data(), kRecordSize);
     const sockaddr_storage destination = Destination(thread, ipv6);
-    const bool loop = NamesListener(destination, ipv6);
+    const bool loop = NamesListener(thread, ipv6);
     if (code != (loop ? ELOOP : 0)) __builtin_trap();
     // The fields sit where the redirector puts them; the host names stay a bounded text.
     const unsigned char* raw = record.orig_dst.raw;
