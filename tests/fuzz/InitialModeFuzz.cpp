@@ -13,6 +13,7 @@
 #include "FuzzSupport.h"
 #include "proxy/ConnectionThread.h"
 #include "upstream/ProxyInfo.h"
+#include "upstream/PublicProxyManager.h"
 
 namespace {
 
@@ -71,6 +72,10 @@ void RunJob(const std::string& sent, bool ipv6, std::size_t split) {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     swg_fuzz::QuietLogging();
+    // Held for the whole run: a proxy client's job looks the manager up, and creating it
+    // anew for every input would cost a key generation each time.
+    static PublicProxyManager* const s_proxyManager = PublicProxyManager::AcquireSingletonInstance();
+    (void)s_proxyManager;
     return 0;
 }
 
