@@ -342,17 +342,13 @@ long CDnConnectionThread::ConnectAndExchange() {
     bool retry = true;
     for (;;) {
         StartSetConnectTime();
-        long code = GetExternalConnection();
+        const long code = GetExternalConnection();
         if (ExitRequested()) return 0;
         if (code != 0 && retry) {
             DNTRACE(ERR, "Connection : Failed to connect externally. Code : %d, retry only once...",
                     static_cast<int>(code));
             DeleteExternalSocket();
-            // The pause ends early when the thread is told to stop.
-            boost_ext::condition_event* exitOnly[1] = {&exit_event};
-            (void)boost_ext::condition_event_group::WaitForMultipleObjects(1, exitOnly, false,
-                                                                           kRetryPauseMs);
-            if (ExitRequested()) return 0;
+            if (!PauseBeforeRetry()) return 0;
             retry = false;
             continue;
         }
@@ -364,65 +360,23 @@ long CDnConnectionThread::ConnectAndExchange() {
         }
 
         const bool failOpen = g_pSWGAgent->GetOrgInfo().bFailOpen;
+        bool again = false;
         if (CMode == 1 && TMode != 0) {
-            EndSetConnectTime();
-            code = DoProxyConnect(m_host, ntohs(m_origDstPort), std::string(), true);
-            if (ExitRequested()) return 0;
-            if (code != 0) {
-                handleCaptivePortal(
-                    "TCP handshake to SWG Proxy URL was successful [Failure: Writing HTTPs "
-                    "Headers]",
-                    false);
-                retry = false;
-                if (g_pSWGAgent->IsCaptivePortalMode() || failOpen) continue;
-                g_pSWGAgent->SendSWGState("cloud_service_unavailable", 0);
-                DNTRACE(ERR, "Connection : Failed to connect to tower %s:%d. Code : %d",
-                        m_towerIP.c_str(), 443, static_cast<int>(code));
-                throw static_cast<unsigned int>(code);
-            }
-            bool connectionLost = false;
-            int status = 0;
-            code = ProcessProxyResponse(connectionLost, status, false);
-            if (ExitRequested()) return 0;
-            if (code != 0) {
-                handleCaptivePortal(
-                    "TCP handshake to SWG Proxy URL was successful [Failure: Reading HTTPs "
-                    "Headers]",
-                    false);
-                if (m_bAnycastFallback) handleAnycastFailure();
-                if (g_pSWGAgent->IsCaptivePortalMode() || failOpen) {
-                    retry = false;
-                    continue;
-                }
-                DNTRACE(ERR, "Connection : Failed to process response from tower %s:%d. Code : %d",
-                        m_towerIP.c_str(), 443, static_cast<int>(code));
-                throw static_cast<unsigned int>(code);
-            }
+            again = TunnelThroughGateway(failOpen);
+        } else if (CMode == 2) {
+            again = SendHeaderBlock(failOpen);
         }
-        if (CMode == 2) {
-            const bool onGateway = TMode != 0;
-            if (onGateway) {
-                EndSetConnectTime();
-                (void)ModifyHttpHeaders(&m_headers);
-            }
-            code = m_headers.Write(m_pExternalSocket, exit_requested);
-            if (ExitRequested()) return 0;
-            if (code != 0) {
-                handleCaptivePortal(
-                    "TCP handshake to SWG Proxy URL was successful [Failure: Writing HTTP "
-                    "Headers]",
-                    false);
-                retry = false;
-                // Only the gateway leg has a bypass to fall back to: going round again after
-                // a failed write to the destination itself would connect and fail for ever.
-                if (onGateway && (g_pSWGAgent->IsCaptivePortalMode() || failOpen)) continue;
-                DNTRACE(ERR, "Connection : Failed to write back headers. Code : %d",
-                        static_cast<int>(code));
-                throw static_cast<unsigned int>(code);
-            }
-        }
-        return 0;
+        if (!again) return 0;
+        retry = false;
     }
+}
+
+bool CDnConnectionThread::PauseBeforeRetry() {
+    // The pause ends early when the thread is told to stop.
+    boost_ext::condition_event* exitOnly[1] = {&exit_event};
+    (void)boost_ext::condition_event_group::WaitForMultipleObjects(1, exitOnly, false,
+                                                                   kRetryPauseMs);
+    return !ExitRequested();
 }
 
 void CDnConnectionThread::CountConnection() {

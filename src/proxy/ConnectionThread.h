@@ -49,7 +49,7 @@ public:
     // Stops and joins the thread if it runs, then deletes both sockets.
     ~CDnConnectionThread() override;
 
-    // ---- lifecycle -----------------------------------------------------------------
+    // ---- lifecycle (ConnectionThread.cpp) ----------------------------------------------
     // CDnEventThread::Initialize, then the per-object defaults (no sockets, modes 0, no
     // connection being relayed). Returns false, logging, when the base fails.
     bool Initialize() override;
@@ -74,7 +74,7 @@ public:
     long Start(boost_ext::condition_event& done, CDnVSocket* socket, CDnListenThread* listener,
                bool ipv6, bool force);
 
-    // ---- the job ---------------------------------------------------------------------
+    // ---- the job (ConnectionThread.cpp) ------------------------------------------------
     // Runs HandleConnection, reports "protected" after a normal end, closes both sockets and
     // removes the no-redirect exception. Returns HandleConnection's code. On the thread.
     long ProcessEvent() override;
@@ -82,11 +82,6 @@ public:
     // connection that came to its normal end (or was told to stop), 1 when the session record
     // could not be read, or the code of the step that gave up. Never throws.
     long HandleConnection();
-    // Opens the outgoing socket of the current modes and connects it: the original
-    // destination in bypass, the gateway otherwise. Returns 0 with m_pExternalSocket
-    // connected; the code of the failure with no outgoing socket left; -1 when no target
-    // could be had. Never throws.
-    long GetExternalConnection();
     // Relays between the two sockets until one side ends (CSocketPair). Returns the relay's
     // result: 0, 10058 for a side that finished, or an error code.
     int BridgeConnections();
@@ -113,7 +108,7 @@ public:
     // has no "/"; empty when the path can't be had.
     static std::string getProcessName(unsigned int pid);
 
-    // ---- mode selection (ConnectionThreadModes.cpp) ---------------------------------------
+    // ---- mode selection and the client's header block (ConnectionThreadModes.cpp) ------
     // Looks at the client's first bytes and sets CMode and TMode. 0 or a code.
     long SelectInitialMode();
     // Reads the client's header block into m_headers; bytes behind it stay in the socket's
@@ -126,9 +121,23 @@ public:
     void SetupHost();
     // Appends the licence header lines to `headers`; false when they could not be had.
     bool ModifyHttpHeaders(CDnHttpHeaders* headers);
+    // Records the original destination as the upstream proxy the client talks to, in
+    // g_ProxyInfo and m_proxyInfo. Returns 0, or -1 when the destination has no IPv4
+    // address text (always so on an IPv6 connection: proxies are recorded as IPv4 only).
+    long SetProxyDetails();
+    // Puts g_ProxyInfo back to the default record. Never fails.
+    void ResetProxyDetails();
+    // The address of the local interface that the licence header names: the local address
+    // of the outgoing socket. False, logging, with `out` empty when there is no connected
+    // outgoing socket.
+    bool GetBestInterfaceIP(std::string& out);
 
-    // ---- gateway connection and failure policy (ConnectionThreadGateway.cpp,
-    // ConnectionThreadFailure.cpp) ------------------------------------------------------
+    // ---- gateway connection (ConnectionThreadGateway.cpp) ------------------------------
+    // Opens the outgoing socket of the current modes and connects it: the original
+    // destination in bypass, the gateway otherwise. Returns 0 with m_pExternalSocket
+    // connected; the code of the failure with no outgoing socket left; -1 when no target
+    // could be had. Never throws.
+    long GetExternalConnection();
     // The gateway's IPv4 address (network order) for `name`: an IPv4 literal as it stands,
     // else the agent's cache or a lookup of up to 5000 ms (which fills the cache), picked round
     // robin across all threads. False for an empty name, an IPv6 literal or a failed lookup.
@@ -157,6 +166,7 @@ public:
     void StartSetConnectTime();
     void EndSetConnectTime();
 
+    // ---- failure policy (ConnectionThreadFailure.cpp) ----------------------------------
     // Applies the failure policy after both connect attempts failed: a bypass retry, the
     // refusal page, or nothing. True when the job may go on (an outgoing connection stands,
     // or reason 0 under fail open, which makes none). Sends "cloud_service_unavailable" for a
@@ -174,6 +184,7 @@ public:
     // The translated reason text, then " " and the translated policy sentence.
     std::string GetConnectionFailureMsg(CONN_FAILURE_REASON reason);
 
+    // ---- the job's state ---------------------------------------------------------------
     // What a client speaks (0 unknown, 1 TLS, 2 HTTP) and how its connection travels
     // (0 bypass, 1 gateway, 2 plain tunnel through a proxy, turned into 0).
     int32_t CMode = 0;
@@ -181,18 +192,6 @@ public:
 
     static std::atomic<std::uint16_t> sm_usNextIPIndex;
     static std::atomic<std::uint16_t> sm_usNextIPV6Index;
-
-    // ---- mode selection and the client's header block (ConnectionThreadModes.cpp) ------
-    // Records the original destination as the upstream proxy the client talks to, in
-    // g_ProxyInfo and m_proxyInfo. Returns 0, or -1 when the destination has no IPv4
-    // address text (always so on an IPv6 connection: proxies are recorded as IPv4 only).
-    long SetProxyDetails();
-    // Puts g_ProxyInfo back to the default record. Never fails.
-    void ResetProxyDetails();
-    // The address of the local interface that the licence header names: the local address
-    // of the outgoing socket. False, logging, with `out` empty when there is no connected
-    // outgoing socket.
-    bool GetBestInterfaceIP(std::string& out);
 
     // The client's header block when CMode is 2; reset for every job.
     CDnHttpHeaders m_headers{256};
@@ -202,41 +201,6 @@ public:
     // Tests shorten it so that a client that sends no line end decides quickly.
     int m_firstBytesWaitMs = 2000;
 
-private:
-    // Steps of SelectInitialMode.
-    long WaitForFirstBytes(unsigned long& readable, int& remainingMs);
-    long SelectHttpModes(const std::string& line);
-    void CheckSystemProxy();
-
-private:
-    // Steps of HandleConnection.
-    long ReadSessionRecord();
-    bool IsLoopToListener();
-    void ResetForJob();
-    bool ApplyBackoff();
-    void ChooseGatewayFamily();
-    long ConnectAndExchange();
-    void CountConnection();
-    bool ExitRequested();
-
-    // Steps of the gateway connection and the failure policy.
-    socklen_t GatewayTarget(sockaddr_storage& target);
-    bool LookupIPv6List(const std::string& name, std::vector<unsigned char>& ipv6);
-    bool ForwardProxyStatus(CDnHttpHeaders& response, int status, bool noForward, long& code);
-    long ReadProxyResponseBody(CDnHttpHeaders& response, bool& connectionLost, int status,
-                               long code);
-    bool RetryInBypass();
-
-    // The original destination as a socket address of the family the job leaves on.
-    socklen_t OriginalTarget(sockaddr_storage& target, bool ipv6) const;
-    // Makes the session record of a connection that the kernel redirected and puts it in
-    // front of the accepted socket's bytes.
-    void PrepareSessionRecord();
-    void DeleteExternalSocket();
-    void DeleteSockets();
-    void ResetDefaults();
-
-public:
     // Fields of the job, in the order of the record.
     std::uint64_t m_origDstV4 = 0;  // the 8 record bytes after the port; low 32 bits the address
     unsigned char m_origDstV6[16] = {};
@@ -248,10 +212,6 @@ public:
     CDnVSocket* m_pExternalSocket = nullptr;  // the outgoing socket, owned, null until made
     bool m_bBypassed = false;
     bool m_bNoRedirectActive = false;
-
-private:
-
-public:
     redirect_info m_noRedirectRule;
     int32_t m_pid = -1;
     std::string m_towerIP;
@@ -266,6 +226,55 @@ public:
     bool m_bFailureReported = false;
 
 private:
+    // ---- steps of the job (ConnectionThread.cpp) ---------------------------------------
+    long ReadSessionRecord();
+    bool IsLoopToListener();
+    void ResetForJob();
+    bool ApplyBackoff();
+    void ChooseGatewayFamily();
+    // Connects the outgoing side (one retry after a pause, then the failure policy) and
+    // runs the gateway step of the modes. Returns 0 when the relay may start (or the job
+    // was told to stop), the connect's code when the failure policy ends the job; throws
+    // the code of a gateway step that ends it.
+    long ConnectAndExchange();
+    // Waits the pause before the one connect retry. False when told to stop meanwhile.
+    bool PauseBeforeRetry();
+    void CountConnection();
+    bool ExitRequested();
+    // The original destination as a socket address of the family the job leaves on.
+    socklen_t OriginalTarget(sockaddr_storage& target, bool ipv6) const;
+    // Makes the session record of a connection that the kernel redirected and puts it in
+    // front of the accepted socket's bytes.
+    void PrepareSessionRecord();
+    void DeleteExternalSocket();
+    void DeleteSockets();
+    void ResetDefaults();
+
+    // ---- steps of mode selection (ConnectionThreadModes.cpp) ---------------------------
+    long WaitForFirstBytes(unsigned long& readable, int& remainingMs);
+    long SelectHttpModes(const std::string& line);
+    void CheckSystemProxy();
+
+    // ---- steps of the gateway connection (ConnectionThreadGateway.cpp) -----------------
+    socklen_t GatewayTarget(sockaddr_storage& target);
+    bool LookupIPv6List(const std::string& name, std::vector<unsigned char>& ipv6);
+    bool ForwardProxyStatus(CDnHttpHeaders& response, int status, bool noForward, long& code);
+    long ReadProxyResponseBody(CDnHttpHeaders& response, bool& connectionLost, int status,
+                               long code);
+    // The TLS client's tunnel: CONNECT through the gateway and its answer. The header-block
+    // step: the HTTP client's header block (with the licence lines on the gateway leg) to
+    // the outgoing side. Each returns true when the job is to go round again in bypass, false
+    // when it may go on or was told to stop; a failure that ends the job throws its code.
+    bool TunnelThroughGateway(bool failOpen);
+    bool SendHeaderBlock(bool failOpen);
+
+    // ---- steps of the failure policy (ConnectionThreadFailure.cpp) ---------------------
+    bool RetryInBypass();
+    // After a failed gateway step (`stage` names it for the log): the captive portal test,
+    // then true when the job may go round again in bypass, which needs `mayBypass` and the
+    // portal mode or `failOpen`.
+    bool GatewayStepFailed(const char* stage, bool mayBypass, bool failOpen);
+
     // Guards the two socket pointers and their descriptors against Kill: a socket is
     // created, closed or deleted only under it, so Kill never touches a freed object or a
     // descriptor number that another connection already reuses.

@@ -118,6 +118,13 @@ void CDnConnectionThread::handleCaptivePortal(const std::string& message, bool k
     if (!keepSocket) DeleteExternalSocket();  // the socket object closes its descriptor
 }
 
+bool CDnConnectionThread::GatewayStepFailed(const char* stage, bool mayBypass, bool failOpen) {
+    handleCaptivePortal(
+        std::string("TCP handshake to SWG Proxy URL was successful [Failure: ") + stage + "]",
+        false);
+    return mayBypass && (g_pSWGAgent->IsCaptivePortalMode() || failOpen);
+}
+
 std::string CDnConnectionThread::GetConnectionFailureMsg(CONN_FAILURE_REASON reason) {
     const bool failOpen = g_pSWGAgent->GetOrgInfo().bFailOpen;
     return Translated(FailureKey(reason)) + " " +

@@ -26,14 +26,13 @@
 #include "proxy/ConnectionThread.h"
 #include "proxy/DnSocket.h"
 #include "proxy/HttpHeaders.h"
+#include "proxy/ProxyLimits.h"
 #include "resolve/DnsLookup.h"
 
 namespace {
 
 constexpr int kIPv6ReceiveBuffer = 65536;
-constexpr std::uint32_t kConnectTimeoutSeconds = 4;
 constexpr unsigned int kLookupTimeoutMs = 5000;
-constexpr int kHeaderLimit = 64000;
 constexpr unsigned short kGatewayTlsPort = 443;
 constexpr unsigned short kGatewayHttpPort = 80;
 
@@ -346,7 +345,7 @@ long CDnConnectionThread::DoProxyConnect(std::string host, unsigned short port,
     const std::string hostPart = m_bIPv6ViaIPv4 ? "[" + host + "]" : host;
     const std::string target = hostPart + ":" + std::to_string(port);
 
-    CDnHttpHeaders request(kHeaderLimit);
+    CDnHttpHeaders request(kHeaderBlockLimit);
     request.m_lines.push_back("CONNECT " + target + " HTTP/1.1\r\n");
     request.m_lines.push_back("Content-Length: 0\r\n");
     request.m_lines.push_back("Host: " + target + "\r\n");
@@ -358,8 +357,8 @@ long CDnConnectionThread::DoProxyConnect(std::string host, unsigned short port,
 long CDnConnectionThread::ProcessProxyResponse(bool& connectionLost, int& status, bool noForward) {
     connectionLost = false;
     status = 0;
-    CDnHttpHeaders response(kHeaderLimit);
-    long code = response.Read(m_pExternalSocket, exit_requested, kHeaderLimit);
+    CDnHttpHeaders response(kHeaderBlockLimit);
+    long code = response.Read(m_pExternalSocket, exit_requested, kHeaderBlockLimit);
     if (exit_requested) {
         DNTRACE(BRIDGE, "Connection : Exit event set, exiting from ProcessProxyResponse ...");
         return 0;
@@ -456,6 +455,46 @@ long CDnConnectionThread::ReadProxyResponseBody(CDnHttpHeaders& response, bool& 
         return -1;
     }
     return code;
+}
+
+// ---- gateway steps ---------------------------------------------------------------------------
+
+bool CDnConnectionThread::TunnelThroughGateway(bool failOpen) {
+    EndSetConnectTime();
+    long code = DoProxyConnect(m_host, ntohs(m_origDstPort), std::string(), true);
+    if (ExitRequested()) return false;
+    if (code != 0) {
+        if (GatewayStepFailed("Writing HTTPs Headers", true, failOpen)) return true;
+        g_pSWGAgent->SendSWGState("cloud_service_unavailable", 0);
+        DNTRACE(ERR, "Connection : Failed to connect to tower %s:%d. Code : %d", m_towerIP.c_str(),
+                static_cast<int>(kGatewayTlsPort), static_cast<int>(code));
+        throw static_cast<unsigned int>(code);
+    }
+    bool connectionLost = false;
+    int status = 0;
+    code = ProcessProxyResponse(connectionLost, status, false);
+    if (ExitRequested() || code == 0) return false;
+    const bool again = GatewayStepFailed("Reading HTTPs Headers", true, failOpen);
+    if (m_bAnycastFallback) handleAnycastFailure();
+    if (again) return true;
+    DNTRACE(ERR, "Connection : Failed to process response from tower %s:%d. Code : %d",
+            m_towerIP.c_str(), static_cast<int>(kGatewayTlsPort), static_cast<int>(code));
+    throw static_cast<unsigned int>(code);
+}
+
+bool CDnConnectionThread::SendHeaderBlock(bool failOpen) {
+    const bool onGateway = TMode != 0;
+    if (onGateway) {
+        EndSetConnectTime();
+        (void)ModifyHttpHeaders(&m_headers);
+    }
+    const long code = m_headers.Write(m_pExternalSocket, exit_requested);
+    if (ExitRequested() || code == 0) return false;
+    // Only the gateway leg has a bypass to fall back to: going round again after a failed
+    // write to the destination itself would connect and fail for ever.
+    if (GatewayStepFailed("Writing HTTP Headers", onGateway, failOpen)) return true;
+    DNTRACE(ERR, "Connection : Failed to write back headers. Code : %d", static_cast<int>(code));
+    throw static_cast<unsigned int>(code);
 }
 
 // ---- timing ------------------------------------------------------------------------------

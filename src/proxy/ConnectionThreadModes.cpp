@@ -17,6 +17,7 @@
 #include "foundation/Token.h"
 #include "foundation/Trace.h"
 #include "proxy/ConnectionThread.h"
+#include "proxy/ProxyLimits.h"
 #include "proxy/VSocket.h"
 #include "upstream/LicenceHeader.h"
 #include "upstream/ProxyInfo.h"
@@ -27,7 +28,6 @@ namespace {
 constexpr int kFirstBytesRoundMs = 10;
 constexpr std::uint16_t kTlsPort = 443;
 constexpr long kFirstBytesTimeout = 60;
-constexpr int kHeaderLimit = 64000;
 
 // TLS record header (RFC 8446 5.1, RFC 5246 6.2.1) and the handshake header behind it:
 //   byte 0      content type, 0x16 handshake
@@ -269,7 +269,7 @@ void CDnConnectionThread::ResetProxyDetails() { ResetProxyInfo(); }
 // ---- the client's header block -----------------------------------------------------------
 
 long CDnConnectionThread::ReadHttpHeaders() {
-    const long code = m_headers.Read(m_pKdfSocket, exit_requested, kHeaderLimit);
+    const long code = m_headers.Read(m_pKdfSocket, exit_requested, kHeaderBlockLimit);
     if (code != 0) {
         DNTRACE(ERR, "Connection : Failed to read headers. (read %d headers, %d bytes). Code : %d",
                 static_cast<int>(m_headers.m_lines.size()), m_headers.m_bytes,

@@ -17,6 +17,7 @@
 #include "proxy/ConnectionThread.h"
 #include "proxy/DnSocket.h"
 #include "proxy/FdSet.h"
+#include "proxy/ProxyLimits.h"
 
 namespace {
 
@@ -31,7 +32,6 @@ constexpr unsigned long kShortagePauseMs = 100;
 // Any other unexpected error: a short pause, so that no error can make the loop spin.
 constexpr unsigned long kUnexpectedErrorPauseMs = 10;
 constexpr unsigned long kNoThreadPauseMs = 10;
-constexpr std::uint32_t kConnectTimeoutSeconds = 4;
 
 bool IsShortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
