@@ -1,20 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The configuration monitor on Linux: inotify stands in for a kernel event queue, with the
-// same two states (file watched, file missing), the quiet period and the wake-up pipe.
+// The configuration monitor: its two states (file watched, file missing), the quiet period
+// and the reload's field rules. The watch itself is behind IFileWatch.
 #include "config/ConfigManager.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
-#include <sys/inotify.h>
-#include <unistd.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/filesystem.hpp>
 #include <boost/thread/thread.hpp>
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <exception>
 #include <utility>
 #include <vector>
@@ -26,13 +20,6 @@
 #include "foundation/Trace.h"
 
 namespace {
-// The file: written in place, closed after writing, unlinked or renamed away. IN_ATTRIB
-// is how an unlink shows while some other process still holds the file open.
-constexpr uint32_t kFileMask =
-    IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ATTRIB;
-// The folder: entries come and go (a replacement by rename is a move in).
-constexpr uint32_t kFolderMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                                 IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr int kChangeCountWithFile = 3;
 constexpr int kChangeCountNoFile = 2;
 constexpr int kStateUpdateNormal = 0;       // SWG_STATE_UPDATE_NORMAL
@@ -139,25 +126,51 @@ IConfigAgent& AgentConfigTarget() {
     static CAgentConfigTarget target;
     return target;
 }
+
+IFileWatch& SystemFileWatch() {
+    // Never destroyed: the monitor thread is never joined and may still use it at exit.
+    static IFileWatch* const watch = CreateSystemFileWatch().release();
+    return *watch;
+}
+
+// Whether `folder` holds an entry named `name`, letter case aside. False with `error` set
+// when the folder cannot be listed.
+bool FolderHoldsFile(const std::string& folder, const std::string& name, int& error) {
+    error = 0;
+    boost::system::error_code failure;
+    boost::filesystem::directory_iterator entry(folder, failure);
+    for (; !failure && entry != boost::filesystem::directory_iterator();
+         entry.increment(failure)) {
+        if (StringNocaseCompare(entry->path().filename().string(), name) == 0) return true;
+    }
+    error = failure.value();
+    return false;
+}
 }  // namespace
 
 CConfigManager g_ConfigManager;
 
 // The watch as the monitor thread holds it.
 struct CConfigManager::WatchState {
-    int inotifyFd = -1;
     int folderWatch = -1;
     std::string folder;
     std::string file;
     int changeCount = kChangeCountNoFile;  // 3 while the file is watched, else 2
     bool pending = false;                  // a change waits to be read
     bool quietPeriodRunning = false;       // the next wait is bounded by the quiet period
+    boost::posix_time::ptime quietEnd;     // when the quiet period runs out, on m_clock
 };
 
-CConfigManager::CConfigManager() : CConfigManager(AgentConfigTarget(), "", kQuietPeriodMs) {}
+CConfigManager::CConfigManager()
+    : CConfigManager(AgentConfigTarget(), "", kQuietPeriodMs, SystemFileWatch(), SystemClock()) {}
 
-CConfigManager::CConfigManager(IConfigAgent& agent, std::string folder, unsigned int quietPeriodMs)
-    : m_agent(agent), m_folder(std::move(folder)), m_quietPeriodMs(quietPeriodMs) {}
+CConfigManager::CConfigManager(IConfigAgent& agent, std::string folder, unsigned int quietPeriodMs,
+                               IFileWatch& watch, IClock& clock)
+    : m_agent(agent),
+      m_folder(std::move(folder)),
+      m_quietPeriodMs(quietPeriodMs),
+      m_watch(watch),
+      m_clock(clock) {}
 
 CConfigManager::~CConfigManager() {
     if (!m_bThreadStarted || WaitForMonitorEnd(0)) return;
@@ -185,15 +198,10 @@ void CConfigManager::StartMonitoringConfigChanges() { StartThread(); }
 
 void CConfigManager::StopMonitorThread() {
     DNTRACE(TRACE, "CConfigManager::StopMonitorThread");
-    // The watches belong to the thread's inotify instance and go with it when the thread
-    // ends; closing them from here would race the thread's own use of them.
+    // The watches belong to the thread and go with it when the thread ends; ending them
+    // from here would race the thread's own use of them.
     m_bExitMonitor = true;
-    std::lock_guard<std::mutex> hold(m_pipeLock);
-    if (m_pipe[1] >= 0) {
-        const char wake = 'x';
-        const ssize_t written = write(m_pipe[1], &wake, 1);
-        (void)written;  // a full pipe already holds a wake-up
-    }
+    m_watch.Wake();
 }
 
 bool CConfigManager::WaitForMonitorEnd(unsigned int timeoutMs) {
@@ -220,7 +228,7 @@ void CConfigManager::ThreadMain() {
     } catch (...) {
         DNTRACE(ERR, "CConfigManager::MonitorConfigChangesProc ended by an unknown exception");
     }
-    ClosePipe();
+    m_watch.Close();
     m_stopEvent.notify();
 }
 
@@ -282,25 +290,27 @@ int CConfigManager::MonitorConfigChangesProc() {
     DNTRACE(THREAD, "CConfigManager::MonitorConfigChangesProc ==>");
     WatchState watch;
     const int setUp = SetUpWatch(watch);
-    if (setUp != 0) {
-        CloseWatch(watch);
-        return setUp;
+    if (setUp == 0) {
+        while (!m_bExitMonitor) {
+            if (!WaitAndHandle(watch)) break;
+        }
     }
-    while (!m_bExitMonitor) {
-        if (!WaitAndHandle(watch)) break;
-    }
-    CloseWatch(watch);
+    // Closing the watch ends both watches and the wake-up.
+    m_watch.Close();
+    m_fileDescriptor = -1;
+    if (setUp != 0) return setUp;
     DNTRACE(THREAD, "CConfigManager::MonitorConfigChangesProc <==");
     return 0;
 }
 
 int CConfigManager::SetUpWatch(WatchState& watch) {
-    watch.inotifyFd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (watch.inotifyFd < 0) {
-        const int error = errno;
-        DNTRACE(ERR, "MonitorConfigChangesProc: Could not open kernel queue.  Error was %s",
-                strerror(error));
-        return -1;
+    switch (m_watch.Open()) {
+        case IFileWatch::OpenResult::kNoQueue:
+            return -1;
+        case IFileWatch::OpenResult::kNoWakeUp:
+            return -4;
+        case IFileWatch::OpenResult::kOpened:
+            break;
     }
     watch.folder = m_folder;
     if (watch.folder.empty() && !GetSWGConfigFolder(watch.folder)) {
@@ -310,83 +320,43 @@ int CConfigManager::SetUpWatch(WatchState& watch) {
     watch.file = ConcatenatePath(watch.folder, g_szUpdateConfigFileName, "/");
 
     // A missing file is not fatal: the folder watch picks it up when it appears.
-    m_fileDescriptor = inotify_add_watch(watch.inotifyFd, watch.file.c_str(), kFileMask);
-    if (m_fileDescriptor < 0) {
-        const int error = errno;
-        DNTRACE(TRACE, "MonitorConfigChangesProc: open file error %d", error);
-        m_fileDescriptor = -1;
-    }
-    watch.folderWatch = inotify_add_watch(watch.inotifyFd, watch.folder.c_str(), kFolderMask);
+    const int file = m_watch.WatchFile(watch.file);
+    if (file < 0) DNTRACE(TRACE, "MonitorConfigChangesProc: open file error %d", -file);
+    m_fileDescriptor = file < 0 ? -1 : file;
+    watch.folderWatch = m_watch.WatchFolder(watch.folder);
     if (watch.folderWatch < 0) {
-        const int error = errno;
-        DNTRACE(ERR, "MonitorConfigChangesProc: open folder error %d", error);
+        DNTRACE(ERR, "MonitorConfigChangesProc: open folder error %d", -watch.folderWatch);
         return -3;
-    }
-    {
-        std::lock_guard<std::mutex> hold(m_pipeLock);
-        if (pipe2(m_pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-            const int error = errno;
-            m_pipe[0] = m_pipe[1] = -1;
-            DNTRACE(ERR, "MonitorConfigChangesProc: pipe error %d", error);
-            return -4;
-        }
-        DNTRACE(THREAD, "MonitorConfigChangesProc: pipe %d %d", m_pipe[0], m_pipe[1]);
     }
     watch.changeCount = m_fileDescriptor != -1 ? kChangeCountWithFile : kChangeCountNoFile;
     return 0;
 }
 
-void CConfigManager::CloseWatch(WatchState& watch) {
-    // Closing the instance removes both watches.
-    if (watch.inotifyFd >= 0) close(watch.inotifyFd);
-    watch.inotifyFd = -1;
-    watch.folderWatch = -1;
-    m_fileDescriptor = -1;
-    ClosePipe();
-}
-
-void CConfigManager::ClosePipe() {
-    std::lock_guard<std::mutex> hold(m_pipeLock);
-    for (int& end : m_pipe) {
-        if (end >= 0) close(end);
-        end = -1;
-    }
-}
-
 bool CConfigManager::WaitAndHandle(WatchState& watch) {
-    int pipeRead = -1;
-    {
-        std::lock_guard<std::mutex> hold(m_pipeLock);
-        pipeRead = m_pipe[0];
+    int timeoutMs = -1;
+    if (watch.quietPeriodRunning) {
+        const long long left = (watch.quietEnd - m_clock.UniversalTime()).total_milliseconds();
+        timeoutMs = left > 0 ? static_cast<int>(left) : 0;
     }
-    pollfd waits[2] = {{pipeRead, POLLIN, 0}, {watch.inotifyFd, POLLIN, 0}};
-    // Every pass waits the whole quiet period again, so it restarts with each event.
-    const int timeoutMs = watch.quietPeriodRunning ? static_cast<int>(m_quietPeriodMs) : -1;
-    const int result = poll(waits, 2, timeoutMs);
-    if (result < 0) {
-        const int error = errno;
-        // A signal for the process may land on this thread: not a failure of the watch.
-        if (error == EINTR) return true;
-        DNTRACE(ERR,
-                "MonitorConfigChangesProc: An error occurred (event count %d).  Error was '%s'",
-                result, strerror(error));
-        return false;
-    }
-    if (result > 0 && (waits[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
-        DNTRACE(THREAD, "MonitorConfigChangesProc: event count = %d", result);
+    std::vector<IFileWatch::Change> changes;
+    const IFileWatch::WaitResult result = m_watch.Wait(timeoutMs, changes);
+    if (result == IFileWatch::WaitResult::kFailed) return false;
+    if (result == IFileWatch::WaitResult::kWoken) {
         DNTRACE(TRACE, "MonitorConfigChangesProc: pipe event so exit");
         m_bExitMonitor = true;
-        ClosePipe();
         return false;
     }
-    // A stop that raced the timeout: the pending reload is dropped as the pipe would drop it.
+    // A stop that raced the timeout: the pending reload is dropped as the wake-up would drop it.
     if (m_bExitMonitor) return false;
-    if (result == 0) {
-        DNTRACE(THREAD, "MonitorConfigChangesProc: event count = %d", result);
+    if (result == IFileWatch::WaitResult::kTimeout) {
+        DNTRACE(THREAD, "MonitorConfigChangesProc: event count = %d", 0);
         HandleTimeout(watch);
         return true;
     }
-    HandleInotifyEvents(watch);
+    HandleChanges(watch, changes);
+    // Every pass with changes starts the whole quiet period again, so that it runs from the
+    // writer's last change.
+    watch.quietEnd = m_clock.UniversalTime() + boost::posix_time::milliseconds(m_quietPeriodMs);
     return true;
 }
 
@@ -401,34 +371,23 @@ void CConfigManager::HandleTimeout(WatchState& watch) {
     watch.pending = false;
 }
 
-void CConfigManager::HandleInotifyEvents(WatchState& watch) {
-    // Aligned as inotify(7) asks. One read per pass: what does not fit wakes the next poll
-    // at once, so a writer that never stops cannot keep this pass going.
-    alignas(inotify_event) char buffer[4096];
-    std::vector<inotify_event> events;
-    const ssize_t got = read(watch.inotifyFd, buffer, sizeof(buffer));
-    for (ssize_t offset = 0; got > 0 && offset < got;) {
-        inotify_event event;
-        std::memcpy(&event, buffer + offset, sizeof(event));
-        events.push_back(event);
-        offset += static_cast<ssize_t>(sizeof(inotify_event) + event.len);
-    }
-    DNTRACE(THREAD, "MonitorConfigChangesProc: event count = %d", static_cast<int>(events.size()));
-    for (const inotify_event& event : events) {
+void CConfigManager::HandleChanges(WatchState& watch,
+                                   const std::vector<IFileWatch::Change>& changes) {
+    DNTRACE(THREAD, "MonitorConfigChangesProc: event count = %d", static_cast<int>(changes.size()));
+    for (const IFileWatch::Change& change : changes) {
         if (m_bExitMonitor) return;
-        if ((event.mask & IN_Q_OVERFLOW) != 0) {
-            // Events were lost: look at the folder and treat the file as changed.
-            DNTRACE(WARN, "MonitorConfigChangesProc: unknown event: %d (%x)", event.wd, event.mask);
+        if (change.lost) {
+            // Changes were lost: look at the folder and treat the file as changed.
+            DNTRACE(WARN, "MonitorConfigChangesProc: unknown event: %d (%x)", change.watch,
+                    change.bits);
             HandleFolderEvent(watch);
             if (watch.changeCount == kChangeCountWithFile) HandleFileEvent(watch);
-        } else if ((event.mask & IN_IGNORED) != 0) {
-            // A watch went away (file gone, or replaced by a new watch): nothing to do.
-        } else if (event.wd == watch.folderWatch) {
+        } else if (change.watch == watch.folderWatch) {
             HandleFolderEvent(watch);
-        } else if (event.wd == m_fileDescriptor) {
+        } else if (change.watch == m_fileDescriptor) {
             HandleFileEvent(watch);
         }
-        // Events of a watch already replaced belong to the old file; they are dropped,
+        // Changes of a watch already replaced belong to the old file; they are dropped,
         // as a closed descriptor would have dropped them.
     }
 }
@@ -445,21 +404,12 @@ void CConfigManager::HandleFileEvent(WatchState& watch) {
 void CConfigManager::HandleFolderEvent(WatchState& watch) {
     DNTRACE(THREAD, "MonitorConfigChangesProc: Folder change event, change_count %d",
             watch.changeCount);
-    DIR* dir = opendir(watch.folder.c_str());
-    if (dir == nullptr) {
-        const int error = errno;
+    int error = 0;
+    const bool found = FolderHoldsFile(watch.folder, g_szUpdateConfigFileName, error);
+    if (error != 0) {
         DNTRACE(ERR, "MonitorConfigChangesProc: opendir failure %d", error);
         return;
     }
-    const std::string name = g_szUpdateConfigFileName;
-    bool found = false;
-    while (const dirent* entry = readdir(dir)) {
-        if (StringNocaseCompare(entry->d_name, name) == 0) {
-            found = true;
-            break;
-        }
-    }
-    closedir(dir);
     DNTRACE(THREAD, "MonitorConfigChangesProc: changecount %d found config %d", watch.changeCount,
             found ? 1 : 0);
     if (watch.changeCount == kChangeCountNoFile && found) {
@@ -476,17 +426,11 @@ void CConfigManager::HandleFolderEvent(WatchState& watch) {
 }
 
 bool CConfigManager::ArmFileWatch(WatchState& watch, const char* armedText) {
-    const int wd = inotify_add_watch(watch.inotifyFd, watch.file.c_str(), kFileMask);
+    const int wd = m_watch.WatchFile(watch.file);
     if (wd < 0) {
-        const int error = errno;
-        DNTRACE(TRACE, "MonitorConfigChangesProc: open file error %d", error);
+        DNTRACE(TRACE, "MonitorConfigChangesProc: open file error %d", -wd);
         ForgetFileWatch(watch);
         return false;
-    }
-    // The same file gives the same watch back; a replaced one a new watch, and the old one
-    // would keep reporting the old file.
-    if (m_fileDescriptor != -1 && m_fileDescriptor != wd) {
-        (void)inotify_rm_watch(watch.inotifyFd, m_fileDescriptor);
     }
     m_fileDescriptor = wd;
     watch.changeCount = kChangeCountWithFile;
@@ -497,8 +441,7 @@ bool CConfigManager::ArmFileWatch(WatchState& watch, const char* armedText) {
 }
 
 void CConfigManager::ForgetFileWatch(WatchState& watch) {
-    // The watch may be gone already (file deleted); the error is of no interest then.
-    if (m_fileDescriptor != -1) (void)inotify_rm_watch(watch.inotifyFd, m_fileDescriptor);
+    m_watch.ForgetFile();
     m_fileDescriptor = -1;
     watch.changeCount = kChangeCountNoFile;
 }

@@ -39,7 +39,7 @@
 #include "support/MoFile.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

@@ -25,7 +25,7 @@
 #include "support/NetnsScope.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace swg_test {
 namespace {

@@ -11,6 +11,8 @@
 #include "config/ConfigManager.h"
 #include "foundation/SSFileTrace.h"
 #include "foundation/Trace.h"
+#include "support/FakeClock.h"
+#include "support/FakeFileWatch.h"
 #include "support/SyslogCapture.h"
 
 namespace {
@@ -56,7 +58,9 @@ protected:
     CSSFileTrace m_trace;
     config_test::TempFolder m_folder;
     config_test::RecordingAgent m_agent;
-    CConfigManager m_manager{m_agent, m_folder.Path(), 50};
+    swg_test::FakeClock m_clock;
+    swg_test::FakeFileWatch m_watch{m_clock};
+    CConfigManager m_manager{m_agent, m_folder.Path(), 50, m_watch, m_clock};
 };
 
 struct FieldCase {

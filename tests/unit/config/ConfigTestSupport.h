@@ -7,16 +7,12 @@
 #include <stdlib.h>
 
 #include <boost/filesystem.hpp>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "config/ConfigAgent.h"
@@ -112,28 +108,13 @@ inline std::string EditConfig(const std::string& json, const std::string& path, 
     return text.get();
 }
 
-// Polls `done` every 10 ms until it holds or `limit` has passed; returns its last result.
-inline bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) return done();
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
 // Loads and holds the record in a real CSWGAgent; records every other request as a word
 // ("SetOrgInfo", "RestartKDF:0", "SendSWGState:config_error:0", "ChangeDebugLevel:0x107",
-// ...) in call order, and the time of every load. Any thread.
+// ...) in call order. Any thread.
 class RecordingAgent : public IConfigAgent {
 public:
-    using Clock = std::chrono::steady_clock;
-
     bool LoadOrgInfo(const std::string& folder, OrgInfoRecord& info) override {
-        const bool loaded = m_agent.LoadOrgInfoFromFolder(folder, info);
-        std::lock_guard<std::mutex> hold(m_lock);
-        m_loadTimes.push_back(Clock::now());
-        return loaded;
+        return m_agent.LoadOrgInfoFromFolder(folder, info);
     }
     OrgInfoRecord GetOrgInfo() override { return m_agent.GetOrgInfo(); }
     void SetOrgInfo(const OrgInfoRecord& info) override {
@@ -176,10 +157,6 @@ public:
         std::lock_guard<std::mutex> hold(m_lock);
         m_calls.clear();
     }
-    std::vector<Clock::time_point> LoadTimes() const {
-        std::lock_guard<std::mutex> hold(m_lock);
-        return m_loadTimes;
-    }
 
     bool restartResult = true;  // what RestartKDF answers
 
@@ -192,7 +169,6 @@ private:
     CSWGAgent m_agent;
     mutable std::mutex m_lock;
     std::vector<std::string> m_calls;
-    std::vector<Clock::time_point> m_loadTimes;
 };
 
 }  // namespace config_test

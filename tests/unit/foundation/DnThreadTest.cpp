@@ -13,7 +13,7 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
-#include "ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 #include "foundation/DnEventThread.h"
 #include "foundation/DnTimerThread.h"
 #include "foundation/Trace.h"

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 #include "foundation/MsgCatalog.h"
 #include "support/MoFile.h"
 

@@ -14,7 +14,7 @@
 #include "foundation/MsgCatalog.h"
 #include "support/MoFile.h"
 #include "support/TestServers.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "GatewayTestSupport.h"
 #include "foundation/GlobalConst.h"
 #include "support/GatewayProcess.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include "proxy/DnSocket.h"
 #include "support/GatewayProcess.h"
 #include "support/SocketPeers.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 #include "upstream/LicenceHeader.h"
 #include "upstream/ProxyInfo.h"
 

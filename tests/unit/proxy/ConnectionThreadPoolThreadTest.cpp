@@ -13,7 +13,7 @@
 #include "proxy/ConnectionThreadPoolThread.h"
 #include "proxy/DnSocket.h"
 #include "support/SocketPeers.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

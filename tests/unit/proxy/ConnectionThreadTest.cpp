@@ -17,7 +17,7 @@
 #include "proxy/SocketPair.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "proxy/ListenThread.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

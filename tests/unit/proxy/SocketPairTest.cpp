@@ -18,7 +18,7 @@
 #include "proxy/DnSocket.h"
 #include "proxy/SocketPair.h"
 #include "support/SocketPeers.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "core/SWGAgent.h"
 #include "support/FakeSocketRedirector.h"
 #include "support/TraceRecorder.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace swg_test {
 

@@ -11,7 +11,7 @@
 
 #include "FakeAddressResolver.h"
 #include "resolve/DnsLookup.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Test helpers: a scripted resolver with a gate that holds calls inside, and a clock moved by hand.
+// Test helper: a scripted resolver with a gate that holds calls inside.
 #pragma once
 
 #include <arpa/inet.h>
@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <boost/date_time/posix_time/posix_time.hpp>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -20,7 +19,7 @@
 #include <vector>
 
 #include "platform/AddressResolver.h"
-#include "platform/Clock.h"
+#include "support/FakeClock.h"
 
 namespace swg_test {
 
@@ -196,48 +195,6 @@ private:
     int m_outstanding = 0;
     std::map<std::string, FakeAnswer> m_answers;
     std::map<std::string, std::pair<int, std::string>> m_names;
-};
-
-// UTC time that moves only when told to; every sleep is recorded and moves the time by its
-// length at once. A hook may run after each sleep (on the sleeping thread).
-class FakeClock : public IClock {
-public:
-    boost::posix_time::ptime UniversalTime() override {
-        std::lock_guard<std::mutex> hold(m_lock);
-        return m_now;
-    }
-    void SleepMs(unsigned int ms) override {
-        std::function<void(std::size_t)> hook;
-        std::size_t count = 0;
-        {
-            std::lock_guard<std::mutex> hold(m_lock);
-            m_sleeps.push_back(ms);
-            m_now += boost::posix_time::milliseconds(ms);
-            hook = m_onSleep;
-            count = m_sleeps.size();
-        }
-        if (hook) hook(count);
-    }
-
-    void Set(const boost::posix_time::ptime& now) {
-        std::lock_guard<std::mutex> hold(m_lock);
-        m_now = now;
-    }
-    std::vector<unsigned int> Sleeps() {
-        std::lock_guard<std::mutex> hold(m_lock);
-        return m_sleeps;
-    }
-    // `hook(n)` runs after the n-th sleep.
-    void OnSleep(std::function<void(std::size_t)> hook) {
-        std::lock_guard<std::mutex> hold(m_lock);
-        m_onSleep = std::move(hook);
-    }
-
-private:
-    std::mutex m_lock;
-    boost::posix_time::ptime m_now{boost::posix_time::time_from_string("2024-03-01 12:00:00.000")};
-    std::vector<unsigned int> m_sleeps;
-    std::function<void(std::size_t)> m_onSleep;
 };
 
 }  // namespace swg_test

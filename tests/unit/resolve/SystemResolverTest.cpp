@@ -30,7 +30,7 @@
 #include "FakeAddressResolver.h"
 #include "resolve/DnsLookup.h"
 #include "support/NetnsScope.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "foundation/GlobalConst.h"
 #include "resolve/LookupThread.h"
 #include "resolve/ThreadPoolThread.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

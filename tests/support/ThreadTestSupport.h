@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Helpers for the thread, event and locale tests: polling with a hang guard, a trace that
-// records, and a guard for the locale variables.
+// Helpers for tests of threads: polling with a hang guard, a trace that records, and a guard
+// for the locale variables.
 #pragma once
 
 #include <chrono>
@@ -16,12 +16,12 @@ namespace swg_test {
 // Upper bound for anything that should happen "soon"; only a guard against hangs.
 constexpr std::chrono::seconds kHangGuard{10};
 
-// Polls `done` every millisecond until it holds or kHangGuard passes. Returns whether it held.
+// Polls `done` every millisecond until it holds or `limit` passes. Returns whether it held.
 template <typename Predicate>
-bool WaitUntil(Predicate done) {
-    const auto giveUp = std::chrono::steady_clock::now() + kHangGuard;
+bool WaitUntil(Predicate done, std::chrono::milliseconds limit = kHangGuard) {
+    const auto giveUp = std::chrono::steady_clock::now() + limit;
     while (!done()) {
-        if (std::chrono::steady_clock::now() > giveUp) return false;
+        if (std::chrono::steady_clock::now() > giveUp) return done();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
