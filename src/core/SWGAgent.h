@@ -49,7 +49,7 @@ public:
     CSWGAgent(const CSWGAgent&) = delete;
     CSWGAgent& operator=(const CSWGAgent&) = delete;
 
-    // ---- process lifecycle -------------------------------------------------------
+    // ---- process lifecycle (core/SWGAgent.cpp) ---------------------------------------
     // Loads the configuration and prepares the process; 0, or SWG_E_FAIL when the
     // configuration cannot be loaded.
     long Init();
@@ -65,12 +65,6 @@ public:
     void StopComponents();
     // Does nothing; returns 0.
     long UnInit();
-    // Brings the process's FIPS mode in line with the configuration.
-    void UpdateFedRampMode();
-    // Hands the gateway name in use to the statistics object, if there is one.
-    void SetActiveTowerName();
-    // Creates the hash manager; 0 or SWG_E_OUTOFMEMORY.
-    long InitializeHashManagerInterface();
     // Writes `text` to syslog at the error priority; null is ignored.
     static void LogEventEx(const char* text, unsigned short unused);
     // Whether an IPv6 stream socket can be created on this host.
@@ -80,7 +74,7 @@ public:
     AgentRunState KdfState() const { return m_kdfState; }
     int StopProgress() const { return m_stopProgress; }
 
-    // ---- configuration ------------------------------------------------------------
+    // ---- configuration (config/SWGAgentConfig.cpp) ----------------------------------
     // Reads SWGConfig.json and its override from the configuration folder (under
     // GetAllUsersAppDataPath) into `info`, a freshly constructed record. True when the
     // record is valid; false for a missing, unreadable, malformed or invalid file, each
@@ -99,14 +93,17 @@ public:
     // The gateway name to use; `wantIPv6` asks for an IPv6 anycast address.
     std::string GetSWGProxyName(bool wantIPv6);
     bool GetAnycastV6Available();
+    // Brings the process's FIPS mode in line with the configuration.
+    void UpdateFedRampMode();
 
-    // ---- system proxy --------------------------------------------------------------
+    // ---- system proxy (upstream/SWGAgentPublicProxy.cpp) ------------------------------
     // Accepts proxy credentials and ignores all four: the agent sends no credentials to a
     // proxy. Any thread.
     void SendProxyCredentials(const std::string& host, int port, const std::string& user,
                               const std::string& password);
 
-    // ---- redirector ----------------------------------------------------------------
+    // ---- redirector (redirect/SWGAgentRedirector.cpp; the rule lists in
+    // SWGAgentRedirectRules.cpp, the IKdfApiCB callbacks in SWGAgentDisruption.cpp) -----
     // Without a handle, creates one (failure: SWG_E_FAIL) and opens it, retrying OpenPlugin
     // without bound (2, 4, ... 12 s, then every 15 s). Then builds the rules of `info`,
     // stops, clears, installs them and starts; a refused list or start goes back to the
@@ -151,7 +148,12 @@ public:
     void OnKdfDisruption() override;
     void OnPlannedKdfDisruptionStart(PlannedDisruption what) override;
     void OnPlannedKdfDisruptionComplete(PlannedDisruption what) override;
-    // ---- name resolution -------------------------------------------------------------
+    // Platform seams of the redirection control; see RedirectorSeams.
+    RedirectorSeams m_redirectorSeams;
+    // Detached redirector threads (recovery, planned start) that have not yet finished.
+    std::atomic<int> m_kdfThreadsRunning{0};
+
+    // ---- name resolution (resolve/SWGAgentCache.cpp) ---------------------------------
     // The cached IPv4 addresses (network order) of `host`, or an empty list when `host` is not
     // the cached host or the list is 31 seconds old or more; a miss empties the IPv4 list.
     // Any thread (m_cacheLock).
@@ -169,22 +171,8 @@ public:
     // The clock of the cache stamps (null: the system clock); must outlive its use. For tests.
     void SetCacheClock(IClock* clock);
 
-    // Platform seams of the redirection control; see RedirectorSeams.
-    RedirectorSeams m_redirectorSeams;
-    // Detached redirector threads (recovery, planned start) that have not yet finished.
-    std::atomic<int> m_kdfThreadsRunning{0};
-
-private:
-    // Steps of the redirection control (src/redirect/).
-    void OpenRedirectorWithRetries();
-    bool InstallRedirectList(SVC_STARTUP_INFO& info, long& result);
-    bool ReinstallRedirectList(const SVC_STARTUP_INFO& info);
-    void RunKdfRecovery();
-    void RunPlannedDisruptionStart();
-
-public:
-
-    // ---- network awareness -----------------------------------------------------------
+    // ---- network awareness (core/SWGAgentPending.cpp, not built yet; the captive portal
+    // flag in netaware/SWGAgentCaptivePortal.cpp) ------------------------------------
     // Looks at the interfaces; 0 or 2 when something changed that matters.
     int checkInterfaceChanges();
     // Acts on a settled run of address changes; main thread only.
@@ -204,7 +192,7 @@ public:
     // thread; the probe is called on the detecting thread without a lock held.
     void SetCaptivePortalProbe(std::function<bool(long timeoutSeconds)> probe);
 
-    // ---- state and statistics ---------------------------------------------------------
+    // ---- state and statistics (core/SWGAgentPending.cpp, not built yet) ---------------
     // Reports a state word to the UI and the state file. 0 handled, -1 refused, -2 failed.
     int SendSWGState(const std::string& state, int update);
     // Rewrites SWGState.json from the last state word and the record; 0 or -2.
@@ -213,24 +201,42 @@ public:
     void StatsIncrementTotalBypassedHostConnections();
     void StatsIncrementTotalHTTPConnections();
     void StatsIncrementTotalHTTPSConnections();
+    // Hands the gateway name in use to the statistics object, if there is one.
+    void SetActiveTowerName();
+    // Creates the hash manager; 0 or SWG_E_OUTOFMEMORY.
+    long InitializeHashManagerInterface();
 
 private:
     friend class CSWGAgentTestAccess;
 
-    // Steps of the start order whose components live in other areas.
-    long StartCommunicator();
-    long StartStatistics();
-    // Takes the reference on the proxy manager that the run keeps (StopComponents gives it
-    // back), reads the system proxy and records it in g_ProxyInfo.
-    void ObtainPublicProxySettings();
-    void ReleaseHashManager();
-    void StartConfigMonitor();
-    void StopConfigMonitor();
+    // ---- steps of the start and stop order -----------------------------------------
+    // core/SWGAgent.cpp
+    void RunLoop();
+    void RunStopSequence();
+    // core/SWGAgentListeners.cpp
     int StartListener(bool ipv6);
     void StopListener(bool ipv6);
     bool CreateListeners(long& error);
-    void RunLoop();
-    void RunStopSequence();
+    // config/SWGAgentConfig.cpp
+    void StartConfigMonitor();
+    void StopConfigMonitor();
+    // upstream/SWGAgentPublicProxy.cpp
+    // Takes the reference on the proxy manager that the run keeps (StopComponents gives it
+    // back), reads the system proxy and records it in g_ProxyInfo.
+    void ObtainPublicProxySettings();
+    // core/SWGAgentPending.cpp: components not built yet
+    long StartCommunicator();
+    long StartStatistics();
+    void ReleaseHashManager();
+
+    // ---- steps of the redirection control ------------------------------------------
+    // redirect/SWGAgentRedirector.cpp
+    void OpenRedirectorWithRetries();
+    bool InstallRedirectList(SVC_STARTUP_INFO& info, long& result);
+    bool ReinstallRedirectList(const SVC_STARTUP_INFO& info);
+    // redirect/SWGAgentDisruption.cpp
+    void RunKdfRecovery();
+    void RunPlannedDisruptionStart();
 
 public:
     // Fields in the order of the record; most flags between threads are plain fields.

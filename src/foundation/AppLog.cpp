@@ -2,9 +2,6 @@
 // The application log: message formatting, the shared logger and the custom levels.
 #include "foundation/AppLog.h"
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -14,6 +11,7 @@
 #include "foundation/LoggingMessages.h"
 #include "foundation/ManualLock.h"
 #include "foundation/SyslogLogger.h"
+#include "platform/ThisProcess.h"
 
 namespace {
 // strerror_r is the GNU form (returning char*) under glibc with _GNU_SOURCE and the
@@ -84,7 +82,7 @@ long CAppLog::UpdateLogger(const char* name) {
 
 int CAppLog::GetCurrentThreadId() {
     thread_local int cached = 0;
-    if (cached == 0) cached = static_cast<int>(syscall(SYS_gettid));
+    if (cached == 0) cached = CurrentThreadId();
     return cached;
 }
 

@@ -4,16 +4,15 @@
 
 #include <arpa/inet.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include "foundation/GlobalConst.h"
+#include "platform/ThisProcess.h"
 
 namespace {
 char FoldAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
@@ -109,10 +108,7 @@ std::string ConcatenatePath(const std::string& dir, const std::string& name,
 }
 
 std::string GetExecutableDirectory() {
-    char path[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    if (length <= 0) return "";
-    std::string text(path, static_cast<std::size_t>(length));
+    const std::string text = OwnExecutablePath();
     const std::size_t slash = text.rfind('/');
     if (slash == std::string::npos) return "";
     return slash == 0 ? "/" : text.substr(0, slash);

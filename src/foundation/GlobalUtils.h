@@ -31,7 +31,7 @@ bool compareWithWildStr(const std::string& text, const std::string& pattern);
 // end of `dir` and the start of `name` are merged). An empty side gives the other one.
 std::string ConcatenatePath(const std::string& dir, const std::string& name, std::string separator);
 
-// Directory of the running program (from /proc/self/exe), without a trailing "/";
+// Directory of the running program (OwnExecutablePath), without a trailing "/";
 // "" when it cannot be read.
 std::string GetExecutableDirectory();
 

@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "foundation/ThreadPoolThread.h"
 #include "platform/AddressResolver.h"
 #include "platform/Clock.h"
 #include "resolve/DnIPAddress.h"
 #include "resolve/LookupThread.h"
-#include "resolve/ThreadPoolThread.h"
 
 // Result of a lookup whose wait timed out or that found no free worker. This is the agent's own
 // code (60), kept as it stands whatever the host's ETIMEDOUT is.

@@ -8,8 +8,8 @@
 
 #include "FakeAddressResolver.h"
 #include "foundation/GlobalConst.h"
+#include "foundation/ThreadPoolThread.h"
 #include "resolve/LookupThread.h"
-#include "resolve/ThreadPoolThread.h"
 #include "support/ThreadTestSupport.h"
 
 namespace {
