@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "foundation/GlobalUtils.h"
+#include "foundation/UniqueFd.h"
 
 const char g_szUpdateConfigFileName[] = "SWGConfig.json";
 const char g_szSWGConfigSubPath[] = "/trevo/trevoclient/tarnwall/SWG";
@@ -20,30 +21,14 @@ bool GetSWGConfigFolder(std::string& folder) {
     return true;
 }
 
-namespace {
-class CFileHandle {
-public:
-    explicit CFileHandle(int fd) : m_fd(fd) {}
-    ~CFileHandle() {
-        if (m_fd >= 0) close(m_fd);
-    }
-    CFileHandle(const CFileHandle&) = delete;
-    CFileHandle& operator=(const CFileHandle&) = delete;
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-}  // namespace
-
 ConfigReadResult ReadConfigText(const std::string& path, std::string& text) {
     text.clear();
     // O_NONBLOCK: opening a FIFO that somebody put in the file's place must not hang
     // the caller waiting for a writer.
-    CFileHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (file.get() < 0) return ConfigReadResult::NotOpened;
+    CUniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (file.Get() < 0) return ConfigReadResult::NotOpened;
     struct stat info {};
-    if (fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    if (fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
         return ConfigReadResult::NotOpened;
     }
     // The size is only a hint: the writer may still be changing the file.
@@ -52,7 +37,7 @@ ConfigReadResult ReadConfigText(const std::string& path, std::string& text) {
     }
     char block[8192];
     for (;;) {
-        const ssize_t got = read(file.get(), block, sizeof(block));
+        const ssize_t got = read(file.Get(), block, sizeof(block));
         if (got == 0) return ConfigReadResult::Read;
         if (got < 0) {
             if (errno == EINTR) continue;

@@ -15,6 +15,7 @@
 #include "foundation/AppLog.h"
 #include "foundation/GlobalConst.h"
 #include "foundation/GlobalUtils.h"
+#include "foundation/UniqueFd.h"
 
 #define CUSTOM_CONFIG_LOG(importance, ...) \
     CAppLog::LogDebugMessage(__func__, __FILE__, __LINE__, importance, __VA_ARGS__)
@@ -22,21 +23,6 @@
 namespace {
 constexpr Logging::DebugImportance kInfo = Logging::kImportanceInfo;
 constexpr Logging::DebugImportance kError = Logging::kImportanceError;
-
-// Closes the descriptor on every path out of the read.
-class CFileDescriptor {
-public:
-    explicit CFileDescriptor(int fd) : m_fd(fd) {}
-    ~CFileDescriptor() {
-        if (m_fd >= 0) close(m_fd);
-    }
-    CFileDescriptor(const CFileDescriptor&) = delete;
-    CFileDescriptor& operator=(const CFileDescriptor&) = delete;
-    int Get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
 }  // namespace
 
 const CAppLogCustomConfig::COMPONENT_ROW
@@ -87,7 +73,7 @@ long CAppLogCustomConfig::getConfigurationFileContents(std::string& contents) {
     if (!DoesFileExist(path)) return SWG_E_LOGCFG_NOT_PRESENT;
     // POSIX calls rather than a stream: a stream cannot tell a failed read (EISDIR,
     // EIO) from an empty file, and those two must give different results.
-    CFileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    CUniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.Get() < 0) return SWG_E_LOGCFG_OPEN_FAILED;
     char block[4096];
     for (;;) {

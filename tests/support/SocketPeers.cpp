@@ -12,24 +12,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 namespace swg_test {
-
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
-    if (this != &other) Reset(other.Release());
-    return *this;
-}
-
-int UniqueFd::Release() {
-    const int fd = m_fd;
-    m_fd = -1;
-    return fd;
-}
-
-void UniqueFd::Reset(int fd) {
-    if (m_fd != -1) ::close(m_fd);
-    m_fd = fd;
-}
 
 LoopbackListener ListenOnLoopback(int family, int backlog) {
     LoopbackListener listener;
@@ -103,6 +88,29 @@ bool WriteAll(int fd, const std::string& data, std::chrono::milliseconds timeout
         }
     }
     return true;
+}
+
+SocketPairPeer MakeSocketPairPeer() {
+    int ends[2] = {-1, -1};
+    SocketPairPeer result;
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return result;
+    result.agentSide = std::make_unique<CDnSocket>(ends[0]);
+    result.peer.Reset(ends[1]);
+    return result;
+}
+
+void SocketPeerTest::SetUp() {
+    SocketPairPeer pair = MakeSocketPairPeer();
+    ASSERT_NE(pair.agentSide, nullptr);
+    m_sock = std::move(pair.agentSide);
+    m_peer = std::move(pair.peer);
+    const timeval limit{5, 0};
+    ASSERT_EQ(::setsockopt(m_sock->GetSocket(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)),
+              0);
+}
+
+void SocketPeerTest::PeerSends(const std::string& bytes) {
+    ASSERT_TRUE(WriteAll(m_peer.Get(), bytes, std::chrono::seconds(2)));
 }
 
 bool ReadExactly(int fd, std::size_t count, std::string& out, std::chrono::milliseconds timeout) {

@@ -1,34 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// Test peers over real kernel sockets: loopback TCP pairs, listeners, bounded reads and writes.
+// Test peers over real kernel sockets: socketpairs and loopback TCP pairs, listeners, bounded
+// reads and writes.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
+
+#include "foundation/UniqueFd.h"
+#include "proxy/DnSocket.h"
 
 namespace swg_test {
 
-// Closes its descriptor on destruction.
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : m_fd(fd) {}
-    ~UniqueFd() { Reset(); }
-    UniqueFd(UniqueFd&& other) noexcept : m_fd(other.Release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept;
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-
-    int Get() const { return m_fd; }
-    // Gives up ownership; returns the descriptor.
-    int Release();
-    // Closes the descriptor held, if any, and takes `fd`.
-    void Reset(int fd = -1);
-
-private:
-    int m_fd = -1;
-};
+using UniqueFd = CUniqueFd;
 
 // A loopback listener on port 0 of `family` (AF_INET or AF_INET6); -1 descriptor on failure.
 struct LoopbackListener {
@@ -45,13 +32,34 @@ struct TcpPair {
 };
 TcpPair MakeTcpPair(int family);
 
+// A stream socketpair: the agent's end in a CDnSocket, the test's end as a descriptor. A null
+// socket on failure.
+struct SocketPairPeer {
+    std::unique_ptr<CDnSocket> agentSide;
+    UniqueFd peer;
+};
+SocketPairPeer MakeSocketPairPeer();
+
+// A fixture: m_sock on one end of a fresh stream socketpair, the test playing the peer on
+// m_peer. A read of m_sock that waits for bytes that never come fails after 5 s instead of
+// hanging the suite.
+class SocketPeerTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    // Writes `bytes` to the agent's end (2 s bound).
+    void PeerSends(const std::string& bytes);
+
+    UniqueFd m_peer;
+    std::unique_ptr<CDnSocket> m_sock;
+};
+
 // Writes all of `data` within `timeout`, without SIGPIPE; false on error or timeout.
 bool WriteAll(int fd, const std::string& data, std::chrono::milliseconds timeout);
 // Reads exactly `count` bytes within `timeout` into `out`; false (with what came) on error,
 // end of stream or timeout.
 bool ReadExactly(int fd, std::size_t count, std::string& out, std::chrono::milliseconds timeout);
 // Reads until end of stream, an error, or a wait for more longer than `timeout`; what came.
-std::string ReadToEnd(int fd, std::chrono::milliseconds timeout);
+std::string ReadToEnd(int fd, std::chrono::milliseconds timeout = std::chrono::seconds(2));
 // Waits up to `timeout` for `fd` to be readable (data or end of stream).
 bool WaitReadable(int fd, std::chrono::milliseconds timeout);
 // FIONREAD of `fd`; -1 when the call fails.

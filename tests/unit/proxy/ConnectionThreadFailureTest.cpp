@@ -12,7 +12,9 @@
 
 #include "GatewayTestSupport.h"
 #include "foundation/MsgCatalog.h"
+#include "proxy/ConnectionThread.h"
 #include "support/MoFile.h"
+#include "support/SocketPeers.h"
 #include "support/TestServers.h"
 #include "support/ThreadTestSupport.h"
 
@@ -39,7 +41,7 @@ class FailurePolicyFixture {
 protected:
     FailurePolicyFixture() : m_origin(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler) {
         swg_test::SocketPairPeer local = swg_test::MakeSocketPairPeer();
-        m_thread.m_pKdfSocket = local.agentSide;
+        m_thread.m_pKdfSocket = local.agentSide.release();
         m_client = std::move(local.peer);
         m_thread.m_origDstV4 = ::inet_addr("127.0.0.1");
         m_thread.m_origDstPort = htons(swg_test::EndpointPort(m_origin.Address()));

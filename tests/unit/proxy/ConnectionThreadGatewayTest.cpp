@@ -14,7 +14,9 @@
 
 #include "GatewayTestSupport.h"
 #include "foundation/GlobalConst.h"
+#include "proxy/ConnectionThread.h"
 #include "support/GatewayProcess.h"
+#include "support/SocketPeers.h"
 #include "support/ThreadTestSupport.h"
 
 namespace {
@@ -31,8 +33,8 @@ protected:
         swg_test::SocketPairPeer outgoing = swg_test::MakeSocketPairPeer();
         ASSERT_NE(local.agentSide, nullptr);
         ASSERT_NE(outgoing.agentSide, nullptr);
-        m_thread.m_pKdfSocket = local.agentSide;
-        m_thread.m_pExternalSocket = outgoing.agentSide;
+        m_thread.m_pKdfSocket = local.agentSide.release();
+        m_thread.m_pExternalSocket = outgoing.agentSide.release();
         m_client = std::move(local.peer);
         m_gateway = std::move(outgoing.peer);
     }

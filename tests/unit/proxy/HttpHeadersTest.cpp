@@ -13,6 +13,7 @@
 #include "foundation/GlobalConst.h"
 #include "proxy/DnSocket.h"
 #include "proxy/HttpHeaders.h"
+#include "proxy/ProxyLimits.h"
 #include "support/SocketPeers.h"
 
 namespace {
@@ -29,23 +30,15 @@ constexpr char kRequestBlock[] =
     "\r\n";
 
 // The header reader on one end of a stream socketpair; the test plays the client.
-class HttpHeadersTest : public ::testing::Test {
+class HttpHeadersTest : public swg_test::SocketPeerTest {
 protected:
     void SetUp() override {
-        int fds[2] = {-1, -1};
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        m_peer.Reset(fds[0]);
-        m_sock = std::make_unique<CDnSocket>(fds[1]);
+        SocketPeerTest::SetUp();
         m_headers.Reset();
     }
 
-    void PeerSends(const std::string& bytes) {
-        ASSERT_TRUE(swg_test::WriteAll(m_peer.Get(), bytes, 2s));
-    }
-    long Read() { return m_headers.Read(m_sock.get(), m_exit, 64000); }
+    long Read() { return m_headers.Read(m_sock.get(), m_exit, kHeaderBlockLimit); }
 
-    UniqueFd m_peer;
-    std::unique_ptr<CDnSocket> m_sock;
     std::atomic<bool> m_exit{false};
     CDnHttpHeaders m_headers{256};
 };

@@ -32,21 +32,8 @@ using swg_test::UniqueFd;
 constexpr int kInvalidArg = static_cast<int>(SWG_E_INVALIDARG);
 
 // The socket under test on one end of a stream socketpair; the test plays the peer.
-class VSocketTest : public ::testing::Test {
+class VSocketTest : public swg_test::SocketPeerTest {
 protected:
-    void SetUp() override {
-        int fds[2] = {-1, -1};
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        m_peer.Reset(fds[0]);
-        m_sock = std::make_unique<CDnSocket>(fds[1]);
-        // A reader that waits for bytes that never come fails instead of hanging the suite.
-        const timeval limit{5, 0};
-        ASSERT_EQ(::setsockopt(fds[1], SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
-    }
-
-    void PeerSends(const std::string& bytes) {
-        ASSERT_TRUE(swg_test::WriteAll(m_peer.Get(), bytes, 2s));
-    }
     std::string Buffered() {
         std::string out;
         m_sock->PeekDataFromBuffer(out);
@@ -59,8 +46,6 @@ protected:
         return out;
     }
 
-    UniqueFd m_peer;
-    std::unique_ptr<CDnSocket> m_sock;
     std::atomic<bool> m_exit{false};
 };
 
@@ -254,16 +239,16 @@ TEST_F(DnSocketTest, RecvServesThePrefixBeforeTheDescriptorAndNeverMixesThem) {
 // readiness, timeout and a select failure must each give their own result, also on
 // descriptors above FD_SETSIZE up to 8191, where glibc's fd_set would overflow.
 TEST(IsSocketAvailableTest, RefusesBadInputAndServesDescriptorsUpTo8191) {
-    int fds[2] = {-1, -1};
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    UniqueFd a(fds[0]);
-    UniqueFd b(fds[1]);
+    const swg_test::SocketPairPeer pair = swg_test::MakeSocketPairPeer();
+    ASSERT_NE(pair.agentSide, nullptr);
+    const int a = pair.agentSide->GetSocket();
+    const int b = pair.peer.Get();
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(-1, 1, 0, 0), kInvalidArg);
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(8192, 1, 0, 0), kInvalidArg);
-    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 0, 0, 0), kInvalidArg);
-    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 3, 0, 0), kInvalidArg);
-    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a.Get(), 2, 0, 20000), 0);
-    const int closed = ::dup(a.Get());
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a, 0, 0, 0), kInvalidArg);
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a, 3, 0, 0), kInvalidArg);
+    EXPECT_EQ(CDnVSocket::IsSocketAvailable(a, 2, 0, 20000), 0);
+    const int closed = ::dup(a);
     ::close(closed);
     EXPECT_EQ(CDnVSocket::IsSocketAvailable(closed, 1, 0, 1000), EBADF);
 
@@ -273,11 +258,11 @@ TEST(IsSocketAvailableTest, RefusesBadInputAndServesDescriptorsUpTo8191) {
     raised.rlim_cur = std::max<rlim_t>(raised.rlim_cur, 8192);
     raised.rlim_max = std::max(raised.rlim_max, raised.rlim_cur);
     if (::setrlimit(RLIMIT_NOFILE, &raised) != 0) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE";
-    for (const int fd : {a.Get(), 2000, 8191}) {
+    for (const int fd : {a, 2000, 8191}) {
         SCOPED_TRACE(fd);
-        UniqueFd moved(fd == a.Get() ? -1 : ::dup2(a.Get(), fd));
+        UniqueFd moved(fd == a ? -1 : ::dup2(a, fd));
         EXPECT_EQ(CDnVSocket::IsSocketAvailable(fd, 1, 0, 20000), SWG_SOCKET_TIMEOUT);
-        ASSERT_TRUE(swg_test::WriteAll(b.Get(), "x", 1s));
+        ASSERT_TRUE(swg_test::WriteAll(b, "x", 1s));
         EXPECT_EQ(CDnVSocket::IsSocketAvailable(fd, 1, 1, 0), 0);
         char byte = 0;
         ASSERT_EQ(::recv(fd, &byte, 1, 0), 1);
