@@ -13,6 +13,8 @@
 #include <sstream>
 #include <thread>
 
+#include "support/ThreadTestSupport.h"
+
 extern char** environ;
 
 namespace swg_test {
@@ -89,11 +91,7 @@ int CGatewayProcess::Stop(int signal, std::chrono::milliseconds timeout) {
     int status = -1;
     if (m_pid <= 0) return status;
     kill(m_pid, signal);
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (Exited(status)) return status;
-        std::this_thread::sleep_for(kPollStep);
-    }
+    if (WaitUntil([&] { return Exited(status); }, timeout, kPollStep)) return status;
     kill(m_pid, SIGKILL);
     waitpid(m_pid, nullptr, 0);
     m_pid = -1;
@@ -115,12 +113,7 @@ int CountLinesWith(const std::string& path, const std::string& text) {
 
 bool WaitForLines(const std::string& path, const std::string& text, int count,
                   std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (CountLinesWith(path, text) < count) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(kPollStep);
-    }
-    return true;
+    return WaitUntil([&] { return CountLinesWith(path, text) >= count; }, timeout, kPollStep);
 }
 
 }  // namespace swg_test

@@ -16,13 +16,14 @@ namespace swg_test {
 // Upper bound for anything that should happen "soon"; only a guard against hangs.
 constexpr std::chrono::seconds kHangGuard{10};
 
-// Polls `done` every millisecond until it holds or `limit` passes. Returns whether it held.
+// Polls `done` every `step` until it holds or `limit` passes. Returns whether it held.
 template <typename Predicate>
-bool WaitUntil(Predicate done, std::chrono::milliseconds limit = kHangGuard) {
+bool WaitUntil(Predicate done, std::chrono::milliseconds limit = kHangGuard,
+               std::chrono::milliseconds step = std::chrono::milliseconds(1)) {
     const auto giveUp = std::chrono::steady_clock::now() + limit;
     while (!done()) {
         if (std::chrono::steady_clock::now() > giveUp) return done();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(step);
     }
     return true;
 }

@@ -18,91 +18,70 @@
 #include "platform/FileWatch.h"
 
 namespace {
-using Change = IFileWatch::Change;
-using WaitResult = IFileWatch::WaitResult;
 
-class InotifyWatchTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/swg-watch-test-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_folder = pattern;
-        m_file = m_folder + "/SWGConfig.json";
-        Write(m_file, "{}");
-        ASSERT_EQ(m_watch->Open(), IFileWatch::OpenResult::kOpened);
-        m_folderId = m_watch->WatchFolder(m_folder);
-        ASSERT_GE(m_folderId, 0);
-    }
-    void TearDown() override {
-        m_watch->Close();
-        boost::system::error_code ignored;
-        boost::filesystem::remove_all(m_folder, ignored);
-    }
+void Write(const std::string& path) { std::ofstream(path, std::ios::trunc) << "{}"; }
 
-    static void Write(const std::string& path, const std::string& text) {
-        std::ofstream(path, std::ios::trunc) << text;
+// The watch ids of the changes already queued: the kernel queues them before the call that
+// made them returns, so no wait is needed.
+std::vector<int> Pending(IFileWatch& watch) {
+    std::vector<int> ids;
+    std::vector<IFileWatch::Change> changes;
+    while (watch.Wait(0, changes) == IFileWatch::WaitResult::kChanges && !changes.empty()) {
+        for (const IFileWatch::Change& change : changes) ids.push_back(change.watch);
     }
-    // The watch ids of the changes that are already queued (the kernel queues them before
-    // the call that made them returns).
-    std::vector<int> Pending() {
-        std::vector<int> ids;
-        std::vector<Change> changes;
-        while (m_watch->Wait(0, changes) == WaitResult::kChanges && !changes.empty()) {
-            for (const Change& change : changes) ids.push_back(change.watch);
-        }
-        return ids;
-    }
-    static bool Has(const std::vector<int>& ids, int id) {
-        return std::find(ids.begin(), ids.end(), id) != ids.end();
-    }
-
-    std::unique_ptr<IFileWatch> m_watch = CreateSystemFileWatch();
-    std::string m_folder;
-    std::string m_file;
-    int m_folderId = -1;
-};
+    return ids;
+}
+bool Has(const std::vector<int>& ids, int id) {
+    return std::find(ids.begin(), ids.end(), id) != ids.end();
+}
 
 // Guards the masks and the re-watch: a write reports the file's watch; a replacement by
 // rename reports the folder and the old file, and only a fresh watch follows the new file;
-// a deletion reports the folder, and a missing file cannot be watched.
-TEST_F(InotifyWatchTest, WatchesFollowWritesReplacementAndDeletion) {
-    const int first = m_watch->WatchFile(m_file);
+// a deletion reports the folder; a missing file cannot be watched; the wake-up ends a wait
+// without bound ahead of queued changes.
+TEST(InotifyWatchTest, FollowsWritesReplacementDeletionAndWakes) {
+    const boost::filesystem::path folder = boost::filesystem::temp_directory_path() /
+                                           boost::filesystem::unique_path("swg-watch-%%%%%%%%");
+    ASSERT_TRUE(boost::filesystem::create_directory(folder));
+    const std::string file = (folder / "SWGConfig.json").string();
+    Write(file);
+    const std::unique_ptr<IFileWatch> watch = CreateSystemFileWatch();
+    ASSERT_EQ(watch->Open(), IFileWatch::OpenResult::kOpened);
+    const int folderId = watch->WatchFolder(folder.string());
+    const int first = watch->WatchFile(file);
+    ASSERT_GE(folderId, 0);
     ASSERT_GE(first, 0);
-    EXPECT_EQ(m_watch->WatchFile(m_file), first) << "the same file watched twice";
-    Write(m_file, R"({"a":1})");
-    EXPECT_TRUE(Has(Pending(), first));
+    EXPECT_EQ(watch->WatchFile(file), first) << "the same file watched twice";
+    Write(file);
+    EXPECT_TRUE(Has(Pending(*watch), first));
 
-    Write(m_file + ".part", R"({"a":2})");
-    ASSERT_EQ(std::rename((m_file + ".part").c_str(), m_file.c_str()), 0);
-    const std::vector<int> replaced = Pending();
-    EXPECT_TRUE(Has(replaced, m_folderId));
+    Write(file + ".part");
+    ASSERT_EQ(std::rename((file + ".part").c_str(), file.c_str()), 0);
+    const std::vector<int> replaced = Pending(*watch);
+    EXPECT_TRUE(Has(replaced, folderId));
     EXPECT_TRUE(Has(replaced, first));
-    const int second = m_watch->WatchFile(m_file);
-    ASSERT_GE(second, 0);
+    const int second = watch->WatchFile(file);
     EXPECT_NE(second, first);
-    Write(m_file, R"({"a":3})");
-    const std::vector<int> written = Pending();
+    Write(file);
+    const std::vector<int> written = Pending(*watch);
     EXPECT_TRUE(Has(written, second));
     EXPECT_FALSE(Has(written, first));
 
-    ASSERT_EQ(std::remove(m_file.c_str()), 0);
-    EXPECT_TRUE(Has(Pending(), m_folderId));
-    EXPECT_EQ(m_watch->WatchFile(m_file), -ENOENT);
-    std::vector<Change> none;
-    EXPECT_EQ(m_watch->Wait(0, none), WaitResult::kTimeout);
-}
+    ASSERT_EQ(std::remove(file.c_str()), 0);
+    EXPECT_TRUE(Has(Pending(*watch), folderId));
+    EXPECT_EQ(watch->WatchFile(file), -ENOENT);
+    std::vector<IFileWatch::Change> changes;
+    EXPECT_EQ(watch->Wait(0, changes), IFileWatch::WaitResult::kTimeout);
 
-// Guards the wake-up: a pull ends the next unbounded wait, ahead of queued changes.
-TEST_F(InotifyWatchTest, WakeEndsTheWaitAheadOfChanges) {
-    ASSERT_GE(m_watch->WatchFile(m_file), 0);
-    Write(m_file, R"({"a":1})");
-    m_watch->Wake();
-    std::vector<Change> changes;
-    EXPECT_EQ(m_watch->Wait(-1, changes), WaitResult::kWoken);
+    Write(file);
+    watch->Wake();
+    EXPECT_EQ(watch->Wait(-1, changes), IFileWatch::WaitResult::kWoken);
+    watch->Close();
+    boost::filesystem::remove_all(folder);
 }
 
 // Guards a wake-up before any Open: no byte goes to descriptor 0 in the pipe's place.
-TEST(InotifyWatchWake, WakeBeforeOpenWritesNothing) {
+TEST(InotifyWatchTest, WakeBeforeOpenWritesNothing) {
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
     const int savedStdin = dup(STDIN_FILENO);
