@@ -9,26 +9,18 @@
 
 #include "ConfigTestSupport.h"
 #include "config/ConfigManager.h"
-#include "foundation/SSFileTrace.h"
-#include "foundation/Trace.h"
-#include "support/FakeClock.h"
-#include "support/FakeFileWatch.h"
-#include "support/SyslogCapture.h"
 
 namespace {
 using config_test::EditConfig;
 using config_test::FullConfig;
 using Texts = std::vector<std::string>;
 
-class ConfigReloadTest : public ::testing::Test {
+class ConfigReloadTest : public config_test::MonitorFixture {
 protected:
     void SetUp() override {
-        m_trace.Initialize("tsc_swgagent", "/", "swg.log", 0, TRACE_MASK_DEBUG, true, true, 10,
-                           10000, 100, 1, 0, 60);
-        g_pTraceObject = &m_trace;
+        MonitorFixture::SetUp();
         ASSERT_TRUE(Preload(FullConfig()));
     }
-    void TearDown() override { g_pTraceObject = nullptr; }
 
     // Puts `config` in force without a reload.
     bool Preload(const std::string& config) {
@@ -54,12 +46,6 @@ protected:
         return lines;
     }
 
-    swg_test::SyslogCapture m_capture;
-    CSSFileTrace m_trace;
-    config_test::TempFolder m_folder;
-    config_test::RecordingAgent m_agent;
-    swg_test::FakeClock m_clock;
-    swg_test::FakeFileWatch m_watch{m_clock};
     CConfigManager m_manager{m_agent, m_folder.Path(), 50, m_watch, m_clock};
 };
 

@@ -11,11 +11,6 @@
 
 #include "ConfigTestSupport.h"
 #include "config/ConfigManager.h"
-#include "foundation/SSFileTrace.h"
-#include "foundation/Trace.h"
-#include "support/FakeClock.h"
-#include "support/FakeFileWatch.h"
-#include "support/SyslogCapture.h"
 
 namespace {
 using config_test::EditConfig;
@@ -29,17 +24,12 @@ std::string WithDomain(const std::string& domain) {
     return EditConfig(FullConfig(), "orgConfig/swgDomain", ("\"" + domain + "\"").c_str());
 }
 
-class ConfigMonitorTest : public ::testing::Test {
+class ConfigMonitorTest : public config_test::MonitorFixture {
 protected:
-    void SetUp() override {
-        m_trace.Initialize("tsc_swgagent", "/", "swg.log", 0, TRACE_MASK_DEBUG, true, true, 10,
-                           10000, 100, 1, 0, 60);
-        g_pTraceObject = &m_trace;
-    }
     void TearDown() override {
         // The thread logs through the trace object: it must be gone before the object.
         m_manager.reset();
-        g_pTraceObject = nullptr;
+        MonitorFixture::TearDown();
     }
 
     // Starts a monitor (with the file in place and in force unless told otherwise), waits
@@ -80,12 +70,6 @@ protected:
     }
     std::string DomainInForce() { return m_agent.GetOrgInfo().strSWGDomain; }
 
-    swg_test::SyslogCapture m_capture;
-    CSSFileTrace m_trace;
-    config_test::TempFolder m_folder;
-    config_test::RecordingAgent m_agent;
-    swg_test::FakeClock m_clock;
-    swg_test::FakeFileWatch m_watch{m_clock};
     std::unique_ptr<CConfigManager> m_manager;
 };
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cjson/cJSON.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <boost/filesystem.hpp>
@@ -17,6 +18,11 @@
 
 #include "config/ConfigAgent.h"
 #include "core/SWGAgent.h"
+#include "foundation/SSFileTrace.h"
+#include "foundation/Trace.h"
+#include "support/FakeClock.h"
+#include "support/FakeFileWatch.h"
+#include "support/SyslogCapture.h"
 
 namespace config_test {
 
@@ -169,6 +175,25 @@ private:
     CSWGAgent m_agent;
     mutable std::mutex m_lock;
     std::vector<std::string> m_calls;
+};
+
+// The configuration monitor's world: a trace object installed with every level on (its
+// lines captured), a temporary folder, a recording agent, a fake clock and file watch.
+class MonitorFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_trace.Initialize("tsc_swgagent", "/", "swg.log", 0, TRACE_MASK_DEBUG, true, true, 10,
+                           10000, 100, 1, 0, 60);
+        g_pTraceObject = &m_trace;
+    }
+    void TearDown() override { g_pTraceObject = nullptr; }
+
+    swg_test::SyslogCapture m_capture;
+    CSSFileTrace m_trace;
+    TempFolder m_folder;
+    RecordingAgent m_agent;
+    swg_test::FakeClock m_clock;
+    swg_test::FakeFileWatch m_watch{m_clock};
 };
 
 }  // namespace config_test
