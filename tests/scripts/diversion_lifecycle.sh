@@ -13,10 +13,10 @@ trap 'rm -rf "$tmp"' EXIT
 confdir="$tmp/trevo/trevoclient/tarnwall/SWG"
 mkdir -p "$confdir"
 cp "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" "$confdir/" 2>/dev/null || true
-unit=$(mktemp -d)/unit
-cmake --install "$SWG_BINARY_DIR" --prefix "$unit" --component Unspecified >/dev/null 2>&1
-stoppost=$(sed -n 's/^ExecStopPost=-//p' "$unit/lib/systemd/system/tsc_swgagent.service")
-rm -rf "$(dirname "$unit")"
+unit=$(mktemp -d)
+DESTDIR="$unit" cmake --install "$SWG_BINARY_DIR" --prefix /usr --component Unspecified >/dev/null 2>&1
+stoppost=$(sed -n 's/^ExecStopPost=-//p' "$unit/usr/lib/systemd/system/tsc_swgagent.service")
+rm -rf "$unit"
 [ -n "$stoppost" ] || { echo "FAIL: no ExecStopPost in the unit"; exit 1; }
 
 # Everything below runs in one new namespace: nft there never sees the host's ruleset.

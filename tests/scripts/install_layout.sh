@@ -1,24 +1,26 @@
 #!/bin/sh
-# `cmake --install` into a scratch prefix: the binary in sbin, the unit under
+# `cmake --install` below a scratch DESTDIR: the binary in sbin, the unit under
 # lib/systemd/system naming that binary and removing the table after a stop, the sample
-# files and the installation text under share/doc, and no private key.
+# files and the installation text under share/doc, and no private key. DESTDIR, not
+# --prefix: the catalogues' destination is absolute and would otherwise land in the
+# host's /opt.
 set -u
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 prefix="$tmp/usr"
-if ! cmake --install "$SWG_BINARY_DIR" --prefix "$prefix" >"$tmp/log" 2>&1; then
+if ! DESTDIR="$tmp" cmake --install "$SWG_BINARY_DIR" --prefix /usr >"$tmp/log" 2>&1; then
     echo "FAIL: cmake --install"; cat "$tmp/log"; exit 1
 fi
 fail() { echo "FAIL: $*"; exit 1; }
 unit="$prefix/lib/systemd/system/tsc_swgagent.service"
-doc="$prefix/share/doc/tsc_swgagent"
+doc="$prefix/share/doc/tsc-swgagent"
 [ -x "$prefix/sbin/tsc_swgagent" ] || fail "no sbin/tsc_swgagent"
 [ -f "$unit" ] || fail "no unit under lib/systemd/system"
-grep -qx "ExecStart=$prefix/sbin/tsc_swgagent -console" "$unit" || fail "ExecStart: $(grep ExecStart "$unit")"
+grep -qx "ExecStart=/usr/sbin/tsc_swgagent -console" "$unit" || fail "ExecStart: $(grep ExecStart "$unit")"
 grep -Eqx 'ExecStopPost=-/([a-z/]+/)?nft delete table inet tsc_swg' "$unit" || fail "ExecStopPost: $(grep ExecStopPost "$unit")"
 grep -qx "WantedBy=multi-user.target" "$unit" || fail "no WantedBy"
 [ -f "$doc/installation.md" ] || fail "no installation.md"
-[ -f "$doc/sample/README.md" ] || fail "no sample files"
+[ -f "$doc/examples/SWGConfig.json" ] || fail "no sample configuration"
 if find "$prefix" -name '*private*' | grep -q .; then fail "a private key was installed"; fi
 if command -v systemd-analyze >/dev/null 2>&1; then
     # Checks the syntax; the binary path need not be where systemd would look.
