@@ -14,6 +14,7 @@ libcjson-dev
 libnftables-dev nftables
 gettext
 iproute2 iputils-ping procps curl socat psmisc util-linux kmod python3
+dpkg-dev lintian
 "
 
 missing=""
