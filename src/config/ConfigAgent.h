@@ -6,6 +6,7 @@
 #include <string>
 
 #include "config/OrgInfo.h"
+#include "ipc/SWGState.h"
 
 // The process-wide monitor drives the agent object through this; tests hand in a
 // recording implementation. Called on the thread that runs the reload (the main thread
@@ -21,7 +22,7 @@ public:
     // Replaces the record in force.
     virtual void SetOrgInfo(const OrgInfoRecord& info) = 0;
     // Reports a state word; the result is not looked at by the monitor.
-    virtual int SendSWGState(const std::string& state, int update) = 0;
+    virtual int SendSWGState(const std::string& state, eSWGStateUpdate update) = 0;
     // Restarts the redirector with new rules; false when that failed.
     virtual bool RestartKDF(unsigned char reason) = 0;
     // Re-evaluates whether the agent should stand aside.

@@ -18,12 +18,11 @@
 #include "foundation/GlobalUtils.h"
 #include "foundation/SSTrace.h"
 #include "foundation/Trace.h"
+#include "redirect/RedirectTypes.h"
 
 namespace {
 constexpr int kChangeCountWithFile = 3;
 constexpr int kChangeCountNoFile = 2;
-constexpr int kStateUpdateNormal = 0;       // SWG_STATE_UPDATE_NORMAL
-constexpr unsigned char kRulesRefresh = 0;  // reason_rules_refresh
 constexpr unsigned int kDestructorWaitMs = 5000;
 
 // ---- The comparison of a reload
@@ -108,7 +107,7 @@ public:
     }
     OrgInfoRecord GetOrgInfo() override { return g_pSWGAgent->GetOrgInfo(); }
     void SetOrgInfo(const OrgInfoRecord& info) override { g_pSWGAgent->SetOrgInfo(info); }
-    int SendSWGState(const std::string& state, int update) override {
+    int SendSWGState(const std::string& state, eSWGStateUpdate update) override {
         return g_pSWGAgent->SendSWGState(state, update);
     }
     bool RestartKDF(unsigned char reason) override { return g_pSWGAgent->RestartKDF(reason); }
@@ -247,7 +246,7 @@ void CConfigManager::updateCurrentConfig() {
     OrgInfoRecord current;
     if (!m_agent.LoadOrgInfo(m_folder, fresh)) {
         // Nothing here takes "config_error" back; the next state update does.
-        m_agent.SendSWGState("config_error", kStateUpdateNormal);
+        m_agent.SendSWGState("config_error", SWG_STATE_UPDATE_NORMAL);
         DNTRACE(TRACE, "UpdateCurrentConfig: Failed to load updated config file");
         ++m_reloadCount;
         return;
@@ -273,7 +272,7 @@ void CConfigManager::updateCurrentConfig() {
         DNTRACE(TRACE,
                 "UpdateCurrentConfig: inclusons/exceptions/listenports changed so reinit kdf "
                 "interface");
-        if (!m_agent.RestartKDF(kRulesRefresh)) {
+        if (!m_agent.RestartKDF(reason_rules_refresh)) {
             DNTRACE(ERR, "UpdateCurrentConfig: Failed to restart KDF");
         }
     }

@@ -261,7 +261,7 @@ void CSWGAgent::StopComponents() {
     // Diversion ends first, while the listeners still serve what is in flight.
     CloseRedirectorInterface(0);
     StatsStopCollecting();
-    SendSWGState("unprotected", 1);
+    SendSWGState("unprotected", SWG_STATE_UPDATE_FORCED);
     m_serviceState = Stopped;
     m_stopProgress += 2;
 

@@ -15,6 +15,7 @@
 
 #include "config/OrgInfo.h"
 #include "foundation/ConditionEvent.h"
+#include "ipc/SWGState.h"
 #include "platform/KdfApiCB.h"
 #include "platform/RedirectorRecords.h"
 #include "redirect/RedirectTypes.h"
@@ -23,6 +24,7 @@ class CDnListenThread;
 class ISocketRedirectorApi;
 class CServerSideCommunicator;
 class CServiceStats;
+struct SERVICE_STATS;
 class IHashManager;
 class IClock;
 struct redirect_info;
@@ -192,18 +194,38 @@ public:
     // thread; the probe is called on the detecting thread without a lock held.
     void SetCaptivePortalProbe(std::function<bool(long timeoutSeconds)> probe);
 
-    // ---- state and statistics (core/SWGAgentPending.cpp, not built yet) ---------------
-    // Reports a state word to the UI and the state file. 0 handled, -1 refused, -2 failed.
-    int SendSWGState(const std::string& state, int update);
-    // Rewrites SWGState.json from the last state word and the record; 0 or -2.
+    // ---- state and statistics (ipc/SWGAgentState.cpp, ipc/SWGAgentStats.cpp) --------
+    // Reports a state word to the plug-in and the state file. While backed off only forced
+    // words pass (-1 otherwise); "cloud_service_unavailable" passes only once a run of them
+    // has lasted 5 s (0 while it is held back). Then sendStateToUI. Any thread (m_stateLock).
+    int SendSWGState(const std::string& state, eSWGStateUpdate update);
+    // Sends a word that differs from the last one delivered: the state and report messages,
+    // then the state file. 0 sent or unchanged, -1 no plug-in connected (the word is not
+    // remembered), -2 a word outside umapSWGState or a failure. Only from SendSWGState.
+    int sendStateToUI(const std::string& state);
+    // Replaces SWGState.json with the last word and the record in force, never leaving a part
+    // written. 0, or -2 after a log line (the old file then stays).
     int UpdateSWGStateFile();
+    // The monotonic clock of the cloud quiet period, in nanoseconds (null: the steady
+    // clock). For tests; set before the agent reports.
+    void SetStateClock(std::function<int64_t()> nowNs);
+    // Starts the statistics timer unless it runs already (then a warning). From the receiver.
+    void StatsStartCollecting();
+    // Stops the statistics timer; the counters stay. Any thread, the timer's own included.
     void StatsStopCollecting();
+    // One relaxed atomic addition each, when the statistics object exists.
     void StatsIncrementTotalBypassedHostConnections();
     void StatsIncrementTotalHTTPConnections();
     void StatsIncrementTotalHTTPSConnections();
+    // Hands a user message to the statistics; nothing in the agent calls it.
+    void SetMsgHistoryLog(const std::string& text);
+    // Posts the statistics message, or ends the collection when no plug-in is connected.
+    // On the statistics timer's thread.
+    void SendStats(const SERVICE_STATS& stats);
     // Hands the gateway name in use to the statistics object, if there is one.
     void SetActiveTowerName();
-    // Creates the hash manager; 0 or SWG_E_OUTOFMEMORY.
+    // Creates the hash manager (core/SWGAgentPending.cpp, not built yet); 0 or
+    // SWG_E_OUTOFMEMORY.
     long InitializeHashManagerInterface();
 
 private:
@@ -224,9 +246,10 @@ private:
     // Takes the reference on the proxy manager that the run keeps (StopComponents gives it
     // back), reads the system proxy and records it in g_ProxyInfo.
     void ObtainPublicProxySettings();
-    // core/SWGAgentPending.cpp: components not built yet
+    // ipc/SWGAgentStats.cpp
     long StartCommunicator();
     long StartStatistics();
+    // core/SWGAgentPending.cpp: components not built yet
     void ReleaseHashManager();
 
     // ---- steps of the redirection control ------------------------------------------
@@ -281,6 +304,11 @@ public:
     boost::posix_time::ptime m_resolvedIPv4Time;
     std::string resolved_host;
     IClock* m_pCacheClock = nullptr;  // null: SystemClock()
+
+    // State reporting, under m_stateLock.
+    std::string m_lastSWGState;          // the last word a plug-in got; empty at start
+    int64_t m_cloudUnavailableSince = 0;  // monotonic ns; 0: no quiet period runs
+    std::function<int64_t()> m_stateClock;
 
     // Best interface names and addresses.
     std::string m_bestInterfaceV4;

@@ -29,18 +29,6 @@ void CSWGAgent::SetCaptivePortalProbe(std::function<bool(long)> probe) {
     m_captivePortalProbe = probe;
 }
 
-// TODO(lead): IPC, state words and statistics; with no plug-in attached nothing is sent.
-int CSWGAgent::SendSWGState(const std::string& /*state*/, int /*update*/) { return 0; }
-// TODO(lead): state file; until state reporting lands there is no SWGState.json to write.
-int CSWGAgent::UpdateSWGStateFile() { return 0; }
-void CSWGAgent::StatsStopCollecting() {}
-void CSWGAgent::StatsIncrementTotalBypassedHostConnections() {}
-void CSWGAgent::StatsIncrementTotalHTTPConnections() {}
-void CSWGAgent::StatsIncrementTotalHTTPSConnections() {}
-long CSWGAgent::StartStatistics() { return 0; }
-void CSWGAgent::SetActiveTowerName() {}
-long CSWGAgent::StartCommunicator() { return 0; }
-
 // TODO(lead): hash manager.
 long CSWGAgent::InitializeHashManagerInterface() { return 0; }
 void CSWGAgent::ReleaseHashManager() {}

@@ -159,7 +159,8 @@ void CDnConnectionThread::DeleteExternalSocket() {
 long CDnConnectionThread::ProcessEvent() {
     PrepareSessionRecord();
     const long code = HandleConnection();
-    if (code == 0 && !m_bFailureReported) g_pSWGAgent->SendSWGState("protected", 0);
+    if (code == 0 && !m_bFailureReported)
+        g_pSWGAgent->SendSWGState("protected", SWG_STATE_UPDATE_NORMAL);
     m_bFailureReported = false;
     CloseConnection();
     (void)RemoveCurrentNoRedirectKdfException();

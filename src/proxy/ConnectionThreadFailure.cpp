@@ -73,7 +73,7 @@ bool CDnConnectionThread::OnConnectionFailure(CONN_FAILURE_REASON reason) {
     // A direct connection that failed has no fallback.
     if (TMode == 0) return false;
 
-    (void)g_pSWGAgent->SendSWGState("cloud_service_unavailable", 0);
+    (void)g_pSWGAgent->SendSWGState("cloud_service_unavailable", SWG_STATE_UPDATE_NORMAL);
     m_bFailureReported = true;
 
     const bool failOpen = g_pSWGAgent->GetOrgInfo().bFailOpen;

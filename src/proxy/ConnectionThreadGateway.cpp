@@ -465,7 +465,7 @@ bool CDnConnectionThread::TunnelThroughGateway(bool failOpen) {
     if (ExitRequested()) return false;
     if (code != 0) {
         if (GatewayStepFailed("Writing HTTPs Headers", true, failOpen)) return true;
-        g_pSWGAgent->SendSWGState("cloud_service_unavailable", 0);
+        g_pSWGAgent->SendSWGState("cloud_service_unavailable", SWG_STATE_UPDATE_NORMAL);
         DNTRACE(ERR, "Connection : Failed to connect to tower %s:%d. Code : %d", m_towerIP.c_str(),
                 static_cast<int>(kGatewayTlsPort), static_cast<int>(code));
         throw static_cast<unsigned int>(code);

@@ -127,7 +127,7 @@ public:
         Record("SetOrgInfo");
         m_agent.SetOrgInfo(info);
     }
-    int SendSWGState(const std::string& state, int update) override {
+    int SendSWGState(const std::string& state, eSWGStateUpdate update) override {
         Record("SendSWGState:" + state + ":" + std::to_string(update));
         return 0;
     }
