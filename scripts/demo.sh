@@ -5,9 +5,10 @@
 # the laptop runs the agent (tsc_swgagent -console), which diverts the host's outgoing
 # web traffic to itself with nftables, and curl as the user; the internet runs origin web
 # servers (www.demo.test over HTTP, secure.demo.test over HTTPS) and the test gateway
-# (gateway.swg.test). The script builds what it needs, starts everything, sends requests,
-# shows what the gateway saw and what the agent logged, and removes it all again, also
-# when interrupted. Run as root. Exit status 0 when the traffic went through the gateway.
+# (gateway.swg.test). The script builds what it needs, starts everything, asks the agent for
+# its state with swg-status, sends requests, shows what the gateway saw, what the agent logged
+# and what swg-status says now, and removes it all again, also when interrupted. Run as root.
+# Exit status 0 when the traffic went through the gateway and the agent counted it.
 set -eu
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -34,7 +35,7 @@ step() { printf '\n==== %s\n' "$*"; }
 step "Installing packages and building (release)"
 ./scripts/install-deps.sh
 cmake --preset release >/dev/null
-cmake --build --preset release --target tsc_swgagent swg-test-gateway swg_catalogs
+cmake --build --preset release --target tsc_swgagent swg-test-gateway swg-status swg_catalogs
 bin="$root/build/release"
 
 step "Creating the namespaces: $(world_client) (the laptop) and $(world_inet) (the internet)"
@@ -55,6 +56,15 @@ world_start_agent "$bin/src/tsc_swgagent" "$data"
 echo "the agent is up; its nftables table in $(world_client):"
 ip netns exec "$(world_client)" nft list table inet tsc_swg | sed 's/^/    /'
 
+# swg-status speaks the plug-in channel on the laptop's 127.0.0.1:5004 and reads the state file
+# under the same data path as the agent.
+status() {
+    ip netns exec "$(world_client)" env SWG_DATA_ROOT="$data" "$bin/tools/status/swg-status" "$@"
+}
+
+step "swg-status on the laptop, before any request"
+status | tee "$WORLD_WORK/status-before.out" | sed 's/^/    /'
+
 step "curl http://www.demo.test/hello from the laptop (plain HTTP, diverted to the agent)"
 world_curl http://www.demo.test/hello | tee "$WORLD_WORK/curl-http.out"
 
@@ -66,6 +76,9 @@ sed 's/^/    /' "$WORLD_WORK/gateway.log"
 
 step "What the agent logged about the two connections"
 grep -E "Connection ?:" "$WORLD_WORK/agent.log" | sed 's/^/    /' | tail -40
+
+step "swg-status after the two requests: one HTTP and one HTTPS connection counted"
+status | tee "$WORLD_WORK/status-after.out" | sed 's/^/    /'
 
 step "Stopping the agent (SIGTERM)"
 kill -TERM "$WORLD_AGENT_PID"
@@ -86,6 +99,11 @@ grep -q "result forward" "$WORLD_WORK/gateway.log" || { echo "the gateway did no
 grep -q "HTTP GET www.demo.test" "$WORLD_WORK/gateway.log" || { echo "the gateway did not see the HTTP request" >&2; ok=0; }
 grep -q "CONNECT 198.18.0.21:443" "$WORLD_WORK/gateway.log" || { echo "the gateway did not see the CONNECT" >&2; ok=0; }
 grep -q "licence ok" "$WORLD_WORK/gateway.log" || { echo "the gateway did not read a licence header" >&2; ok=0; }
+grep -qx "state:     protected" "$WORLD_WORK/status-before.out" || { echo "swg-status did not say protected" >&2; ok=0; }
+grep -qx "http:      0" "$WORLD_WORK/status-before.out" || { echo "swg-status counted HTTP before any request" >&2; ok=0; }
+for line in "state:     protected" "http:      1" "https:     1" "bypassed:  0"; do
+    grep -qx "$line" "$WORLD_WORK/status-after.out" || { echo "swg-status after the requests lacks '$line'" >&2; ok=0; }
+done
 [ $ok -eq 1 ] || exit 1
 
-step "Done: both requests were carried through the gateway, with the organisation's licence header"
+step "Done: both requests were carried through the gateway, with the organisation's licence header, and counted"

@@ -1,5 +1,5 @@
 #!/bin/sh
-# `cmake --install` below a scratch DESTDIR: the binary in sbin, the unit under
+# `cmake --install` below a scratch DESTDIR: the agent and swg-status in sbin, the unit under
 # lib/systemd/system naming that binary and removing the table after a stop, the sample
 # files and the installation text under share/doc, and no private key. DESTDIR, not
 # --prefix: the catalogues' destination is absolute and would otherwise land in the
@@ -15,6 +15,7 @@ fail() { echo "FAIL: $*"; exit 1; }
 unit="$prefix/lib/systemd/system/tsc_swgagent.service"
 doc="$prefix/share/doc/tsc-swgagent"
 [ -x "$prefix/sbin/tsc_swgagent" ] || fail "no sbin/tsc_swgagent"
+[ -x "$prefix/sbin/swg-status" ] || fail "no sbin/swg-status beside the agent"
 [ -f "$unit" ] || fail "no unit under lib/systemd/system"
 grep -qx "ExecStart=/usr/sbin/tsc_swgagent -console" "$unit" || fail "ExecStart: $(grep ExecStart "$unit")"
 grep -Eqx 'ExecStopPost=-/([a-z/]+/)?nft delete table inet tsc_swg' "$unit" || fail "ExecStopPost: $(grep ExecStopPost "$unit")"

@@ -68,6 +68,9 @@ int main(int argc, char** argv) {
     CStatusSession session(kSwgIpcPort);
     std::string error;
     CStatusSession::Outcome outcome = session.Start(error);
+    // A connection made just as the agent let go of the previous plug-in can go unserved;
+    // a second connection finds it settled.
+    if (outcome == CStatusSession::Outcome::Silent) outcome = session.Start(error);
     while (outcome == CStatusSession::Outcome::Report) {
         Print(session.Status(), json, watch);
         if (!watch) return kExitOk;
