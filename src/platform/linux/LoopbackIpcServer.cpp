@@ -81,6 +81,8 @@ struct CLoopbackIpcServer::Peer {
     IPC_IDENTITY identity = IPC_IDENTITY_SERVICE;
     unsigned short session = 0;
     Clock::time_point deadline = Clock::time_point::max();
+    Clock::time_point windowStart{};  // start of the second whose frames are counted
+    unsigned int framesInWindow = 0;
     std::atomic<bool> closed{false};
     std::mutex writeLock;
 };
@@ -286,6 +288,15 @@ void CLoopbackIpcServer::Read(const PeerPtr& peer, Clock::time_point now) {
                 TakeIdentity(peer);
                 break;
             case CIpcFrameReader::FrameDone: {
+                if (now - peer->windowStart >= std::chrono::seconds(1)) {
+                    peer->windowStart = now;
+                    peer->framesInWindow = 0;
+                }
+                if (++peer->framesInWindow > m_limits.maxFramesPerSecond) {
+                    Drop(peer, "more than " + std::to_string(m_limits.maxFramesPerSecond) +
+                                   " frames within a second");
+                    break;
+                }
                 IPC_MESSAGE message;
                 message.length = static_cast<uint32_t>(peer->reader.FrameBytes().size());
                 message.data = peer->reader.FrameBytes().data();

@@ -22,6 +22,9 @@ struct LoopbackIpcLimits {
     std::chrono::milliseconds frameWait{5000};     // a frame begun must be complete within
     std::chrono::milliseconds sendWait{2000};      // a peer must take a packet within
     std::size_t maxWaiting = 8;                    // connections that have not named themselves
+    // A plug-in sends a handful of commands in its life; each costs the agent a configuration
+    // read, so a flood must not queue work faster than the receiver does it.
+    unsigned int maxFramesPerSecond = 64;
 };
 
 // Serves 127.0.0.1:`port` with the framing of ipc/wire/IpcFrame.h. Peers from outside the

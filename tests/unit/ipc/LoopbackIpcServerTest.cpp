@@ -138,6 +138,11 @@ INSTANTIATE_TEST_SUITE_P(
         BadPeer{"Oversized", Frame(kMaxIpcFrameBytes + 1, kPacket), false, "over the limit of 1048576"},
         BadPeer{"Truncated", Frame(24, kPacket.substr(0, 10)), true, "closed inside a frame"},
         BadPeer{"Stalled", Frame(24, kPacket.substr(0, 10)), false, "frame not complete within 150 ms"},
+        BadPeer{"Flood", [] {
+                    std::string frames;
+                    for (int i = 0; i < 65; ++i) frames += Frame(24, kPacket);
+                    return frames;
+                }(), false, "more than 64 frames within a second"},
         // The client's identity went out first; these bytes follow as a garbage frame length.
         BadPeer{"Garbage", "\xff\xff\xff\x7f garbage", false, "over the limit"}),
     [](const ::testing::TestParamInfo<BadPeer>& row) { return std::string(row.param.name); });
