@@ -158,8 +158,8 @@ protected:
         EXPECT_TRUE(swg_test::ReadExactly(client.Get(), 1, echoed, 15s)) << firstBytes;
     }
 
-    // Statistics reports until one equals `expected`; every report on the way must be an
-    // earlier count, never a larger one. The gaps between reports are collected.
+    // Statistics reports until one equals `expected`; anything else on the way fails the test,
+    // and a count past `expected` never matches. The arrival times are collected.
     void WaitForStats(CIpcClient& plugin, const std::string& expected) {
         for (const auto giveUp = Clock::now() + 20s; Clock::now() < giveUp;) {
             const std::string next = Next(plugin);
@@ -206,10 +206,12 @@ TEST_F(IpcIntegrationTest, PlugInFollowsStateAndCountersOverTheAgentsLife) {
     Connection(origin, "hello\n");
     WaitForStats(plugin, Stats(1, 1, 1));
     EXPECT_EQ(swg_test::CountLinesWith(m_root + "/gateway.log", "CONNECT " + hostPort), 1);
-    for (std::size_t i = 1; i < m_arrivals.size(); ++i) {
-        const auto gap = m_arrivals[i] - m_arrivals[i - 1];
-        EXPECT_TRUE(gap > 500ms && gap < 2000ms) << "report " << i;
-    }
+    // About once a second: on average, since a report that waits while the test connects is
+    // read right before the next one.
+    ASSERT_GE(m_arrivals.size(), 3u);
+    const auto mean = (m_arrivals.back() - m_arrivals.front()) / (m_arrivals.size() - 1);
+    EXPECT_TRUE(mean > 700ms && mean < 1500ms)
+        << std::chrono::duration_cast<std::chrono::milliseconds>(mean).count() << " ms";
 
     Command(plugin, COMM_MSG_COLLECT_DATA_STOP);
     ASSERT_TRUE(WaitForLog("Thread : (ServiceStats)Main thread exits"));

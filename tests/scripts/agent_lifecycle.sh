@@ -43,11 +43,21 @@ wait_for "Service started successfully" 750
 grep -qF "SWG : Fail open policy has been set." "$tmp/err" \
     || { echo "FAIL: the sample configuration was not read"; cat "$tmp/err"; exit 1; }
 
-# Both listeners take connections on the loopback port 5002 of the agent's namespace.
-listening=$(nsenter -t "$pid" -n ss -Hltn 2>/dev/null)
-for address in "127.0.0.1:5002" "[::1]:5002"; do
-    echo "$listening" | grep -qF "$address" \
-        || { echo "FAIL: nothing listens on $address"; echo "$listening"; cat "$tmp/err"; exit 1; }
+# Both listeners take connections on the loopback port 5002 of the agent's namespace. Each
+# listener thread calls listen() itself, so the start may be logged a moment before.
+i=0
+while :; do
+    listening=$(nsenter -t "$pid" -n ss -Hltn 2>/dev/null)
+    missing=""
+    for address in "127.0.0.1:5002" "[::1]:5002"; do
+        echo "$listening" | grep -qF "$address" || missing="$address"
+    done
+    [ -z "$missing" ] && break
+    i=$((i + 1))
+    if [ $i -ge 250 ]; then
+        echo "FAIL: nothing listens on $missing"; echo "$listening"; cat "$tmp/err"; exit 1
+    fi
+    sleep 0.02
 done
 
 kill -TERM "$pid"
