@@ -2,24 +2,15 @@
 // libFuzzer target: the plug-in channel's framing and packet reader on arbitrary bytes, as a
 // peer on 127.0.0.1:5004 could send them. The first input byte chooses how the stream is cut
 // into reads.
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 
-#include "foundation/SSTrace.h"
+#include "FuzzSupport.h"
 #include "ipc/wire/IpcFrame.h"
 #include "ipc/wire/IpcPacket.h"
 
-namespace {
-void DropLine(int /*priority*/, const char* format, va_list args) {
-    char line[512];
-    std::vsnprintf(line, sizeof(line), format, args);
-}
-}  // namespace
-
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    SwgSetSyslogWriter(&DropLine);
+    SwgSetSyslogWriter(&swg_fuzz::DropSyslogLine);
     return 0;
 }
 
