@@ -61,7 +61,9 @@ while :; do
 done
 
 kill -TERM "$pid"
-wait_for "Stopping components" 500
+# "Stopping components..." reaches the log a moment before the state says so (the line also
+# goes to syslog after standard error); by the first listener's line the service is stopped.
+wait_for "Stopping IPv4 Listener" 500
 kill -INT "$pid" 2>/dev/null
 wait "$pid"; rc=$?
 pid=""
