@@ -98,13 +98,15 @@ void TestServer::AcceptLoop() {
         if (fd == -1) continue;
         std::lock_guard<std::mutex> hold(m_lock);
         m_open.push_back(fd);
+        // Counted before the handler runs: a client that got an answer sees its connection
+        // counted.
+        ++m_accepted;
         m_handlers.emplace_back([this, fd] {
             m_handler(fd);
             std::lock_guard<std::mutex> closing(m_lock);
             m_open.erase(std::find(m_open.begin(), m_open.end(), fd));
             ::close(fd);
         });
-        ++m_accepted;
         m_changed.notify_all();
     }
 }
