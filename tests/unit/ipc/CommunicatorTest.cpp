@@ -9,7 +9,7 @@
 #include "ipc/ServerSideCommunicator.h"
 #include "ipc/wire/IpcClient.h"
 #include "platform/linux/LoopbackIpcServer.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "ipc/wire/IpcFrame.h"
 #include "ipc/wire/IpcPacket.h"
 #include "ipc/wire/MsgQueue.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

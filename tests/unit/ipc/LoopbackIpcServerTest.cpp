@@ -14,7 +14,7 @@
 #include "platform/linux/LoopbackIpcServer.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

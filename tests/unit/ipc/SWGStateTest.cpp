@@ -16,7 +16,7 @@
 #include "core/SWGAgent.h"
 #include "ipc/ReportJson.h"
 #include "ipc/ServerSideCommunicator.h"
-#include "unit/foundation/ThreadTestSupport.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 
