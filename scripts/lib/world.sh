@@ -123,7 +123,20 @@ world_start_agent() {
     world_spawn "$(world_client)" "$WORLD_WORK/agent.log" env SWG_DATA_ROOT="$2" SWG_LOG_STDERR=1 "$1" -console
     WORLD_AGENT_PID=$WORLD_LAST_PID
     world_wait_for "$WORLD_WORK/agent.log" "Service started successfully" 30 || return 1
-    world_wait_for "$WORLD_WORK/agent.log" "Redirector: table inet tsc_swg in force" 30
+    world_wait_for "$WORLD_WORK/agent.log" "Redirector: table inet tsc_swg in force" 30 || return 1
+    world_wait_ipv4_diverted
+}
+
+# The table is in force once one family diverts; the IPv4 rules follow when the IPv4 listener
+# listens, which may be a moment later. Waits up to 10 s for them.
+world_wait_ipv4_diverted() {
+    i=0
+    until ip netns exec "$(world_client)" nft list chain inet tsc_swg divert 2>/dev/null |
+        grep -q "ip daddr"; do
+        i=$((i + 1))
+        [ $i -ge 200 ] && { echo "no IPv4 diversion after 10 s" >&2; return 1; }
+        sleep 0.05
+    done
 }
 
 # world_curl ARGS...: curl from the laptop with a bounded time.

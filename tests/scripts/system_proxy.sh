@@ -57,6 +57,11 @@ grep -qF "Proxy detected" "$tmp/err" || fail "the system proxy was not found"
 grep -qF "proxy is 198.18.0.41 and proxy port is 3128" "$tmp/err" || fail "wrong system proxy"
 
 wait_for "Redirector: table inet tsc_swg in force" 1500
+# In force once one family diverts; the IPv4 rules follow when the IPv4 listener listens.
+i=0
+until ip netns exec "$ns" nft list chain inet tsc_swg divert 2>/dev/null | grep -q "ip daddr"; do
+    i=$((i + 1)); [ $i -gt 500 ] && fail "no IPv4 diversion"; sleep 0.02
+done
 ip netns exec "$ns" curl -s --max-time 10 -x http://198.18.0.40:3128 https://secure.demo.test/ \
     >/dev/null 2>&1
 wait_for "Connection : Proxy = 198.18.0.40 : 3128" 500
