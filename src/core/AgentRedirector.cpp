@@ -5,9 +5,8 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <list>
-
 #include <boost/asio/ip/address.hpp>
+#include <list>
 
 #include "foundation/GlobalConst.h"
 #include "resolve/DnsLookup.h"

@@ -3,8 +3,8 @@
 // is not, and what happens when the table goes.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netdb.h>
 #include <linux/netfilter_ipv4.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -293,9 +293,8 @@ TEST_P(TamperTest, ChangeByAnotherProgramIsADisruption) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Commands, TamperTest,
-                         ::testing::Values("delete table inet tsc_swg",
-                                           "flush table inet tsc_swg", "delete rule",
-                                           "flush ruleset"));
+                         ::testing::Values("delete table inet tsc_swg", "flush table inet tsc_swg",
+                                           "delete rule", "flush ruleset"));
 
 // Guards the start after a crash: a table of the same name, whatever it holds, is replaced.
 TEST_F(NftRedirectorIntegrationTest, StaleTableIsReplacedAtOpen) {

@@ -18,7 +18,8 @@
 namespace {
 
 // The errors of the kernel or of the socket that say "not now" rather than "never".
-constexpr int kTransientErrors[] = {ENOMEM, ENOBUFS, EMFILE, ENFILE, EINTR, EAGAIN, EBUSY, ETIMEDOUT};
+constexpr int kTransientErrors[] = {ENOMEM, ENOBUFS, EMFILE, ENFILE,
+                                    EINTR,  EAGAIN,  EBUSY,  ETIMEDOUT};
 
 bool Names(const std::string& text, int error) {
     return text.find(std::strerror(error)) != std::string::npos;
@@ -71,8 +72,7 @@ NftOutcome CNftContext::Run(const std::string& script, bool dryRun) {
     return outcome;
 }
 
-int RunNftCommand(const std::string& script, std::string* output, std::string* error,
-                  bool dryRun) {
+int RunNftCommand(const std::string& script, std::string* output, std::string* error, bool dryRun) {
     std::string why;
     const std::unique_ptr<CNftContext> context = CNftContext::Open(why);
     if (!context) {

@@ -27,11 +27,12 @@ constexpr auto kReapStep = std::chrono::milliseconds(10);
 
 // `read` fails at end of file without a line: the agent is gone without saying "done".
 std::string GuardianScript() {
-    return std::string("trap '' HUP INT QUIT TERM PIPE\n"
-                       "IFS= read -r word\n"
-                       "[ \"$word\" = done ] && exit 0\n"
-                       "PATH=/usr/sbin:/sbin:/usr/bin:/bin\n"
-                       "exec nft delete table ") +
+    return std::string(
+               "trap '' HUP INT QUIT TERM PIPE\n"
+               "IFS= read -r word\n"
+               "[ \"$word\" = done ] && exit 0\n"
+               "PATH=/usr/sbin:/sbin:/usr/bin:/bin\n"
+               "exec nft delete table ") +
            kNftTableFamily + " " + kNftTableName + "\n";
 }
 
@@ -55,8 +56,8 @@ pid_t Spawn(int input) {
                              POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSID);
     const std::string script = GuardianScript();
     char* const argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"),
-                          const_cast<char*>(script.c_str()),
-                          const_cast<char*>("tsc_swg-guardian"), nullptr};
+                          const_cast<char*>(script.c_str()), const_cast<char*>("tsc_swg-guardian"),
+                          nullptr};
     char* const envp[] = {nullptr};
     pid_t pid = -1;
     const int result = posix_spawn(&pid, "/bin/sh", &actions, &attributes, argv, envp);

@@ -149,16 +149,18 @@ int CNftRedirector::OpenPlugin(IKdfApiCB* callback) {
         // dead process is gone already, one of a live process refuses.
         const NftOutcome stale = m_context->Run(RenderNftTableRemoval(false));
         if (stale.result != 0) {
-            DNTRACE(ERR, "Redirector: table %s %s belongs to another process: %s",
-                    kNftTableFamily, kNftTableName, FirstNftLine(stale.error).c_str());
+            DNTRACE(ERR, "Redirector: table %s %s belongs to another process: %s", kNftTableFamily,
+                    kNftTableName, FirstNftLine(stale.error).c_str());
             m_context.reset();
             return EPERM;
         }
         if (!m_options.owned && !m_guardian) {
             m_guardian = CNftGuardian::Start(why);
             if (!m_guardian) {
-                DNTRACE(WARN, "Redirector: no guardian for the table (%s); after a crash only the "
-                              "service's stop step removes it", why.c_str());
+                DNTRACE(WARN,
+                        "Redirector: no guardian for the table (%s); after a crash only the "
+                        "service's stop step removes it",
+                        why.c_str());
             }
         }
         ResetLocked();
@@ -392,10 +394,12 @@ int CNftRedirector::ApplyLocked() {
     m_retryApply = false;
     m_lastError.clear();
     const std::string before = m_kernelListing;
+    const bool knewBefore = m_listingKnown;
     ReadBackLocked();
     // After an update of elements alone, anything else that differs was changed by another
     // program between the check and the read-back.
-    if (update && m_listingKnown && ListingShape(m_kernelListing) != ListingShape(before)) {
+    if (update && knewBefore && m_listingKnown &&
+        ListingShape(m_kernelListing) != ListingShape(before)) {
         m_disruption = TableCheck::Changed;
         m_wake.notify_all();
     }
@@ -459,9 +463,9 @@ void CNftRedirector::WatchLoop() {
     std::unique_lock<std::mutex> hold(m_lock);
     while (!m_stopWatcher) {
         const bool fast = m_waitingForListener && m_fastPolls < m_options.listenerPollLimit;
-        auto deadline = SteadyClock::now() + std::chrono::milliseconds(
-                                                 fast ? m_options.listenerPollMs
-                                                      : m_options.watchPeriodMs);
+        auto deadline =
+            SteadyClock::now() +
+            std::chrono::milliseconds(fast ? m_options.listenerPollMs : m_options.watchPeriodMs);
         const auto names = m_open ? m_names.NextDue() : std::nullopt;
         if (names && *names < deadline) deadline = *names;
         // An early or spurious wake-up only makes the next look come sooner.
@@ -499,8 +503,7 @@ CNftRedirector::TableCheck CNftRedirector::CheckTableLocked() {
         const std::string error = FirstNftLine(listed.error);
         if (error != m_lastError) {
             m_lastError = error;
-            DNTRACE(WARN, "Redirector: could not read the table, trying again: %s",
-                    error.c_str());
+            DNTRACE(WARN, "Redirector: could not read the table, trying again: %s", error.c_str());
         }
         return TableCheck::Fine;
     }

@@ -146,12 +146,12 @@ private:
     std::list<redirect_info> m_rules;
     CNftNameSchedule m_names;
     std::map<int32_t, std::string> m_cgroups;
-    NftRuleset m_installed;          // the table the kernel took last; no rules: no table
-    std::string m_kernelListing;     // the kernel's listing of it right after
-    bool m_listingKnown = true;      // false while that listing could not be read
-    bool m_retryApply = false;       // the last change failed; the watcher tries again
+    NftRuleset m_installed;       // the table the kernel took last; no rules: no table
+    std::string m_kernelListing;  // the kernel's listing of it right after
+    bool m_listingKnown = true;   // false while that listing could not be read
+    bool m_retryApply = false;    // the last change failed; the watcher tries again
     TableCheck m_disruption = TableCheck::Fine;  // found by a change, for the watcher
-    std::string m_lastError;         // the last error logged, to log a repeat only once
+    std::string m_lastError;                     // the last error logged, to log a repeat only once
 };
 
 // Creates a redirector on nftables whose host names are looked up by `lookup` (getaddrinfo

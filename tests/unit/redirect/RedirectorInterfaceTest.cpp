@@ -79,8 +79,8 @@ TEST_P(RedirectorStopTest, StopEndsTheRetriesAndTheirPauses) {
     std::deque<int>& refusals =
         rulesRefused ? m_script->setRedirectsResults : m_script->openResults;
     refusals = std::deque<int>(100000, 5);
-    auto start = std::async(std::launch::async,
-                            [this] { return m_agent.StartKDF(reason_rules_refresh); });
+    auto start =
+        std::async(std::launch::async, [this] { return m_agent.StartKDF(reason_rules_refresh); });
     const char* refused = rulesRefused ? "SetRedirects" : "OpenPlugin";
     ASSERT_TRUE(WaitUntil([&] { return m_script->Count(refused) > 0; }));
     auto close = std::async(std::launch::async, [this] {

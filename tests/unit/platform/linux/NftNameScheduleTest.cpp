@@ -29,8 +29,8 @@ protected:
             const TimePoint at = *m_schedule.NextDue();
             EXPECT_EQ(m_schedule.Due(at), std::vector<std::string>{name});
             m_schedule.Record(name, false, {}, at);
-            pauses.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(
-                *m_schedule.NextDue() - at));
+            pauses.push_back(
+                std::chrono::duration_cast<std::chrono::milliseconds>(*m_schedule.NextDue() - at));
         }
         return pauses;
     }
