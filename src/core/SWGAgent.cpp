@@ -237,6 +237,7 @@ int CSWGAgent::StartComponents() {
                 DNTRACE(ERR, "Error : Failed to start %s Listener", family);
             }
             DNTRACE(ERR, "Error : Thus call CloseRedirectorInterface");
+            StopRedirectorRetries();
             CloseRedirectorInterface(0);
             ReleaseHashManager();
             return static_cast<int>(SWG_E_FAIL);
@@ -259,6 +260,7 @@ void CSWGAgent::StopComponents() {
     m_serviceState = Stopping;
 
     // Diversion ends first, while the listeners still serve what is in flight.
+    StopRedirectorRetries();
     CloseRedirectorInterface(0);
     StatsStopCollecting();
     SendSWGState("unprotected", SWG_STATE_UPDATE_FORCED);
@@ -295,6 +297,8 @@ void TerminationHandler(int signal) {
     if (state == Starting || state == Running) {
         DNTRACE(TRACE, "TerminationHandler with signal %d, posting QUIT message to mobile connector",
                 signal);
+        // A start still retrying the redirector gives up its lock instead of holding the close.
+        agent->StopRedirectorRetries();
         agent->CloseRedirectorInterface(0);
         agent->PostMessage(MSG_ID_QUIT);
     } else {
@@ -311,12 +315,20 @@ namespace {
 // that way and keep the handler installed by signal().
 const int kExternalSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXCPU, SIGXFSZ, SIGVTALRM, SIGPROF};
 
+pthread_t g_signalThread;
+
 void SignalThreadBody(sigset_t signals) {
     for (;;) {
         int signal = 0;
         if (sigwait(&signals, &signal) == 0) TerminationHandler(signal);
     }
 }
+
+// SIGXFSZ also comes from the process itself: a write past RLIMIT_FSIZE raises it on the
+// writing thread only, where sigwait on another thread never sees it. So every thread but
+// the signal thread leaves it unblocked, and this handler passes it on (pthread_kill is
+// async-signal-safe).
+void ForwardToSignalThread(int signal) { (void)pthread_kill(g_signalThread, signal); }
 }  // namespace
 
 void InstallSignalTable() {
@@ -340,5 +352,15 @@ void InstallSignalTable() {
     sigemptyset(&external);
     for (const int signal : kExternalSignals) sigaddset(&external, signal);
     pthread_sigmask(SIG_BLOCK, &external, nullptr);
-    boost::thread(&SignalThreadBody, external).detach();
+    boost::thread signalThread(&SignalThreadBody, external);
+    g_signalThread = signalThread.native_handle();
+    signalThread.detach();
+
+    // Threads started from here on inherit SIGXFSZ unblocked; the signal thread keeps it
+    // blocked and takes what the forwarder sends it.
+    (void)std::signal(SIGXFSZ, ForwardToSignalThread);
+    sigset_t fileSize;
+    sigemptyset(&fileSize);
+    sigaddset(&fileSize, SIGXFSZ);
+    pthread_sigmask(SIG_UNBLOCK, &fileSize, nullptr);
 }

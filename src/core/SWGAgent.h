@@ -109,9 +109,14 @@ public:
     // Without a handle, creates one (failure: SWG_E_FAIL) and opens it, retrying OpenPlugin
     // without bound (2, 4, ... 12 s, then every 15 s). Then builds the rules of `info`,
     // stops, clears, installs them and starts; a refused list or start goes back to the
-    // open. Holds m_redirectorLock throughout, so it can block for a long time. 0 once
-    // diverting, SWG_E_FAIL for an empty rule list (the handle then stays open).
+    // open. Holds m_redirectorLock throughout, so it can block for a long time, but not past
+    // StopRedirectorRetries. 0 once diverting, SWG_E_FAIL for an empty rule list (the handle
+    // then stays open) or when the service stops first.
     long InitialiseRedirectorInterface(SVC_STARTUP_INFO& info);
+    // The service is stopping: from now on a failed OpenPlugin or rule list is not tried
+    // again, and a pause between attempts ends at once, so that the close of the stop does
+    // not wait behind m_redirectorLock. Never undone. Any thread, also the signal thread.
+    void StopRedirectorRetries();
     // Under m_redirectorLock: clears, stops, closes and releases the redirector. True when
     // it was released; false with no handle, or when Stop failed and `reason` is not
     // reason_disruption (the handle then stays open and m_kdfState stays Stopping).
@@ -254,7 +259,8 @@ private:
 
     // ---- steps of the redirection control ------------------------------------------
     // redirect/SWGAgentRedirector.cpp
-    void OpenRedirectorWithRetries();
+    bool OpenRedirectorWithRetries();
+    bool PauseBeforeOpenRetry(unsigned int pauseMs);
     bool InstallRedirectList(SVC_STARTUP_INFO& info, long& result);
     bool ReinstallRedirectList(const SVC_STARTUP_INFO& info);
     // redirect/SWGAgentDisruption.cpp
@@ -294,6 +300,8 @@ public:
     ORGINFO m_orgInfo;
     std::atomic<uint8_t> m_kdfStopReasons{0};
     std::atomic<bool> m_kdfDisruptionHandlerBusy{false};
+    std::atomic<bool> m_bRedirectorStopRequested{false};
+    boost_ext::condition_event m_redirectorStopEvent{false};  // manual reset; set once
     std::string m_strCaptivePortalDomain;
     std::function<bool(long)> m_captivePortalProbe;  // test seam, under m_captivePortalLock
 

@@ -6,7 +6,9 @@
 
 #include "foundation/Trace.h"
 
-// TODO(lead): network tracking; no change is reported.
+// TODO(lead): network tracking; no change is reported. When it lands, a settled change also
+// calls sendClearDNSCacheCommand: the redirector then looks up the host names of the
+// exception and inclusion lists again at once, those that failed included.
 int CSWGAgent::checkInterfaceChanges() { return 1; }
 void CSWGAgent::takeActionOnAddrChange() {}
 void CSWGAgent::HandleNetworkChangeEvent() {}

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "core/AgentRedirector.h"
 #include "core/SWGAgent.h"
 #include "foundation/DirectSyslog.h"
 #include "foundation/GlobalConst.h"
@@ -24,6 +25,7 @@ void RejectArgument(const char* argument) {
 
 int main(int argc, char** argv) {
     InstallSignalTable();
+    SetDefaultRedirectorFactory(&CreateAgentRedirector);
     std::fputc('\n', stderr);
     if (argc < 2) std::exit(0);
 

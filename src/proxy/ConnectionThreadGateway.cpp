@@ -135,11 +135,14 @@ long CDnConnectionThread::GetExternalConnection() {
         }
 
         {
+            // Made before the old one goes: a failed allocation must not leave
+            // m_pExternalSocket pointing at a deleted socket for the retry to delete again.
+            auto* created = new CDnSocket(fd);
+            fd = -1;
             std::lock_guard<std::mutex> hold(m_socketLock);
             // A socket still left from an earlier step of this job would leak here.
             delete m_pExternalSocket;
-            m_pExternalSocket = new CDnSocket(fd);
-            fd = -1;
+            m_pExternalSocket = created;
         }
         CDnVSocket::m_dwTimeout = kConnectTimeoutSeconds;
 
@@ -484,11 +487,17 @@ bool CDnConnectionThread::TunnelThroughGateway(bool failOpen) {
 
 bool CDnConnectionThread::SendHeaderBlock(bool failOpen) {
     const bool onGateway = TMode != 0;
+    long code = 0;
     if (onGateway) {
         EndSetConnectTime();
-        (void)ModifyHttpHeaders(&m_headers);
+        // The licence lines are for the gateway alone: they go on a copy, so that a bypass
+        // after a failed write sends the block to the destination as the client wrote it.
+        CDnHttpHeaders licensed = m_headers;
+        (void)ModifyHttpHeaders(&licensed);
+        code = licensed.Write(m_pExternalSocket, exit_requested);
+    } else {
+        code = m_headers.Write(m_pExternalSocket, exit_requested);
     }
-    const long code = m_headers.Write(m_pExternalSocket, exit_requested);
     if (ExitRequested() || code == 0) return false;
     // Only the gateway leg has a bypass to fall back to: going round again after a failed
     // write to the destination itself would connect and fail for ever.

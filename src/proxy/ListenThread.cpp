@@ -60,6 +60,7 @@ CDnListenThread::~CDnListenThread() {
 }
 
 void CDnListenThread::CloseListenSocket() {
+    std::lock_guard<std::mutex> hold(m_listenSocketLock);
     const int fd = m_listenSocket.exchange(-1);
     if (fd != -1) ::close(fd);
 }
@@ -147,8 +148,13 @@ bool CDnListenThread::Kill() {
     // the wake-up for a failed accept. Linux does not end a blocking accept when another
     // thread closes the descriptor; a shutdown does. The thread closes it on its way out.
     CDnThread::Kill();
-    const int fd = m_listenSocket.load();
-    if (fd != -1) (void)::shutdown(fd, SHUT_RDWR);
+    {
+        // Under the lock that CloseListenSocket takes: the number is never one that the
+        // thread has closed meanwhile and the system has given to another socket.
+        std::lock_guard<std::mutex> hold(m_listenSocketLock);
+        const int fd = m_listenSocket.load();
+        if (fd != -1) (void)::shutdown(fd, SHUT_RDWR);
+    }
     if (!m_ConnectionThreadPool.Kill()) {
         DNTRACE(ERR, "Listener : m_ConnectionThreadPool.Kill failed");
         return false;

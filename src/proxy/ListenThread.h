@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 #include "foundation/DnThread.h"
 #include "proxy/ConnectionThreadPoolThread.h"
@@ -74,6 +75,7 @@ private:
     std::uint16_t m_requestedPort;
     std::uint16_t m_listenPort;
     std::atomic<int> m_listenSocket{-1};
+    std::mutex m_listenSocketLock;  // held while the descriptor is shut down or closed
     std::atomic<bool> m_bListening{false};
     bool m_bInitialized = false;
     bool m_bIPv6 = false;

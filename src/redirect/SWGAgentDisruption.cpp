@@ -16,10 +16,12 @@ namespace {
 constexpr int kRecoveryAttempts = 3;
 
 // The signal handler closes the redirector; on a thread that is inside the redirector it
-// would wait for itself. Redirector threads leave signals to the others.
+// would wait for itself. Redirector threads leave signals to the others, but for SIGXFSZ,
+// which a file size fault raises on the faulting thread and which is forwarded from there.
 void BlockSignalsOnThisThread() {
     sigset_t all;
     sigfillset(&all);
+    sigdelset(&all, SIGXFSZ);
     pthread_sigmask(SIG_BLOCK, &all, nullptr);
 }
 

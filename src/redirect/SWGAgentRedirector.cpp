@@ -3,8 +3,6 @@
 #include <arpa/inet.h>
 
 #include <atomic>
-#include <boost/chrono/duration.hpp>
-#include <boost/thread/thread.hpp>
 #include <list>
 
 #include "core/SWGAgent.h"
@@ -52,29 +50,49 @@ long CSWGAgent::InitialiseRedirectorInterface(SVC_STARTUP_INFO& info) {
         }
         m_pRedirector = created;
     }
-    // Only success leaves: a plug-in that refuses the rules is opened again and again,
-    // with the lock held, as the retries of the open are.
+    // Only success leaves, or the stop of the service: a plug-in that refuses the rules is
+    // opened again and again, with the lock held, as the retries of the open are.
     for (;;) {
-        if (needOpen) OpenRedirectorWithRetries();
+        if (needOpen && !OpenRedirectorWithRetries()) return SWG_E_FAIL;
         needOpen = true;
         long result = 0;
         if (InstallRedirectList(info, result)) return result;
+        if (m_bRedirectorStopRequested) {
+            DNTRACE(TRACE, "Redirector: the service is stopping; its rules are not tried again");
+            return SWG_E_FAIL;
+        }
     }
 }
 
-void CSWGAgent::OpenRedirectorWithRetries() {
+// False when the service began to stop before OpenPlugin succeeded.
+bool CSWGAgent::OpenRedirectorWithRetries() {
     for (unsigned int attempt = 1;; ++attempt) {
         const int result = m_pRedirector->OpenPlugin(this);
         if (result == 0) break;
         DNTRACE(ERR, "OpenPlugin returned kdf error: %d, Attempt #%u", result, attempt);
-        const unsigned int pauseMs = OpenRetryPauseMs(attempt);
-        if (m_redirectorSeams.sleep) {
-            m_redirectorSeams.sleep(pauseMs);
-        } else {
-            boost::this_thread::sleep_for(boost::chrono::milliseconds(pauseMs));
+        if (!PauseBeforeOpenRetry(OpenRetryPauseMs(attempt))) {
+            DNTRACE(TRACE, "Redirector: the service is stopping; OpenPlugin is not tried again");
+            return false;
         }
     }
     DNTRACE(THREAD, "Redirector OpenPlugin success");
+    return true;
+}
+
+bool CSWGAgent::PauseBeforeOpenRetry(unsigned int pauseMs) {
+    if (m_bRedirectorStopRequested) return false;
+    if (m_redirectorSeams.sleep) {
+        m_redirectorSeams.sleep(pauseMs);
+    } else {
+        boost_ext::condition_event* stopOnly[1] = {&m_redirectorStopEvent};
+        (void)boost_ext::condition_event_group::WaitForMultipleObjects(1, stopOnly, false, pauseMs);
+    }
+    return !m_bRedirectorStopRequested;
+}
+
+void CSWGAgent::StopRedirectorRetries() {
+    m_bRedirectorStopRequested = true;
+    m_redirectorStopEvent.notify();
 }
 
 // True when InitialiseRedirectorInterface is done with `result`; false to open again.

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/netfilter_ipv4.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -12,20 +13,24 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "core/AgentRedirector.h"
 #include "core/SWGAgent.h"
 #include "platform/SocketMark.h"
 #include "platform/linux/NftCommand.h"
 #include "platform/linux/NftRedirector.h"
+#include "resolve/DnsLookup.h"
 #include "support/NetnsScope.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
 #include "support/ThreadTestSupport.h"
+#include "unit/resolve/FakeAddressResolver.h"
 
 namespace swg_test {
 namespace {
@@ -75,18 +80,29 @@ public:
     std::atomic<int> disruptions{0};
 };
 
-NftRedirectorOptions FastOptions() {
+// The handle of the first rule of chain divert whose text holds `what`, or "" (nft -a).
+std::string HandleOf(const std::string& what) {
+    const std::string command =
+        "nft -a list chain " + kTable + " divert 2>/dev/null | grep -F '" + what + "'";
+    FILE* out = popen(command.c_str(), "r");
+    char line[512] = {};
+    const bool found = out != nullptr && std::fgets(line, sizeof(line), out) != nullptr;
+    if (out != nullptr) pclose(out);
+    const char* handle = found ? std::strstr(line, "# handle ") : nullptr;
+    return handle != nullptr ? std::to_string(std::atoi(handle + 9)) : "";
+}
+
+NftRedirectorOptions FastOptions(bool owned = true) {
     NftRedirectorOptions options;
+    options.owned = owned;
     options.watchPeriodMs = 100;
     options.listenerPollMs = 20;
-    options.resolve = [](const std::string& name) {
-        std::vector<NftAddress> addresses;
-        if (name == "blocked.test") {
-            addresses.emplace_back();
-            addresses.back().family = AF_INET;
-            inet_pton(AF_INET, kNamedHost, addresses.back().bytes.data());
-        }
-        return addresses;
+    options.lookup = [](const std::string& name, unsigned int, std::vector<NftAddress>& found) {
+        if (name != "blocked.test") return EAI_NONAME;
+        found.emplace_back();
+        found.back().family = AF_INET;
+        inet_pton(AF_INET, kNamedHost, found.back().bytes.data());
+        return 0;
     };
     return options;
 }
@@ -181,6 +197,8 @@ TEST_F(NftRedirectorIntegrationTest, DivertsMonitoredTrafficExceptWhatIsExcepted
     OpenAndStart();
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
     EXPECT_EQ(WhereDoesItLand(kExceptedHost, 1), "host");
+    // Names are looked up by the watcher, after the table went in.
+    ASSERT_TRUE(WaitUntil([] { return Listing().find(kNamedHost) != std::string::npos; }));
     EXPECT_EQ(WhereDoesItLand(kNamedHost, 2), "host");
     EXPECT_EQ(WhereDoesItLand(kPrivateHost, 3), "host");
     EXPECT_EQ(WhereDoesItLand(kDivertedHost, 0, true), "host");
@@ -244,17 +262,39 @@ TEST_F(NftRedirectorIntegrationTest, StopCloseAndNewRulesTakeEffectAtOnce) {
     EXPECT_EQ(m_redirector->SetRedirects(rules), NGC_ERROR_DISCONNECTED);
 }
 
-// Guards the disruption notice: a table deleted under the redirector is reported once, and
-// the plug-in then counts as disconnected rather than putting the table back on its own.
-TEST_F(NftRedirectorIntegrationTest, DeletedTableIsReportedAsDisruption) {
+// Guards the kernel's ownership: other programs can neither flush nor delete the table, and
+// a flushed ruleset leaves it; the diversion goes on untouched.
+TEST_F(NftRedirectorIntegrationTest, OwnedTableRefusesOtherPrograms) {
     OpenAndStart();
-    ASSERT_EQ(RunNftCommand("delete table " + kTable), 0);
+    ASSERT_NE(Listing().find("flags owner"), std::string::npos);
+    EXPECT_NE(RunNftCommand("flush table " + kTable), 0);
+    EXPECT_NE(RunNftCommand("delete table " + kTable), 0);
+    EXPECT_EQ(RunNftCommand("flush ruleset"), 0);
+    EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
+    EXPECT_EQ(m_callback.disruptions, 0);
+}
+
+// Guards tampering with the table that the fallback leaves open to others: whatever another
+// program does to it is reported once, what is left is removed, and the plug-in counts as
+// disconnected rather than putting a table back on its own.
+class TamperTest : public NftRedirectorIntegrationTest,
+                   public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(TamperTest, ChangeByAnotherProgramIsADisruption) {
+    OpenAndStart(AgentRules(), FastOptions(false));
+    ASSERT_EQ(Listing().find("flags owner"), std::string::npos);
+    std::string command = GetParam();
+    if (command == "delete rule") command += " " + kTable + " divert handle " + HandleOf(":5002");
+    ASSERT_EQ(RunNftCommand(command), 0) << command;
     EXPECT_TRUE(WaitUntil([this] { return m_callback.disruptions > 0; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(m_callback.disruptions, 1);
     EXPECT_EQ(m_redirector->Stop(), NGC_ERROR_DISCONNECTED);
     EXPECT_FALSE(TableExists());
+    EXPECT_EQ(m_callback.disruptions, 1);
 }
+
+INSTANTIATE_TEST_SUITE_P(Commands, TamperTest,
+                         ::testing::Values("delete table inet tsc_swg", "flush table inet tsc_swg",
+                                           "delete rule", "flush ruleset"));
 
 // Guards the start after a crash: a table of the same name, whatever it holds, is replaced.
 TEST_F(NftRedirectorIntegrationTest, StaleTableIsReplacedAtOpen) {
@@ -286,6 +326,7 @@ TEST_F(NftRedirectorIntegrationTest, RulesWaitForTheListener) {
 // Guards the per-connection exceptions: recorded and removed, never a table change.
 TEST_F(NftRedirectorIntegrationTest, ConnectionExceptionsAreRecordedNotRendered) {
     OpenAndStart();
+    ASSERT_TRUE(WaitUntil([] { return Listing().find(kNamedHost) != std::string::npos; }));
     const std::string before = Listing();
     redirect_info exception{};
     exception.rule_op = 1;
@@ -327,13 +368,14 @@ TEST_F(NftRedirectorIntegrationTest, UnmatchableProcessRuleIsLoggedAndTheTableSt
     EXPECT_EQ(Listing().find("cgroupv2"), std::string::npos);
 }
 
-// Guards the whole recovery: the agent on the real redirector notices the deleted table,
-// closes, reopens and diverts again; its close then leaves no table behind.
-TEST_F(NftRedirectorIntegrationTest, AgentRecoversFromADeletedTable) {
+// Guards the whole recovery: the agent on the real redirector (the fallback, which others can
+// change) notices the flushed table, closes, reopens and diverts again; its close then leaves
+// no table behind.
+TEST_F(NftRedirectorIntegrationTest, AgentRepairsAFlushedTable) {
     m_agent = std::make_unique<CSWGAgent>();
     auto created = std::make_shared<std::atomic<int>>(0);
     m_agent->m_redirectorSeams.create = [created](ISocketRedirectorApi** out) {
-        *out = new CNftRedirector(FastOptions());
+        *out = new CNftRedirector(FastOptions(false));
         ++*created;
         return 0;
     };
@@ -343,7 +385,7 @@ TEST_F(NftRedirectorIntegrationTest, AgentRecoversFromADeletedTable) {
     ASSERT_TRUE(TableExists());
     ASSERT_EQ(*created, 1);
 
-    ASSERT_EQ(RunNftCommand("delete table " + kTable), 0);
+    ASSERT_EQ(RunNftCommand("flush table " + kTable), 0);
     ASSERT_TRUE(WaitUntil([&] { return *created == 2 && m_agent->m_kdfThreadsRunning == 0; }));
     EXPECT_EQ(m_agent->KdfState(), Running);
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
@@ -351,6 +393,43 @@ TEST_F(NftRedirectorIntegrationTest, AgentRecoversFromADeletedTable) {
     EXPECT_TRUE(m_agent->CloseRedirectorInterface(reason_rules_refresh));
     EXPECT_FALSE(TableExists());
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "host");
+}
+
+// Guards names through the agent's lookup service: a name that does not resolve at the start
+// is enforced once it does, without a restart, and a changed address is followed; both
+// change the set alone (the rule keeps its handle), and a live diverted connection stays.
+TEST_F(NftRedirectorIntegrationTest, NamesAreFollowedThroughTheLookupService) {
+    FakeAddressResolver names;
+    FakeClock clock;
+    CDnsLookupThread resolver(1, 4, names, clock);
+    ASSERT_TRUE(resolver.Initialize());
+    names.SetAddresses("blocked.test", {}, EAI_AGAIN);
+    NftRedirectorOptions options = FastOptions();
+    options.lookup = [&resolver](const std::string& name, unsigned int timeoutMs,
+                                 std::vector<NftAddress>& found) {
+        return LookupRedirectorHost(resolver, name, timeoutMs, found);
+    };
+    using std::chrono::milliseconds;
+    options.nameTiming = {milliseconds(20), milliseconds(100), milliseconds(100)};
+    OpenAndStart(AgentRules(), options);
+    EXPECT_EQ(WhereDoesItLand(kNamedHost, 2), "agent 198.18.0.4:80");
+    const std::string handle = HandleOf(":5002");
+    const sockaddr_storage where = Endpoint(kDivertedHost, 80);
+    UniqueFd live(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(connect(live.Get(), reinterpret_cast<const sockaddr*>(&where), EndpointLength(where)),
+              0);
+    UniqueFd liveAtAgent(accept4(m_agentListener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_GE(liveAtAgent.Get(), 0);
+
+    names.SetAddresses("blocked.test", {kNamedHost});
+    EXPECT_TRUE(WaitUntil([this] { return WhereDoesItLand(kNamedHost, 2) == "host"; }));
+    names.SetAddresses("blocked.test", {kDivertedHost});
+    EXPECT_TRUE(WaitUntil([this] { return WhereDoesItLand(kDivertedHost) == "host"; }));
+    EXPECT_EQ(WhereDoesItLand(kNamedHost, 2), "agent 198.18.0.4:80");
+    EXPECT_EQ(HandleOf(":5002"), handle);
+    EXPECT_EQ(send(live.Get(), "x", 1, 0), 1);
+    char byte = 0;
+    EXPECT_EQ(recv(liveAtAgent.Get(), &byte, 1, 0), 1);
 }
 
 }  // namespace

@@ -5,21 +5,11 @@
 #endif
 
 #include <cerrno>
-#include <new>
 
 #include "platform/SocketRedirectorApi.h"
 #include "platform/linux/NftRedirector.h"
 
-int CreateLmsockSwgApi(ISocketRedirectorApi** out) {
-    if (out == nullptr) return EINVAL;
-    // Without CAP_NET_ADMIN or nftables there is no redirector: the agent runs undiverted.
-    const int access = CNftRedirector::ProbeAccess();
-    if (access != 0) return access;
-    CNftRedirector* redirector = new (std::nothrow) CNftRedirector();
-    if (redirector == nullptr) return ENOMEM;
-    *out = redirector;
-    return 0;
-}
+int CreateLmsockSwgApi(ISocketRedirectorApi** out) { return CreateNftRedirector(out, {}); }
 
 int ReleaseLmsockSwgApi(ISocketRedirectorApi** inout) {
     if (inout == nullptr || *inout == nullptr) return EINVAL;

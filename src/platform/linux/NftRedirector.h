@@ -10,23 +10,38 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/SocketRedirectorApi.h"
+#include "platform/linux/NftCommand.h"
+#include "platform/linux/NftGuardian.h"
+#include "platform/linux/NftNameSchedule.h"
 #include "platform/linux/NftRuleset.h"
+
+// Resolves a host name of the rules within about `timeoutMs`: 0 with its addresses, or an
+// error value. Called on the redirector's watcher thread with no lock of the redirector held.
+using NftHostLookup =
+    std::function<int(const std::string& name, unsigned int timeoutMs, std::vector<NftAddress>&)>;
 
 // Seams and timings of CNftRedirector. An empty function means the real one.
 struct NftRedirectorOptions {
-    // How often the watcher looks for a vanished table and for listeners that came or went.
+    // Whether the table carries the owner flag (ProbeSupport tells whether the kernel takes
+    // it). Without it a guardian process removes the table when the agent dies.
+    bool owned = true;
+    // How often the watcher compares the table with what it installed and looks for
+    // listeners that came or went.
     unsigned int watchPeriodMs = 2000;
     // The faster period while a rule waits for its listener, for at most this many looks.
     unsigned int listenerPollMs = 100;
     unsigned int listenerPollLimit = 100;
-    // Addresses of a host name of the rules (getaddrinfo).
-    std::function<std::vector<NftAddress>(const std::string& name)> resolve;
+    // Host names of the rules: the lookup (getaddrinfo when empty), its timeout and schedule.
+    NftHostLookup lookup;
+    unsigned int lookupTimeoutMs = 2000;
+    NftNameTiming nameTiming;
     // Whether a listener takes connections on loopback `port` for `family`
     // (/proc/thread-self/net/tcp and tcp6).
     std::function<bool(int family, uint16_t port)> isListening;
@@ -38,9 +53,18 @@ struct NftRedirectorOptions {
 // Owns the table `inet tsc_swg` of the network namespace it was opened in, and nothing
 // else of the ruleset. The table exists only while the plug-in is open and started, a
 // redirect rule is in force and its listener takes connections; rules wait for their
-// listener so that no connection is diverted to a closed port. The watcher thread runs from
-// OpenPlugin to ClosePlugin; the callback is called from it, without any lock held.
-// Every operation may be called from any thread; one mutex serialises them.
+// listener so that no connection is diverted to a closed port.
+//
+// Every change of the table goes through one libnftables context that lives from OpenPlugin
+// to ClosePlugin: an owned table is the kernel's to remove when that context's socket closes,
+// also when the process dies. The record of what is installed is what the kernel listed
+// right after the last change; the watcher thread (OpenPlugin to ClosePlugin) compares the
+// kernel's table with it, and a table that vanished or differs is a disruption: the plug-in
+// removes what is left, counts as disconnected and calls the callback from the watcher,
+// without any lock held. Other nftables errors are logged and retried by the watcher. The
+// watcher also resolves the host names of the rules, outside the lock, and applies changed
+// answers to the sets alone. Every operation may be called from any thread; one mutex
+// serialises them and the context.
 class CNftRedirector : public ISocketRedirectorApi {
 public:
     explicit CNftRedirector(NftRedirectorOptions options = {});
@@ -49,42 +73,60 @@ public:
     CNftRedirector(const CNftRedirector&) = delete;
     CNftRedirector& operator=(const CNftRedirector&) = delete;
 
-    // Replaces any table of that name (a crashed run's) after a trial transaction of every
-    // kind of rule the table uses; EIO when nftables refuses it. Starts the watcher.
+    // Opens the context, removes a table of that name that a crashed run left, starts the
+    // guardian of an unowned table and the watcher. EIO when no context can be had, EPERM
+    // when another process owns a table of that name.
     int OpenPlugin(IKdfApiCB* callback) override;
-    // Removes the table and every rule, stops the watcher. Always 0.
+    // Removes the table and every rule, frees the context, stops guardian and watcher (which
+    // may first finish a name lookup). Always 0.
     int ClosePlugin() override;
-    // Forgets every rule and removes the table. NGC_ERROR_DISCONNECTED when not open.
+    // Forgets every rule and removes the table; the last answers of host names are kept for
+    // rules that name them again. NGC_ERROR_DISCONNECTED when not open.
     int Clear(int what) override;
-    // Records each rule (a copy) or removes an equal one, then brings the table in line:
-    // EIO when nftables refuses the new table (the previous one stays in force).
+    // Records each rule (a copy) or removes an equal one, then brings the table in line.
+    // Host names are looked up by the watcher at once and enforced when they resolve.
     // Per-connection exceptions and the agent's own rules are recorded only: the socket
-    // mark enforces them. NGC_ERROR_DISCONNECTED when not open.
+    // mark enforces them. 0 also when nftables failed for now (the watcher retries); EIO when
+    // it refused the table. NGC_ERROR_DISCONNECTED when not open.
     int SetRedirects(std::list<redirect_info>& rules) override;
-    // Enforces the rules (EIO when refused); NGC_ERROR_DISCONNECTED when not open.
+    // Enforces the rules; results as SetRedirects.
     int Start() override;
     // Removes the table; the rules stay recorded. NGC_ERROR_DISCONNECTED when not open.
     int Stop() override;
-    // Forgets resolved host names and resolves them again when the table is in force.
+    // Looks up every host name again at once, failed ones included; the old addresses stay
+    // in force until new ones arrive. After a network change this is the call to make.
     int ClearDnsCache() override;
 
     // Copies of the recorded rules, in the order they were added.
     std::list<redirect_info> RecordedRules() const;
-    // Whether the table is believed to be in the kernel.
+    // Whether the kernel took the table at the last change.
     bool TableInstalled() const;
 
     // 0 when this process may manage nftables in its namespace; EPERM otherwise.
     static int ProbeAccess();
+    // Checks, in a transaction that the kernel discards, a table of the real shape (sets,
+    // NAT redirect, reject, mark) with the owner flag, then without. 0 with `owned` telling
+    // which was taken; EOPNOTSUPP (the reason logged) when neither was.
+    static int ProbeSupport(bool& owned);
 
 private:
+    enum class TableCheck { Fine, Vanished, Changed };
+
     int ApplyLocked();
+    int FailedApplyLocked(const NftOutcome& outcome, bool setUpdate);
+    void ReadBackLocked();
     NftBuildInputs GatherInputsLocked(bool& waiting);
     void RecordLocked(const redirect_info& rule, bool& tableAffected);
     void ForgetLocked(const redirect_info& rule, bool& tableAffected);
+    void UpdateNamesLocked();
     std::string CgroupForLocked(int32_t pid);
+    void ResetLocked();
     void StopWatcher();
     void WatchLoop();
-    bool WatchOnceLocked();
+    TableCheck CheckTableLocked();
+    IKdfApiCB* DisconnectLocked(TableCheck why);
+    void ResolveDueNames(std::unique_lock<std::mutex>& hold);
+    int Lookup(const std::string& name, std::vector<NftAddress>& addresses) const;
 
     const NftRedirectorOptions m_options;
     mutable std::mutex m_lock;
@@ -93,6 +135,8 @@ private:
     bool m_stopWatcher = false;
 
     // Guarded by m_lock.
+    std::unique_ptr<CNftContext> m_context;
+    std::unique_ptr<CNftGuardian> m_guardian;
     IKdfApiCB* m_callback = nullptr;
     bool m_open = false;
     bool m_started = false;
@@ -100,7 +144,17 @@ private:
     bool m_waitLogged = false;
     unsigned int m_fastPolls = 0;
     std::list<redirect_info> m_rules;
-    std::map<std::string, std::vector<NftAddress>> m_resolved;
+    CNftNameSchedule m_names;
     std::map<int32_t, std::string> m_cgroups;
-    std::string m_applied;  // the script in force; empty when there is no table
+    NftRuleset m_installed;       // the table the kernel took last; no rules: no table
+    std::string m_kernelListing;  // the kernel's listing of it right after
+    bool m_listingKnown = true;   // false while that listing could not be read
+    bool m_retryApply = false;    // the last change failed; the watcher tries again
+    TableCheck m_disruption = TableCheck::Fine;  // found by a change, for the watcher
+    std::string m_lastError;                     // the last error logged, to log a repeat only once
 };
+
+// Creates a redirector on nftables whose host names are looked up by `lookup` (getaddrinfo
+// when empty), after ProbeAccess and ProbeSupport. Returns 0, or their error value with
+// `*out` untouched; EINVAL for a null `out`, ENOMEM.
+int CreateNftRedirector(ISocketRedirectorApi** out, NftHostLookup lookup);

@@ -87,52 +87,79 @@ std::vector<NftAddress> AddressesOf(const std::list<std::string>& names,
     return addresses;
 }
 
-// Named sets of the table: one per distinct list of ranges.
+struct SetEntry {
+    std::string name;
+    std::string role;
+    int family;
+    std::string key;
+    std::vector<NftAddressRange> ranges;
+};
+
+// Named sets of the table: one per distinct source of a list (its key), or per distinct
+// list of ranges where there is no key.
 class CSetNames {
 public:
-    std::string NameFor(const std::vector<NftAddressRange>& ranges, const char* role, int family) {
-        for (const Entry& entry : m_entries) {
-            if (entry.ranges == ranges && entry.family == family && entry.role == role) {
+    std::string NameFor(const std::vector<NftAddressRange>& ranges, const std::string& key,
+                        const char* role, int family) {
+        for (const SetEntry& entry : m_entries) {
+            if (entry.family != family || entry.role != role) continue;
+            if (key.empty() ? entry.key.empty() && entry.ranges == ranges : entry.key == key) {
                 return entry.name;
             }
         }
         const std::string name = std::string(role) + (family == AF_INET ? "4_" : "6_") +
                                  std::to_string(m_entries.size());
-        m_entries.push_back({name, role, family, ranges});
+        m_entries.push_back({name, role, family, key, ranges});
         return name;
     }
-    void Render(std::ostringstream& out) const {
-        for (const Entry& entry : m_entries) {
-            out << "\tset " << entry.name << " {\n"
-                << "\t\ttype " << (entry.family == AF_INET ? "ipv4_addr" : "ipv6_addr") << "\n"
-                << "\t\tflags interval\n\t\telements = { ";
-            for (size_t i = 0; i < entry.ranges.size(); ++i) {
-                out << (i == 0 ? "" : ", ") << FormatNftRange(entry.ranges[i]);
-            }
-            out << " }\n\t}\n";
-        }
-    }
+    const std::vector<SetEntry>& Entries() const { return m_entries; }
 
 private:
-    struct Entry {
-        std::string name;
-        std::string role;
-        int family;
-        std::vector<NftAddressRange> ranges;
-    };
-    std::vector<Entry> m_entries;
+    std::vector<SetEntry> m_entries;
 };
+
+std::string ElementsText(const std::vector<NftAddressRange>& ranges) {
+    std::string text;
+    for (const NftAddressRange& range : ranges) {
+        text += (text.empty() ? "" : ", ") + FormatNftRange(range);
+    }
+    return text;
+}
+
+// The set declarations; an empty set has no elements line (nft refuses "{ }").
+void RenderSets(const std::vector<SetEntry>& sets, bool withElements, std::ostringstream& out) {
+    for (const SetEntry& entry : sets) {
+        out << "\tset " << entry.name << " {\n"
+            << "\t\ttype " << (entry.family == AF_INET ? "ipv4_addr" : "ipv6_addr") << "\n"
+            << "\t\tflags interval\n";
+        if (withElements && !entry.ranges.empty()) {
+            out << "\t\telements = { " << ElementsText(entry.ranges) << " }\n";
+        }
+        out << "\t}\n";
+    }
+}
+
+// A key that names where a list came from: its entries and host names, not their addresses.
+std::string SourceKey(const std::list<ngc_cidr_addr>& entries,
+                      const std::list<std::string>& names) {
+    std::string key;
+    for (const ngc_cidr_addr& entry : entries) {
+        key.append(reinterpret_cast<const char*>(&entry), sizeof(entry));
+    }
+    for (const std::string& name : names) key += "\n" + name;
+    return key;
+}
 
 // The match part shared by the TCP diversion and the UDP rejection of one rule.
 std::string DestinationMatch(const NftDivertRule& rule, CSetNames& sets) {
     std::string match;
-    if (!rule.exclude.empty()) {
+    if (!rule.exclude.empty() || !rule.excludeKey.empty()) {
         match += std::string(" ") + AddressMatch(rule.family) + " != @" +
-                 sets.NameFor(rule.exclude, "exclude", rule.family);
+                 sets.NameFor(rule.exclude, rule.excludeKey, "exclude", rule.family);
     }
     if (rule.inclusive) {
         match += std::string(" ") + AddressMatch(rule.family) + " @" +
-                 sets.NameFor(rule.include, "include", rule.family);
+                 sets.NameFor(rule.include, rule.includeKey, "include", rule.family);
     }
     return match;
 }
@@ -213,11 +240,19 @@ NftRuleset BuildNftRuleset(const std::list<redirect_info>& rules, const NftBuild
         if (inputs.listening.count({family, divert.redirectPort}) == 0) continue;
         divert.exclude =
             MergeNftRanges(rule.exclude_addrs, AddressesOf(rule.exclude_hosts, inputs), family);
+        if (!rule.exclude_hosts.empty()) {
+            divert.excludeKey = SourceKey(rule.exclude_addrs, rule.exclude_hosts);
+        }
         divert.inclusive = inclusive;
         if (inclusive) {
             divert.include =
                 MergeNftRanges(rule.include_addrs, AddressesOf(rule.include_hosts, inputs), family);
-            if (divert.include.empty()) continue;
+            // Included names keep their set while they resolve; a family with neither
+            // addresses nor names is not diverted at all.
+            if (divert.include.empty() && rule.include_hosts.empty()) continue;
+            if (!rule.include_hosts.empty()) {
+                divert.includeKey = SourceKey(rule.include_addrs, rule.include_hosts);
+            }
         }
         auto& all = ruleset.rules;
         if (std::find(all.begin(), all.end(), divert) == all.end()) all.push_back(divert);
@@ -225,16 +260,21 @@ NftRuleset BuildNftRuleset(const std::list<redirect_info>& rules, const NftBuild
     return ruleset;
 }
 
-std::string RenderNftTableRemoval() {
+std::string RenderNftTableRemoval(bool owned, const std::string& table) {
     // "add" first makes the "delete" succeed when there is nothing to delete.
     std::ostringstream out;
-    out << "add table " << kNftTableFamily << " " << kNftTableName << "\n"
-        << "delete table " << kNftTableFamily << " " << kNftTableName << "\n";
+    out << "add table " << kNftTableFamily << " " << table << (owned ? " { flags owner; }" : "")
+        << "\n"
+        << "delete table " << kNftTableFamily << " " << table << "\n";
     return out.str();
 }
 
-std::string RenderNftRuleset(const NftRuleset& ruleset) {
-    if (ruleset.rules.empty()) return RenderNftTableRemoval();
+namespace {
+
+// The table statement of `ruleset` (which has rules), with or without the set elements, and
+// the sets it declares.
+std::string RenderTable(const NftRuleset& ruleset, bool withElements,
+                        std::vector<SetEntry>* declared = nullptr) {
     CSetNames sets;
     std::ostringstream divert, quic;
     RenderPassRules(ruleset, divert);
@@ -251,11 +291,37 @@ std::string RenderNftRuleset(const NftRuleset& ruleset) {
     }
 
     std::ostringstream out;
-    out << RenderNftTableRemoval() << "table " << kNftTableFamily << " " << kNftTableName << " {\n";
-    sets.Render(out);
+    out << "table " << kNftTableFamily << " " << ruleset.table << " {\n";
+    if (ruleset.owned) out << "\tflags owner\n";
+    RenderSets(sets.Entries(), withElements, out);
     out << "\tchain divert {\n\t\ttype nat hook output priority -100; policy accept;\n"
         << divert.str() << "\t}\n"
         << "\tchain quic {\n\t\ttype filter hook output priority 0; policy accept;\n"
         << quic.str() << "\t}\n}\n";
+    if (declared != nullptr) *declared = sets.Entries();
+    return out.str();
+}
+
+}  // namespace
+
+std::string RenderNftRuleset(const NftRuleset& ruleset) {
+    const std::string removal = RenderNftTableRemoval(ruleset.owned, ruleset.table);
+    return ruleset.rules.empty() ? removal : removal + RenderTable(ruleset, true);
+}
+
+std::optional<std::string> RenderNftSetUpdate(const NftRuleset& from, const NftRuleset& to) {
+    if (from.rules.empty() || to.rules.empty()) return std::nullopt;
+    std::vector<SetEntry> before, after;
+    if (RenderTable(from, false, &before) != RenderTable(to, false, &after)) return std::nullopt;
+    // Same shape: the same sets under the same names, in the same order.
+    std::ostringstream out;
+    for (size_t i = 0; i < after.size(); ++i) {
+        if (before[i].ranges == after[i].ranges) continue;
+        const std::string set = std::string(kNftTableFamily) + " " + to.table + " " + after[i].name;
+        out << "flush set " << set << "\n";
+        if (!after[i].ranges.empty()) {
+            out << "add element " << set << " { " << ElementsText(after[i].ranges) << " }\n";
+        }
+    }
     return out.str();
 }

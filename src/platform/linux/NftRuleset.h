@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -37,7 +38,10 @@ struct NftAddressRange {
 };
 
 // TCP of `family` to `port` goes to `redirectPort` on loopback; UDP to `port` is rejected.
-// Ranges are sorted and merged: no two overlap or touch.
+// Ranges are sorted and merged: no two overlap or touch. Each list becomes a named set of the
+// table; rules whose lists come from the same entries and names (equal keys) share one set,
+// so the table's shape does not change when only the addresses of a name do. An empty key
+// shares by content.
 struct NftDivertRule {
     int family = 0;
     uint16_t port = 0;          // host order, never 0
@@ -45,17 +49,24 @@ struct NftDivertRule {
     std::vector<NftAddressRange> exclude;
     std::vector<NftAddressRange> include;  // only these are diverted when `inclusive`
     bool inclusive = false;
+    std::string excludeKey;
+    std::string includeKey;
     bool operator==(const NftDivertRule& other) const {
         return family == other.family && port == other.port && redirectPort == other.redirectPort &&
-               exclude == other.exclude && include == other.include && inclusive == other.inclusive;
+               exclude == other.exclude && include == other.include &&
+               inclusive == other.inclusive && excludeKey == other.excludeKey &&
+               includeKey == other.includeKey;
     }
 };
 
 // Everything the table holds. Packets carrying `passMark`, and sockets of the cgroups in
 // `bypassCgroups` (cgroup v2 paths below the hierarchy's root, e.g.
-// "/system.slice/vpn.service"), pass before any rule.
+// "/system.slice/vpn.service"), pass before any rule. An `owned` table carries the owner
+// flag: it belongs to the netlink socket that created it.
 struct NftRuleset {
+    std::string table = kNftTableName;  // in the inet family
     uint32_t passMark = 0;
+    bool owned = false;
     std::vector<std::string> bypassCgroups;
     std::vector<NftDivertRule> rules;
 };
@@ -89,15 +100,22 @@ NftRuleKind ClassifyNftRule(const redirect_info& rule, int32_t ownPid);
 // The table for the recorded `rules` (all of them adds). A redirect rule whose listener is
 // not in `inputs.listening` is left out until it is. When any redirect rule carries
 // inclusions, each rule diverts only its family's included destinations, and a family
-// without any diverts nothing. Identical rules (the doubled IPv4 rule) appear once.
+// without any diverts nothing; a rule with included names keeps its (maybe empty) set while
+// they resolve. Identical rules (the doubled IPv4 rule) appear once.
 NftRuleset BuildNftRuleset(const std::list<redirect_info>& rules, const NftBuildInputs& inputs);
 
 // An nft script that replaces the table with `ruleset` in one transaction, or that only
 // removes it when `ruleset` has no rule. Pure.
 std::string RenderNftRuleset(const NftRuleset& ruleset);
 
-// An nft script that removes the table, whether it exists or not.
-std::string RenderNftTableRemoval();
+// The script that turns the table of `from` into that of `to` by changing set elements
+// alone, so that chains, rules and the connections they diverted stay as they are: empty
+// when nothing changes, nullopt when more than elements differ (or either has no table).
+std::optional<std::string> RenderNftSetUpdate(const NftRuleset& from, const NftRuleset& to);
+
+// An nft script that removes the table, whether it exists or not, provided that it carries
+// the owner flag exactly when `owned` does (the kernel refuses to change the flag).
+std::string RenderNftTableRemoval(bool owned = false, const std::string& table = kNftTableName);
 
 // The sorted, merged ranges of the `family` entries of `entries` plus `extra` addresses.
 // A prefix above the family's width counts as the full width (a single address).

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <future>
 #include <mutex>
 #include <string>
@@ -67,6 +68,37 @@ TEST_F(RedirectorInterfaceTest, RefusedRulesOrStartOpenAgainWithoutPause) {
     EXPECT_EQ(m_script->Calls(), expected);
     EXPECT_EQ(m_script->Sleeps(), std::vector<unsigned int>{2000});
 }
+
+// A stop while the plug-in refuses (to open, or its rules) must end the attempts and their
+// real pauses at once: the close waits behind m_redirectorLock, for as long as they last.
+class RedirectorStopTest : public RedirectAgentTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(RedirectorStopTest, StopEndsTheRetriesAndTheirPauses) {
+    const bool rulesRefused = GetParam();
+    m_agent.m_redirectorSeams.sleep = nullptr;
+    std::deque<int>& refusals =
+        rulesRefused ? m_script->setRedirectsResults : m_script->openResults;
+    refusals = std::deque<int>(100000, 5);
+    auto start =
+        std::async(std::launch::async, [this] { return m_agent.StartKDF(reason_rules_refresh); });
+    const char* refused = rulesRefused ? "SetRedirects" : "OpenPlugin";
+    ASSERT_TRUE(WaitUntil([&] { return m_script->Count(refused) > 0; }));
+    auto close = std::async(std::launch::async, [this] {
+        m_agent.StopRedirectorRetries();
+        return m_agent.CloseRedirectorInterface(reason_rules_refresh);
+    });
+    ASSERT_EQ(close.wait_for(kHangGuard), std::future_status::ready);
+    EXPECT_TRUE(close.get());
+    EXPECT_EQ(start.get(), 0);
+    EXPECT_EQ(m_agent.m_pRedirector, nullptr);
+    std::lock_guard<std::mutex> hold(m_script->lock);
+    EXPECT_FALSE(refusals.empty()) << "the attempts went on until the refusals ran out";
+}
+
+INSTANTIATE_TEST_SUITE_P(Refusals, RedirectorStopTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& param) {
+                             return param.param ? "RulesRefused" : "OpenRefused";
+                         });
 
 // A start without a redirector runs undiverted in Running; operations that need the handle
 // fail without one, and a configuration change tries again.

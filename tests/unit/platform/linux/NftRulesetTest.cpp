@@ -148,7 +148,7 @@ TEST_F(NftRulesetTest, ExceptionNamesAddTheirResolvedAddresses) {
 }
 
 // Guards inclusions: once any rule has one, only included destinations are diverted, and a
-// family (or a name that did not resolve) with none diverts nothing rather than everything.
+// family (or a name that did not resolve yet) with none diverts nothing rather than everything.
 TEST_F(NftRulesetTest, InclusionsLimitEveryFamily) {
     redirect_info v4 = Redirect(AF_INET, 443);
     v4.include_addrs = {Cidr("198.18.0.0", 15)};
@@ -161,7 +161,9 @@ TEST_F(NftRulesetTest, InclusionsLimitEveryFamily) {
 
     redirect_info named = Redirect(AF_INET, 443);
     named.include_hosts = {"only.example"};
-    EXPECT_TRUE(BuildNftRuleset({named}, BothListening()).rules.empty());
+    ruleset = BuildNftRuleset({named}, BothListening());
+    ASSERT_EQ(ruleset.rules.size(), 1u);
+    EXPECT_TRUE(ruleset.rules[0].include.empty());  // an empty set until the name resolves
     NftBuildInputs inputs = BothListening();
     inputs.resolvedNames["only.example"] = {Address("198.18.7.7")};
     ruleset = BuildNftRuleset({named}, inputs);
@@ -226,10 +228,44 @@ TEST_F(NftRulesetTest, RendersOneTransactionWithMarkFirst) {
     EXPECT_EQ(RenderNftRuleset(ruleset), expected);
 }
 
-// Guards the table without rules: only its removal, which also succeeds when it is absent.
+// Guards the table without rules: only its removal, which also succeeds when it is absent,
+// with the owner flag of the table it removes (the kernel refuses to change the flag).
 TEST_F(NftRulesetTest, NoRuleRendersOnlyTheRemoval) {
     EXPECT_EQ(RenderNftRuleset(NftRuleset{}), RenderNftTableRemoval());
     EXPECT_EQ(RenderNftTableRemoval(), "add table inet tsc_swg\ndelete table inet tsc_swg\n");
+    EXPECT_EQ(RenderNftTableRemoval(true),
+              "add table inet tsc_swg { flags owner; }\ndelete table inet tsc_swg\n");
+}
+
+// Guards answers of names: a changed answer touches the elements of its set alone (a rebuilt
+// table would take the diversion down and up under live connections), an empty answer
+// leaves the set empty, and anything else that changes needs the whole table again.
+TEST_F(NftRulesetTest, ChangedAnswersOnlyUpdateSetElements) {
+    redirect_info rule = Redirect(AF_INET, 80);
+    rule.exclude_addrs = {Cidr("10.0.0.0", 8)};
+    rule.exclude_hosts = {"skip.example"};
+    NftBuildInputs inputs = BothListening();
+    NftRuleset before = BuildNftRuleset({rule}, inputs);
+    before.owned = true;
+    EXPECT_NE(RenderNftRuleset(before).find("table inet tsc_swg {\n\tflags owner\n"),
+              std::string::npos);
+    inputs.resolvedNames["skip.example"] = {Address("198.18.0.9")};
+    NftRuleset after = BuildNftRuleset({rule}, inputs);
+    after.owned = true;
+    EXPECT_EQ(RenderNftSetUpdate(before, after),
+              "flush set inet tsc_swg exclude4_0\n"
+              "add element inet tsc_swg exclude4_0 { 10.0.0.0-10.255.255.255, 198.18.0.9 }\n");
+    EXPECT_EQ(RenderNftSetUpdate(after, after), "");
+
+    redirect_info included = Redirect(AF_INET, 80);
+    included.include_hosts = {"only.example"};
+    inputs.resolvedNames["only.example"] = {Address("198.18.7.7")};
+    EXPECT_EQ(RenderNftSetUpdate(BuildNftRuleset({included}, inputs),
+                                 BuildNftRuleset({included}, BothListening())),
+              "flush set inet tsc_swg include4_0\n");
+    EXPECT_EQ(RenderNftSetUpdate(after, BuildNftRuleset({rule, Redirect(AF_INET, 443)}, inputs)),
+              std::nullopt);
+    EXPECT_EQ(RenderNftSetUpdate(after, NftRuleset{}), std::nullopt);
 }
 
 }  // namespace
