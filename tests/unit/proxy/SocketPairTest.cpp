@@ -246,23 +246,6 @@ TEST_F(SocketPairTest, FullDirectionDoesNotSpin) {
     EXPECT_LT(busyUs, 100000) << "the relay used the CPU while nothing could move";
 }
 
-// A side that resets while the relay does not read it (its direction full, the other side
-// taking nothing) must end the relay, in either direction, not hold it for as long as the
-// other side stalls.
-TEST_F(SocketPairTest, SideResetWhileItsDirectionIsFullEndsTheRelay) {
-    for (const bool clientLeaves : {true, false}) {
-        SCOPED_TRACE(clientLeaves ? "client leaves" : "server leaves");
-        SetUp();
-        StartRelay();
-        UniqueFd& leaving = clientLeaves ? m_client : m_server;
-        (void)WriteAll(leaving.Get(), PatternBytes(16 << 20, 4), 800ms);  // until it blocks
-        const linger reset{1, 0};
-        ASSERT_EQ(::setsockopt(leaving.Get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset)), 0);
-        leaving.Reset();
-        EXPECT_EQ(RelayResult(2s), SWG_RELAY_SIDE_FINISHED);
-    }
-}
-
 // A descriptor of 8192 or more must never be entered in the sets, so that side is never served.
 TEST_F(SocketPairTest, DescriptorOf8192OrMoreIsNeverServed) {
     if (!MoveTo(m_local, 8200)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 8300";
