@@ -463,8 +463,7 @@ long CDnConnectionThread::ReadProxyResponseBody(CDnHttpHeaders& response, bool& 
     }
 
     if (drop) return code;  // the body of a 200 is not the client's
-    if (m_pKdfSocket->SendComplete(body.get(), static_cast<int>(length), 0, exit_requested) ==
-        -1) {
+    if (m_pKdfSocket->SendComplete(body.get(), static_cast<int>(length), 0, exit_requested) == -1) {
         DNTRACE(ERR, "Connection : SendComplete failed in ProcessProxyResponse.");
         return -1;
     }

@@ -30,9 +30,7 @@ bool SameEndpoint(const sockaddr_storage& a, const sockaddr_storage& b) {
 }
 
 // 127.0.0.0/8, and 0.0.0.0, which Linux connects to this host itself. Host order.
-bool IsLoopbackOrAny(uint32_t address) {
-    return (address >> 24) == 127 || address == INADDR_ANY;
-}
+bool IsLoopbackOrAny(uint32_t address) { return (address >> 24) == 127 || address == INADDR_ANY; }
 
 // An address of one of this host's interfaces (the calling thread's network namespace).
 bool IsOwnAddress(const sockaddr_storage& address) {

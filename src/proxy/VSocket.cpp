@@ -130,7 +130,8 @@ void CDnVSocket::SetDeadline(std::chrono::steady_clock::time_point deadline) {
 }
 
 bool CDnVSocket::WaitBeforeDeadline(short events) {
-    if (!m_bDeadline) return true;
+    // A closed descriptor is for the call itself to report.
+    if (!m_bDeadline || m_socket.load() == -1) return true;
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(
             m_deadline - std::chrono::steady_clock::now());
