@@ -162,14 +162,23 @@ void CSWGAgent::RunMessageLoop() {
     StartOsEventThreads();
 
     long error = 0;
-    CreateListeners(error);
-    if (error == 0) error = StartComponents();
+    // A stop asked for before this point starts nothing; the quit message is queued.
+    if (!StopRequestedDuringStart()) {
+        CreateListeners(error);
+        if (error == 0) error = StartComponents();
+    }
     if (error != 0) {
         DNTRACE(ERR, "Failed to start SWG Service, will terminate now. Error Code : %ld", error);
     } else {
         RunLoop();
     }
     RunStopSequence();
+}
+
+bool CSWGAgent::StopRequestedDuringStart() {
+    if (!m_bStopRequested) return false;
+    DNTRACE(TRACE, "CSWGAgent: stop requested during start-up, starting no further");
+    return true;
 }
 
 void CSWGAgent::RunLoop() {
@@ -205,9 +214,13 @@ int CSWGAgent::StartComponents() {
 
     // A missing hash manager is reported inside and does not stop the start.
     (void)InitializeHashManagerInterface();
+    // A stop that has come ends the start between steps (its signal queued the quit
+    // message); the stop order then undoes what was started, from the state Starting.
+    if (StopRequestedDuringStart()) return 0;
     // The redirector is started before the listeners exist; it holds its rules back until
     // a listener listens, so no connection is diverted to a closed port.
     (void)StartKDF(0);
+    if (StopRequestedDuringStart()) return 0;
 
     const long statsResult = StartStatistics();
     if (statsResult != 0) return static_cast<int>(statsResult);
@@ -224,6 +237,7 @@ int CSWGAgent::StartComponents() {
 
     ObtainPublicProxySettings();
     UpdateFedRampMode();
+    if (StopRequestedDuringStart()) return 0;
 
     for (const bool ipv6 : {false, true}) {
         if (ipv6 && !m_bIPv6Present) break;
@@ -245,6 +259,7 @@ int CSWGAgent::StartComponents() {
     }
 
     (void)checkInterfaceChanges();
+    if (StopRequestedDuringStart()) return 0;
 
     m_serviceState = Running;
     DNTRACE(TRACE, "Service started successfully");
@@ -297,9 +312,18 @@ void TerminationHandler(int signal) {
     if (state == Starting || state == Running) {
         DNTRACE(TRACE, "TerminationHandler with signal %d, posting QUIT message to mobile connector",
                 signal);
+        // Set first: the start order stops at its next step, even while the close below
+        // waits for a redirector start to finish.
+        agent->m_bStopRequested = true;
         // A start still retrying the redirector gives up its lock instead of holding the close.
         agent->StopRedirectorRetries();
         agent->CloseRedirectorInterface(0);
+        agent->PostMessage(MSG_ID_QUIT);
+    } else if (state == Stopped && agent->m_stopProgress == 0) {
+        // The start order has not begun: it will not, and the main loop quits at once.
+        DNTRACE(TRACE, "TerminationHandler with signal %d during start-up, stopping once it allows",
+                signal);
+        agent->m_bStopRequested = true;
         agent->PostMessage(MSG_ID_QUIT);
     } else {
         DNTRACE(TRACE, "TerminationHandler with signal %d but service not running", signal);

@@ -62,7 +62,9 @@ public:
     void RunMessageLoop();
     // Queues `id` for the main loop. Any thread, also the signal handler.
     void PostMessage(unsigned long id);
-    // Called only by RunMessageLoop: 0 or the code that ends the start.
+    // Called only by RunMessageLoop: 0 or the code that ends the start. A stop requested
+    // meanwhile ends the start between its steps with 0, leaving the state Starting for the
+    // stop order.
     int StartComponents();
     void StopComponents();
     // Does nothing; returns 0.
@@ -240,6 +242,8 @@ private:
     // core/SWGAgent.cpp
     void RunLoop();
     void RunStopSequence();
+    // True, logged, when a signal has asked to stop: the start order goes no further.
+    bool StopRequestedDuringStart();
     // core/SWGAgentListeners.cpp
     int StartListener(bool ipv6);
     void StopListener(bool ipv6);
@@ -296,7 +300,9 @@ public:
     boost_ext::condition_event m_messageEvent{true};
     boost_ext::condition_event m_unusedEvent{true};  // constructed, never signalled
     IHashManager* m_pHashManager = nullptr;
-    int m_stopProgress = 0;
+    std::atomic<int> m_stopProgress{0};
+    // A signal asked the service to stop; the start order looks at it between its steps.
+    std::atomic<bool> m_bStopRequested{false};
     ORGINFO m_orgInfo;
     std::atomic<uint8_t> m_kdfStopReasons{0};
     std::atomic<bool> m_kdfDisruptionHandlerBusy{false};

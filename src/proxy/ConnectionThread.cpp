@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <new>
 #include <stdexcept>
@@ -37,6 +38,14 @@ constexpr std::size_t kProcessPathSize = 2048;
 constexpr unsigned long kRetryPauseMs = 1000;
 // A record that names the agent's own listener: the job ends before anything is connected.
 constexpr long kLoopCode = ELOOP;
+// The job's end when the pool closed it just as it reached the relay.
+constexpr long kClosedByPoolCode = ECANCELED;
+constexpr std::int64_t kClosedBeforeRelay = -1;
+
+std::int64_t SteadyNow() {
+    const std::int64_t now = std::chrono::steady_clock::now().time_since_epoch().count();
+    return now > 0 ? now : 1;
+}
 
 // A rule as it stands before anything is set. Field by field: a temporary redirect_info
 // would put its lists at a misaligned address.
@@ -129,6 +138,7 @@ long CDnConnectionThread::Start(boost_ext::condition_event& done, CDnVSocket* so
     }
     m_pListener = listener;
     m_bIPv6 = ipv6;
+    m_beforeRelaySince = SteadyNow();
     DNTRACE(TRACE_OFF, "Connection Thread - starting base thread");
     return CDnEventThread::Start(done, force);
 }
@@ -164,7 +174,57 @@ long CDnConnectionThread::ProcessEvent() {
     m_bFailureReported = false;
     CloseConnection();
     (void)RemoveCurrentNoRedirectKdfException();
+    EndJob();
     return code;
+}
+
+void CDnConnectionThread::EndJob() {
+    const bool closedByPool = m_beforeRelaySince.exchange(0) == kClosedBeforeRelay;
+    const bool outgoingTimedOut = m_pExternalSocket != nullptr && m_pExternalSocket->TimedOut();
+    if (closedByPool) {
+        DNTRACE(WARN, "Connection : Closed before the relay to keep threads for other clients, %s",
+                FlowText().c_str());
+    } else if (outgoingTimedOut || (m_pKdfSocket != nullptr && m_pKdfSocket->TimedOut())) {
+        const char* what = !outgoingTimedOut ? m_clientWait
+                           : TMode != 0      ? "gateway's answer"
+                                             : "destination to take the request";
+        DNTRACE(WARN, "Connection : Timed out waiting for the %s, closed %s", what,
+                FlowText().c_str());
+    }
+    // The block and the line buffers would otherwise stay with the idle thread.
+    m_headers.Reset();
+    if (m_pKdfSocket != nullptr) m_pKdfSocket->ResetBuffer();
+    if (m_pExternalSocket != nullptr) m_pExternalSocket->ResetBuffer();
+}
+
+bool CDnConnectionThread::CloseBeforeRelay(std::int64_t since) {
+    std::int64_t expected = since;
+    if (since <= 0 || !m_beforeRelaySince.compare_exchange_strong(expected, kClosedBeforeRelay))
+        return false;
+    Kill();
+    return true;
+}
+
+bool CDnConnectionThread::ReachRelay() {
+    std::int64_t since = m_beforeRelaySince.load();
+    if (since == kClosedBeforeRelay || !m_beforeRelaySince.compare_exchange_strong(since, 0))
+        return false;
+    if (m_pKdfSocket != nullptr) m_pKdfSocket->ClearDeadline();
+    if (m_pExternalSocket != nullptr) m_pExternalSocket->ClearDeadline();
+    return true;
+}
+
+void CDnConnectionThread::StartWait(CDnVSocket* socket, int ms) {
+    if (socket != nullptr)
+        socket->SetDeadline(std::chrono::steady_clock::now() + std::chrono::milliseconds(ms));
+}
+
+std::string CDnConnectionThread::FlowText() const {
+    sockaddr_storage target{};
+    (void)OriginalTarget(target, m_bIPv6);
+    return m_processName + "(" + std::to_string(m_pid) + ") -> " +
+           SockaddrToAddress(reinterpret_cast<const sockaddr*>(&target)) + ":" +
+           std::to_string(ntohs(m_origDstPort));
 }
 
 void CDnConnectionThread::PrepareSessionRecord() {
@@ -180,6 +240,9 @@ void CDnConnectionThread::PrepareSessionRecord() {
 long CDnConnectionThread::HandleConnection() {
     long code = 0;
     try {
+        ResetJobState();
+        m_clientWait = "session record";
+        StartWait(m_pKdfSocket, m_clientWaitMs);
         code = ReadSessionRecord();
         if (code != 0) return code;
         if (IsLoopToListener()) return kLoopCode;
@@ -202,6 +265,7 @@ long CDnConnectionThread::HandleConnection() {
                         CMode, TMode);
             }
             if (CMode == 2) {
+                m_clientWait = "header block";
                 code = ReadHttpHeaders();
                 if (code != 0) {
                     DNTRACE(ERR, "Connection : Failed to read http headers");
@@ -220,9 +284,13 @@ long CDnConnectionThread::HandleConnection() {
                     m_processName.c_str(), CMode, TMode);
         }
 
+        // From here the client is only written to: the refusal page, the gateway's answer.
+        m_clientWait = "client to take the answer";
+        StartWait(m_pKdfSocket, m_clientWaitMs);
         code = ConnectAndExchange();
         if (code != 0) return code;
         if (exit_requested) return 0;  // logged where it was seen
+        if (!ReachRelay()) return kClosedByPoolCode;
 
         if (!backedOff) CountConnection();
         if (TMode != 0) g_pSWGAgent->SetCaptivePortalMode(false);
@@ -251,33 +319,34 @@ long CDnConnectionThread::ReadSessionRecord() {
     std::memset(&record, 0, sizeof(record));
     m_pid = -1;
     char* const bytes = reinterpret_cast<char*>(&record);
-    // A -1 from Recv is not an end: it takes one off the count, and a count that turns
-    // negative ends the loop as if the record were complete. Only a close (0) ends the job.
+    // A -1 from Recv takes one off the count and the loop reads on. A close, or a count
+    // that turns negative, leaves no record: such a job must not go on with a destination
+    // it never read. A wait that ran out is logged when the job ends.
     int count = 0;
     while (count < kRecordSize) {
         const int received = m_pKdfSocket->Recv(bytes + count, kRecordSize - count, 0);
-        if (received == 0) {
-            DNTRACE(LISTEN, "Connection : Failed to read ngc_session_info from socket");
-            std::lock_guard<std::mutex> hold(m_socketLock);
-            (void)m_pKdfSocket->CloseSocket();
-            return 1;
-        }
+        if (received == -1 && m_pKdfSocket->TimedOut()) return ETIMEDOUT;
+        if (received == 0) break;
         if (received > 0) DNTRACE(TRACE_OFF, "Connection : Recv received %d bytes", received);
         count += received;
         if (count < 0) break;
     }
+    if (count != kRecordSize) {
+        DNTRACE(LISTEN, "Connection : Failed to read ngc_session_info from socket");
+        std::lock_guard<std::mutex> hold(m_socketLock);
+        (void)m_pKdfSocket->CloseSocket();
+        return 1;
+    }
 
-    if (count == kRecordSize) {
-        if (!m_bIPv6) {
-            std::memcpy(&m_origDstV4, record.orig_dst.raw + 4, sizeof(m_origDstV4));
-            m_origDstPort = record.orig_dst.v4.sin_port;
-            const unsigned char* a = record.orig_dst.raw + 4;
-            DNTRACE(LISTEN, "Connection: orig dst_addr=%d.%d.%d.%d and dst_port=%d from kdf", a[0],
-                    a[1], a[2], a[3], ntohs(m_origDstPort));
-        } else {
-            std::memcpy(m_origDstV6, &record.orig_dst.v6.sin6_addr, sizeof(m_origDstV6));
-            m_origDstPort = record.orig_dst.v6.sin6_port;
-        }
+    if (!m_bIPv6) {
+        std::memcpy(&m_origDstV4, record.orig_dst.raw + 4, sizeof(m_origDstV4));
+        m_origDstPort = record.orig_dst.v4.sin_port;
+        const unsigned char* a = record.orig_dst.raw + 4;
+        DNTRACE(LISTEN, "Connection: orig dst_addr=%d.%d.%d.%d and dst_port=%d from kdf", a[0],
+                a[1], a[2], a[3], ntohs(m_origDstPort));
+    } else {
+        std::memcpy(m_origDstV6, &record.orig_dst.v6.sin6_addr, sizeof(m_origDstV6));
+        m_origDstPort = record.orig_dst.v6.sin6_port;
     }
     std::memset(m_hostNames, 0, sizeof(m_hostNames));
     std::memcpy(m_hostNames, record.host_names, strnlen(record.host_names, kHostNamesKept));
@@ -300,6 +369,22 @@ bool CDnConnectionThread::IsLoopToListener() {
     std::lock_guard<std::mutex> hold(m_socketLock);
     (void)m_pKdfSocket->CloseSocket();
     return true;
+}
+
+void CDnConnectionThread::ResetJobState() {
+    m_origDstV4 = 0;
+    std::memset(m_origDstV6, 0, sizeof(m_origDstV6));
+    m_origDstPort = 0;
+    std::memset(m_hostNames, 0, sizeof(m_hostNames));
+    m_pid = -1;
+    m_processName.clear();
+    m_bIPv6ViaIPv4 = false;
+    m_bBypassed = false;
+    m_bFailureReported = false;
+    m_statsConnMode = 2;
+    ResetDefaults();
+    m_headers.Reset();
+    m_proxyInfo = LOCAL_PROXY_INFO();
 }
 
 void CDnConnectionThread::ResetForJob() {
@@ -359,6 +444,7 @@ long CDnConnectionThread::ConnectAndExchange() {
             if (!OnConnectionFailure(FAILURE_CONNECT)) return code;
             if (ExitRequested()) return 0;
         }
+        StartWait(m_pExternalSocket, m_outgoingWaitMs);
 
         const bool failOpen = g_pSWGAgent->GetOrgInfo().bFailOpen;
         bool again = false;

@@ -15,6 +15,7 @@
 #include "foundation/DnEventThread.h"
 #include "platform/RedirectorRecords.h"
 #include "proxy/HttpHeaders.h"
+#include "proxy/ProxyLimits.h"
 #include "upstream/ProxyInfo.h"
 
 class CDnListenThread;
@@ -200,6 +201,20 @@ public:
     // How long SelectInitialMode waits for a client's first bytes, in 10 ms rounds: 2000.
     // Tests shorten it so that a client that sends no line end decides quickly.
     int m_firstBytesWaitMs = 2000;
+    // How long the job waits on its client before the relay (session record and header
+    // block together; then each write to the client), and on the outgoing side for the
+    // gateway's answer. Tests shorten them.
+    int m_clientWaitMs = kClientWaitMs;
+    int m_outgoingWaitMs = kGatewayAnswerWaitMs;
+
+    // ---- jobs before the relay (the pool's share) ------------------------------------------
+    // When the job in hand began, as a steady-clock count; 0 when there is none or it has
+    // reached the relay. Any thread.
+    std::int64_t BeforeRelaySince() const { return m_beforeRelaySince.load(); }
+    // Closes the job in hand if it is still the one that began at `since` and has not
+    // reached the relay: the thread is killed (its sockets shut down) and ends after the job.
+    // True when it was closed. Any thread.
+    bool CloseBeforeRelay(std::int64_t since);
 
     // Fields of the job, in the order of the record.
     std::uint64_t m_origDstV4 = 0;  // the 8 record bytes after the port; low 32 bits the address
@@ -229,7 +244,19 @@ private:
     // ---- steps of the job (ConnectionThread.cpp) ---------------------------------------
     long ReadSessionRecord();
     bool IsLoopToListener();
+    // Puts everything a job reads back to its initial value, so that nothing of the last
+    // job (its destination above all) can serve this one.
+    void ResetJobState();
     void ResetForJob();
+    // Starts the wait of the job's stage on `socket`: `ms` from now.
+    static void StartWait(CDnVSocket* socket, int ms);
+    // Leaves the stage before the relay; false when the pool has closed the job meanwhile.
+    bool ReachRelay();
+    // After the job: logs a wait that ran out or a close by the pool, and gives back the
+    // memory of the job's buffers.
+    void EndJob();
+    // "process(pid) -> address:port" of the job, for the log.
+    std::string FlowText() const;
     bool ApplyBackoff();
     void ChooseGatewayFamily();
     // Connects the outgoing side (one retry after a pause, then the failure policy) and
@@ -279,4 +306,8 @@ private:
     // created, closed or deleted only under it, so Kill never touches a freed object or a
     // descriptor number that another connection already reuses.
     std::mutex m_socketLock;
+    // BeforeRelaySince; kClosedBeforeRelay once the pool has closed the job.
+    std::atomic<std::int64_t> m_beforeRelaySince{0};
+    // What the job waits for from its client, for the log of a wait that ran out.
+    const char* m_clientWait = "";
 };

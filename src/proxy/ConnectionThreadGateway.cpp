@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -35,6 +36,8 @@ constexpr int kIPv6ReceiveBuffer = 65536;
 constexpr unsigned int kLookupTimeoutMs = 5000;
 constexpr unsigned short kGatewayTlsPort = 443;
 constexpr unsigned short kGatewayHttpPort = 80;
+// The piece in which the body of a gateway's 200 is read and dropped.
+constexpr long long kDropChunk = 16384;
 
 // Thrown when no gateway address can be had; the catch-all handler turns it into -1.
 struct NoGatewayAddress {};
@@ -416,19 +419,29 @@ bool CDnConnectionThread::ForwardProxyStatus(CDnHttpHeaders& response, int statu
 long CDnConnectionThread::ReadProxyResponseBody(CDnHttpHeaders& response, bool& connectionLost,
                                                 int status, long code) {
     const std::string lengthText = response.HeaderValue("Content-Length");
-    const int length = std::atoi(lengthText.c_str());
+    const long long length = std::strtoll(lengthText.c_str(), nullptr, 10);
     if (lengthText.empty() || length == 0) return code;
 
-    // A negative length can be had no more than a huge one.
-    std::unique_ptr<char[]> body(length > 0 ? new (std::nothrow) char[length] : nullptr);
+    // The body of a 200 is dropped as it comes, in pieces of a fixed size; a page for the
+    // client is held whole, up to a bound. A length beyond what can be held (or a negative
+    // one) is refused as a body that cannot be allocated.
+    const bool drop = status == 200;
+    if (length < 0 || (!drop && length > kGatewayPageLimit)) {
+        DNTRACE(ERR, "Connection : ProcessProxyResponse failed, System Out Of Memory!!!");
+        return SWG_E_OUTOFMEMORY;
+    }
+    const std::size_t held = drop ? std::min<long long>(length, kDropChunk) : length;
+    std::unique_ptr<char[]> body(new (std::nothrow) char[held]);
     if (!body) {
         DNTRACE(ERR, "Connection : ProcessProxyResponse failed, System Out Of Memory!!!");
         return SWG_E_OUTOFMEMORY;
     }
 
-    int received = 0;
+    long long received = 0;
     while (received < length && !exit_requested) {
-        const int count = m_pExternalSocket->Receive(body.get() + received, length - received, 0);
+        const std::size_t at = drop ? 0 : static_cast<std::size_t>(received);
+        const long long want = std::min<long long>(length - received, held - at);
+        const int count = m_pExternalSocket->Receive(body.get() + at, static_cast<int>(want), 0);
         const int error = errno;
         if (count >= 1) {
             received += count;
@@ -452,8 +465,8 @@ long CDnConnectionThread::ReadProxyResponseBody(CDnHttpHeaders& response, bool& 
         return SWG_E_FAIL;
     }
 
-    if (status == 200) return code;  // the body of a 200 is not the client's
-    if (m_pKdfSocket->SendComplete(body.get(), length, 0, exit_requested) == -1) {
+    if (drop) return code;  // the body of a 200 is not the client's
+    if (m_pKdfSocket->SendComplete(body.get(), static_cast<int>(length), 0, exit_requested) == -1) {
         DNTRACE(ERR, "Connection : SendComplete failed in ProcessProxyResponse.");
         return -1;
     }

@@ -2,11 +2,13 @@
 // CDnConnectionThreadPoolThread: hands connection threads to the listener and trims idle ones.
 #include "proxy/ConnectionThreadPoolThread.h"
 
+#include <algorithm>
 #include <new>
 
 #include "foundation/GlobalConst.h"
 #include "foundation/Trace.h"
 #include "proxy/ConnectionThread.h"
+#include "proxy/ProxyLimits.h"
 
 int g_nUseThreadPooling = 1;
 
@@ -137,6 +139,28 @@ bool CDnConnectionThreadPoolThread::ProcessTick() {
                 static_cast<int>(m_idle.size()), static_cast<int>(m_active.size()));
     if (++m_tickCount >= 61) m_tickCount = 0;
     return true;
+}
+
+void CDnConnectionThreadPoolThread::KeepShareForRelays() {
+    boost::recursive_mutex::scoped_lock hold(m_lock);
+    const std::size_t share =
+        std::max<std::size_t>(1, std::size_t{m_maxThreads} * kBeforeRelaySharePercent / 100);
+    std::size_t waiting = 0;
+    CDnConnectionThread* oldest = nullptr;
+    std::int64_t oldestSince = 0;
+    for (CDnConnectionThread* thread : m_active) {
+        const std::int64_t since = thread->BeforeRelaySince();
+        if (since <= 0) continue;
+        ++waiting;
+        if (oldest == nullptr || since < oldestSince) {
+            oldest = thread;
+            oldestSince = since;
+        }
+    }
+    // The job closes itself and logs its connection; its thread ends and is purged.
+    if (waiting >= share && oldest->CloseBeforeRelay(oldestSince))
+        DNTRACE(THREAD, "Connection Pool : %d jobs wait before the relay, closing the oldest",
+                static_cast<int>(waiting));
 }
 
 CDnConnectionThread* CDnConnectionThreadPoolThread::TakeIdle(const char* logLine) {

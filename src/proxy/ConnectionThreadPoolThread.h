@@ -52,6 +52,11 @@ public:
     // the maximum, or, with `wait`, the first to finish a job. Null when told to exit, when a
     // new thread cannot be made, or at the maximum without `wait`. Listener thread.
     CDnConnectionThread* GetConnectionThread(bool wait);
+    // Keeps jobs still before the relay within their share of the pool
+    // (kBeforeRelaySharePercent of m_maxThreads): when they hold it already, the oldest of
+    // them is closed, so that clients that stall cannot take the last threads. Listener
+    // thread, before it hands out the next job.
+    void KeepShareForRelays();
     // Starts the timer thread. Returns 0 or the error code of a thread that could not be made.
     long StartThread() override;
     // Kills every idle thread, every active one, then the timer. Returns false if one

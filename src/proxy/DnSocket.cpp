@@ -2,6 +2,7 @@
 // CDnSocket: sends, receives and connects on a plain TCP descriptor.
 #include "proxy/DnSocket.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,8 +19,15 @@ CDnSocket::~CDnSocket() { (void)CloseSocket(); }
 
 int CDnSocket::Send(const char* buffer, int length, int /*flags*/) {
     // Callers' flags are ignored on purpose; MSG_NOSIGNAL only turns a gone peer into EPIPE.
-    return static_cast<int>(
-        ::send(m_socket.load(), buffer, static_cast<size_t>(length), MSG_NOSIGNAL));
+    // Under a deadline the send never blocks: it waits for room with the deadline instead.
+    const int extra = HasDeadline() ? MSG_DONTWAIT : 0;
+    for (;;) {
+        if (!WaitBeforeDeadline(POLLOUT)) return -1;
+        const int sent = static_cast<int>(
+            ::send(m_socket.load(), buffer, static_cast<size_t>(length), MSG_NOSIGNAL | extra));
+        if (sent == -1 && extra != 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
+        return sent;
+    }
 }
 
 int CDnSocket::SendComplete(const char* buffer, int length, int flags, bool stop) {
@@ -38,7 +46,8 @@ int CDnSocket::SendComplete(const char* buffer, int length, int flags, bool stop
         const int saved = errno;
         // EINTR is retried like EINPROGRESS: a signal is not a failure of the connection.
         if (saved == EINPROGRESS || saved == EINTR) continue;
-        if (saved != ECONNRESET)
+        // A passed deadline is the job's to report, with its connection.
+        if (saved != ECONNRESET && !TimedOut())
             DNTRACE(ERR, "Socket : Failed to send %d bytes. Code : %d", length, saved);
         errno = saved;
         return -1;
@@ -51,7 +60,13 @@ int CDnSocket::Recv(char* buffer, int length, int flags) {
     const int fromPrefix = TakeFromPrefix(buffer, length, flags);
     if (fromPrefix > 0) return fromPrefix;
     const int fd = m_socket.load();
-    const int received = static_cast<int>(::recv(fd, buffer, static_cast<size_t>(length), flags));
+    const int extra = HasDeadline() ? MSG_DONTWAIT : 0;
+    int received = -1;
+    for (;;) {
+        if (!WaitBeforeDeadline(POLLIN)) return -1;
+        received = static_cast<int>(::recv(fd, buffer, static_cast<size_t>(length), flags | extra));
+        if (received != -1 || extra == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) break;
+    }
     if (received == -1) {
         const int saved = errno;
         if (saved != ECONNRESET)

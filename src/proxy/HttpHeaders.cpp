@@ -2,9 +2,12 @@
 // CDnHttpHeaders: reading, writing and searching a header block line by line.
 #include "proxy/HttpHeaders.h"
 
+#include <cerrno>
+
 #include "foundation/GlobalConst.h"
 #include "foundation/GlobalUtils.h"
 #include "foundation/Trace.h"
+#include "proxy/ProxyLimits.h"
 #include "proxy/VSocket.h"
 #include "upstream/LicenceHeader.h"
 
@@ -53,13 +56,19 @@ void CDnHttpHeaders::Reset() {
     m_bytes = 0;
 }
 
-long CDnHttpHeaders::Read(CDnVSocket* socket, const std::atomic<bool>& exit, int /*limit*/) {
+long CDnHttpHeaders::Read(CDnVSocket* socket, const std::atomic<bool>& exit, int limit) {
     if (socket == nullptr) return SWG_E_POINTER;
     m_bComplete = false;
+    const int maxLines = limit > 0 ? limit / kHeaderLineCost : 0;
     std::string work;
     for (;;) {
         std::string line;
-        const int received = socket->ReceiveLine(line);
+        // What the block may still take; the socket buffers no more than that of a line.
+        const int room = limit > 0 ? limit - m_bytes - static_cast<int>(work.size()) : 0;
+        if (limit > 0 && room < 1) return TooLong(limit);
+        const int received = socket->ReceiveLine(line, room);
+        if (received == EMSGSIZE || (limit > 0 && static_cast<int>(line.size()) > room))
+            return TooLong(limit);
         if (received != 0) return received;
         if (line.empty() || exit.load()) break;
         work += line;
@@ -75,10 +84,17 @@ long CDnHttpHeaders::Read(CDnVSocket* socket, const std::atomic<bool>& exit, int
             DNTRACE(ERR, "Header: Found existing SS header '%s'", work.c_str());
             return 1;
         }
+        if (maxLines > 0 && static_cast<int>(m_lines.size()) >= maxLines) return TooLong(limit);
         m_lines.push_back(work);
         work.clear();
     }
     return m_bComplete ? 0 : 1;
+}
+
+long CDnHttpHeaders::TooLong(int limit) {
+    DNTRACE(WARN, "Header: Block over %d bytes or %d lines, after %d lines and %d bytes", limit,
+            limit / kHeaderLineCost, static_cast<int>(m_lines.size()), m_bytes);
+    return EMSGSIZE;
 }
 
 long CDnHttpHeaders::Write(CDnVSocket* socket, const std::atomic<bool>& exit) {

@@ -25,10 +25,12 @@ public:
 
     // Reads lines through socket->ReceiveLine up to and including the empty line; bytes
     // behind it stay in the socket's line buffer. A line ended by a bare newline is joined
-    // with the next one, so such a block never completes. `limit` does not bound the block.
+    // with the next one, so such a block never completes. With `limit` above 0 the block
+    // may hold `limit` bytes and limit / kHeaderLineCost lines; past either the read stops.
     // Returns 0 when the block completed, ReceiveLine's code (1 when the peer closed, errno
-    // when a read failed), 1 when `exit` was seen first, or 0x80004003 for a null socket.
-    // Blocks until the block ends, the peer closes or the socket is closed under it.
+    // when a read failed), 1 when `exit` was seen first, EMSGSIZE past the limit (logged),
+    // or 0x80004003 for a null socket. Blocks until the block ends, the peer closes, the
+    // socket's deadline passes or the socket is shut down under it.
     [[nodiscard]] long Read(CDnVSocket* socket, const std::atomic<bool>& exit, int limit);
     // Sends the lines and the ending CRLF in one SendComplete, with `exit` as its stop, so
     // nothing goes out once `exit` is set. Returns 0 (also when stopped), -1 when the send
@@ -45,4 +47,7 @@ public:
     LineList m_lines;
     bool m_bComplete = false;
     int m_bytes = 0;  // bytes of the lines read, the ending empty line included
+
+private:
+    long TooLong(int limit);
 };

@@ -283,6 +283,7 @@ bool CDnListenThread::StartConnection(CDnConnectionThread* thread, int fd) {
         return false;
     }
     CDnVSocket::m_dwTimeout = kConnectTimeoutSeconds;
+    m_ConnectionThreadPool.KeepShareForRelays();
     if (thread->Start(m_ConnectionThreadPool.m_threadDone, socket, this, m_bIPv6, true) == 0) {
         DNTRACE(LISTEN, "Listener : Connection started");
     } else {

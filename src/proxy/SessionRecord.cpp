@@ -3,6 +3,7 @@
 #include "proxy/SessionRecord.h"
 
 #include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <netinet/in.h>
 
 #include <cstring>
@@ -28,6 +29,29 @@ bool SameEndpoint(const sockaddr_storage& a, const sockaddr_storage& b) {
     return false;
 }
 
+// 127.0.0.0/8, and 0.0.0.0, which Linux connects to this host itself. Host order.
+bool IsLoopbackOrAny(uint32_t address) { return (address >> 24) == 127 || address == INADDR_ANY; }
+
+// An address of one of this host's interfaces (the calling thread's network namespace).
+bool IsOwnAddress(const sockaddr_storage& address) {
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) return false;
+    bool own = false;
+    for (const ifaddrs* it = list; it != nullptr && !own; it = it->ifa_next) {
+        if (it->ifa_addr == nullptr || it->ifa_addr->sa_family != address.ss_family) continue;
+        if (address.ss_family == AF_INET) {
+            own = reinterpret_cast<const sockaddr_in*>(it->ifa_addr)->sin_addr.s_addr ==
+                  reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr;
+        } else {
+            own = std::memcmp(&reinterpret_cast<const sockaddr_in6*>(it->ifa_addr)->sin6_addr,
+                              &reinterpret_cast<const sockaddr_in6&>(address).sin6_addr,
+                              sizeof(in6_addr)) == 0;
+        }
+    }
+    freeifaddrs(list);
+    return own;
+}
+
 }  // namespace
 
 bool IsRedirectedDestination(const sockaddr_storage* original, const sockaddr_storage& local) {
@@ -47,15 +71,20 @@ void FillSessionRecord(const sockaddr_storage& original, int32_t pid, ngc_sessio
 bool IsListenerDestination(const sockaddr_storage& destination, uint16_t listenPort) {
     if (destination.ss_family == AF_INET) {
         const auto& in4 = reinterpret_cast<const sockaddr_in&>(destination);
-        return ntohs(in4.sin_port) == listenPort && ntohl(in4.sin_addr.s_addr) == INADDR_LOOPBACK;
+        if (ntohs(in4.sin_port) != listenPort) return false;
+        return IsLoopbackOrAny(ntohl(in4.sin_addr.s_addr)) || IsOwnAddress(destination);
     }
     if (destination.ss_family != AF_INET6) return false;
     const auto& in6 = reinterpret_cast<const sockaddr_in6&>(destination);
     if (ntohs(in6.sin6_port) != listenPort) return false;
-    if (IN6_IS_ADDR_LOOPBACK(&in6.sin6_addr)) return true;
-    const uint32_t loopback = htonl(INADDR_LOOPBACK);
-    return IN6_IS_ADDR_V4MAPPED(&in6.sin6_addr) &&
-           std::memcmp(in6.sin6_addr.s6_addr + 12, &loopback, 4) == 0;
+    if (IN6_IS_ADDR_LOOPBACK(&in6.sin6_addr) || IN6_IS_ADDR_UNSPECIFIED(&in6.sin6_addr))
+        return true;
+    if (!IN6_IS_ADDR_V4MAPPED(&in6.sin6_addr)) return IsOwnAddress(destination);
+    sockaddr_storage mapped{};
+    auto& in4 = reinterpret_cast<sockaddr_in&>(mapped);
+    in4.sin_family = AF_INET;
+    std::memcpy(&in4.sin_addr, in6.sin6_addr.s6_addr + 12, sizeof(in4.sin_addr));
+    return IsLoopbackOrAny(ntohl(in4.sin_addr.s_addr)) || IsOwnAddress(mapped);
 }
 
 bool MakeDivertedSessionRecord(int fd, bool ipv6, ngc_session_info& record) {

@@ -17,8 +17,11 @@ bool IsRedirectedDestination(const sockaddr_storage* original, const sockaddr_st
 // `pid` as process_id (-1 unknown). Everything else is zero.
 void FillSessionRecord(const sockaddr_storage& original, int32_t pid, ngc_session_info& record);
 
-// True when `destination` is the agent's own listener on `listenPort`: 127.0.0.1, ::1 or
-// ::ffff:127.0.0.1. Relaying there would feed the agent its own connection.
+// True when `destination` reaches the agent's own listener on `listenPort`: any loopback
+// address (127.0.0.0/8, ::1, and the IPv4-mapped forms), the unspecified address (0.0.0.0,
+// ::), which Linux connects to this host itself, or an address of this host's interfaces.
+// Relaying there would feed the agent its own connection. Reads the interface addresses
+// (getifaddrs) only for a destination on `listenPort`.
 bool IsListenerDestination(const sockaddr_storage& destination, uint16_t listenPort);
 
 // For the accepted TCP socket `fd` of the IPv6 (`ipv6`) or IPv4 listener: when netfilter

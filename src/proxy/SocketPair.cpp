@@ -2,7 +2,9 @@
 // CSocketPair: select() relay between the diverted client and its outgoing socket.
 #include "proxy/SocketPair.h"
 
+#include <poll.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <cerrno>
@@ -135,7 +137,33 @@ int CSocketPair::WaitOnSocketsSelect() {
         }
         if (ready > 0) return 0;
         if (m_exit->load()) return SWG_SOCKET_TIMEOUT;
+        const int gone = SideGoneUnread();
+        if (gone != 0) return gone;
     }
+}
+
+int CSocketPair::SideGoneUnread() {
+    // A side whose direction is full is not in the read set, so select cannot tell that it
+    // has reset or hung up, and while the other side takes nothing the relay would wait on
+    // it for ever. poll reports hang-up and error without being asked.
+    const struct {
+        int fd;
+        bool unread;
+        const char* name;
+    } sides[] = {{m_local_sk, m_free_from_local.empty(), "local"},
+                 {m_remote_sk, m_free_from_remote.empty(), "remote"}};
+    for (const auto& side : sides) {
+        if (side.fd == -1 || !side.unread) continue;
+        pollfd entry{side.fd, 0, 0};
+        if (::poll(&entry, 1, 0) != 1 || (entry.revents & (POLLHUP | POLLERR)) == 0) continue;
+        int error = 0;
+        socklen_t length = sizeof(error);
+        (void)::getsockopt(side.fd, SOL_SOCKET, SO_ERROR, &error, &length);
+        DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  %s side gone while not read, error=%u\n",
+                m_sockId, side.name, static_cast<unsigned>(error));
+        return SWG_RELAY_SIDE_FINISHED;
+    }
+    return 0;
 }
 
 int CSocketPair::RecvFromLocal() {

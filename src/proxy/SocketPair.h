@@ -45,7 +45,8 @@ struct SL_BUFF {
 // All six buffers are members, so a pair costs about 96 KB of the thread's stack. Buffers
 // move between the lists by splicing their nodes, so the loop allocates nothing (only a
 // failed send adds a node). Neither socket is owned or closed, and neither is ever
-// shut down: when one side ends, the other learns it only when its owner closes it.
+// shut down: when one side ends, the other learns it only when its owner closes it. A side
+// that resets while its direction is full ends the relay, whatever is still queued.
 //
 // Threading: every member runs on the constructing thread. Another thread may set the exit
 // flag (and close or shut down the descriptors); the loop then ends within about 500 ms.
@@ -71,7 +72,8 @@ public:
     // finished with nothing queued for the other.
     bool IsSocketExitConditions();
     // Waits for the next readable or writable side. Returns 0 when there is one, errno
-    // when select fails, SWG_SOCKET_TIMEOUT when the exit flag is set.
+    // when select fails, SWG_SOCKET_TIMEOUT when the exit flag is set,
+    // SWG_RELAY_SIDE_FINISHED when a side that is not read has gone.
     int WaitOnSocketsSelect();
     // Each of these does one read or write for its direction if select allowed it, and
     // returns 0, or SWG_RELAY_SIDE_FINISHED when its side ended with nothing queued the
@@ -89,6 +91,9 @@ private:
     // Enter `fd` in a set unless it is out of range, raising `maxFd` to it when entered.
     void EnterRead(int fd, int& maxFd);
     void EnterWrite(int fd, int& maxFd);
+    // SWG_RELAY_SIDE_FINISHED, logged, when a side that is not read (its direction is
+    // full) has reset or hung up; else 0. Looked at when select has timed out.
+    int SideGoneUnread();
     // True while the front of m_to_local is a lone byte younger than the hold.
     bool IsSingleByteHeld() const;
     // Counts bytes from the remote side and runs the callback once past 512.

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <unistd.h>
@@ -24,6 +25,8 @@ std::atomic<std::uint32_t> CDnVSocket::m_dwTimeout{0};
 namespace {
 
 constexpr int kReservedBuffer = 1024;
+// A line buffer that grew past this (a long line, a sniffed block) is freed when emptied.
+constexpr std::size_t kKeptBufferCapacity = 4 * kReservedBuffer;
 constexpr int kReceiveLineChunk = 1024;
 constexpr int kPeekPollMs = 10;
 // A client that streams without a line end is looked at no further than this: the sniffer
@@ -120,7 +123,33 @@ int CDnVSocket::TakeFromPrefix(char* buffer, int length, int flags) {
     return count;
 }
 
+void CDnVSocket::SetDeadline(std::chrono::steady_clock::time_point deadline) {
+    m_deadline = deadline;
+    m_bDeadline = true;
+    m_bTimedOut = false;
+}
+
+bool CDnVSocket::WaitBeforeDeadline(short events) {
+    // A closed descriptor is for the call itself to report.
+    if (!m_bDeadline || m_socket.load() == -1) return true;
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            m_deadline - std::chrono::steady_clock::now());
+        pollfd entry{m_socket.load(), events, 0};
+        // A wait that has run out still looks once: what is ready needs no wait.
+        const int ready = ::poll(&entry, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
+        if (ready > 0) return true;  // ready, or an error or hang-up that the call reports
+        if (ready == -1 && errno == EINTR) continue;
+        if (ready == -1) return true;  // the call itself reports what is wrong
+        if (left.count() > 0) continue;
+        m_bTimedOut = true;
+        errno = ETIMEDOUT;
+        return false;
+    }
+}
+
 void CDnVSocket::ResetBuffer() {
+    if (m_buffer.capacity() > kKeptBufferCapacity) std::string().swap(m_buffer);
     m_buffer.erase();
     m_bufferLength = 0;
     m_bufferOffset = 0;
@@ -209,11 +238,12 @@ std::string CDnVSocket::PeekLine(int size, int timeoutMs, const std::atomic<bool
     return buffered;
 }
 
-int CDnVSocket::ReceiveLine(std::string& line) {
+int CDnVSocket::ReceiveLine(std::string& line, int limit) {
     line = ExtractLineFromBuffer(-1);
     if (!line.empty()) return 0;
     char chunk[kReceiveLineChunk];
     for (;;) {
+        if (limit > 0 && UnreadLength() >= limit) return EMSGSIZE;
         const int received = Recv(chunk, kReceiveLineChunk, 0);
         if (received < 0) {
             const int saved = errno;

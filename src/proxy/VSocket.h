@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -92,7 +93,17 @@ public:
     // Bytes of the receive prefix that Recv has not yet returned.
     int UnreadPrefixLength() const { return static_cast<int>(m_prefix.size() - m_prefixOffset); }
 
-    // Empties the line buffer and reserves 1024 bytes.
+    // Bounds every wait of Recv and Send for the peer: once `deadline` has passed, a read or
+    // a send that would have to wait fails with ETIMEDOUT (and TimedOut() turns true), while
+    // one that needs no wait still goes ahead. Without a deadline both block as the socket
+    // does. The owner's thread only.
+    void SetDeadline(std::chrono::steady_clock::time_point deadline);
+    void ClearDeadline() { m_bDeadline = false; }
+    // True when a Recv or Send failed because the deadline had passed.
+    bool TimedOut() const { return m_bTimedOut; }
+
+    // Empties the line buffer and reserves 1024 bytes; a buffer that grew past a few times
+    // that gives its memory back.
     void ResetBuffer();
     // Appends `length` bytes; false, appending nothing, when `data` is null or `length` < 1.
     bool AppendDataToBuffer(const char* data, int length);
@@ -115,8 +126,9 @@ public:
     [[nodiscard]] std::string PeekLine(int size, int timeoutMs, const std::atomic<bool>& exit);
     // Sets `line` to the next line, with its newline, from the buffer or else the descriptor,
     // blocking without limit. A partial line stays buffered. Returns 0, errno on a failed
-    // read, or 1 when the peer closed; `line` is empty unless 0 is returned.
-    [[nodiscard]] int ReceiveLine(std::string& line);
+    // read, 1 when the peer closed, or EMSGSIZE once `limit` bytes (when above 0) are buffered
+    // without a newline; `line` is empty unless 0 is returned.
+    [[nodiscard]] int ReceiveLine(std::string& line, int limit = 0);
     // Appends to `headers`, a byte at a time through Receive, up to and including the first
     // empty line (CR ignored). Returns the last read's result: 1, 0 at end of stream or -1.
     [[nodiscard]] int ReceiveHeaders(std::string& headers);
@@ -160,6 +172,10 @@ protected:
     // Takes up to `length` bytes of the receive prefix into `buffer`; returns the count, 0
     // when none is left. MSG_PEEK in `flags` leaves them unread.
     int TakeFromPrefix(char* buffer, int length, int flags);
+    // Waits for `events` (POLLIN, POLLOUT) on the descriptor until the deadline, when one is
+    // set. True when the call may go ahead; false with errno ETIMEDOUT once it has passed.
+    bool WaitBeforeDeadline(short events);
+    bool HasDeadline() const { return m_bDeadline; }
 
     std::atomic<int> m_socket;
     std::string m_prefix;
@@ -167,4 +183,7 @@ protected:
     std::string m_buffer;
     int m_bufferLength = 0;
     int m_bufferOffset = 0;
+    std::chrono::steady_clock::time_point m_deadline;
+    bool m_bDeadline = false;
+    bool m_bTimedOut = false;
 };

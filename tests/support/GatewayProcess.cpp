@@ -52,6 +52,7 @@ bool CGatewayProcess::Start(const std::string& program, const std::vector<std::s
         error = "cannot start " + program + ": " + strerror(spawned);
         return false;
     }
+    if (readyLine.empty()) return true;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     int status = 0;
     for (;;) {

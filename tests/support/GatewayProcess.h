@@ -21,10 +21,13 @@ public:
 
     // Runs `program` with `args` (a wrapper such as "ip netns exec" may come first), its
     // standard output and error going to `outputPath`, and waits up to `timeout` for the
-    // line `readyLine`. False with a reason and the output so far in `error` otherwise.
+    // line `readyLine` (not at all when it is empty). False with a reason and the output so
+    // far in `error` otherwise.
     bool Start(const std::string& program, const std::vector<std::string>& args,
                const std::string& outputPath, std::chrono::milliseconds timeout, std::string& error,
                const std::string& readyLine = "ready");
+    // The process id; -1 once it has been reaped.
+    pid_t Pid() const { return m_pid; }
     // The bound addresses of the "listening"/"refusing" lines, in the order of --listen.
     const std::vector<std::string>& Addresses() const { return m_addresses; }
     // The port of Addresses()[index]; 0 when there is no such address.

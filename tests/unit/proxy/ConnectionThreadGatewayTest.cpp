@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <deque>
@@ -110,6 +111,13 @@ std::vector<ResponseCase> ResponseCases() {
         {"ClosedInsideHeaders", "HTTP/1.1 200 OK\r\nVia: 1.1 s_pro", true, false, false, 1, 0, "",
          true, ""},
         {"StopRequested", kForbidden + "\r\n", false, false, true, 0, 0, "", false, ""},
+        // A gateway that stalls is given up at the deadline; a page too large to hold is
+        // refused as one that cannot be allocated.
+        {"SilentInsideHeaders", "HTTP/1.1 200 OK\r\nVia: 1.1 s_pro", false, false, false, ETIMEDOUT,
+         0, "", true, ""},
+        {"PageOverTheLimit", kForbidden + "Content-Length: 300000\r\n\r\n", false, false, false,
+         static_cast<long>(SWG_E_OUTOFMEMORY), 403, kForbidden + "Content-Length: 300000\r\n\r\n",
+         false, ""},
     };
     // Name and pattern match in any case, anywhere in the value; only a Via line counts.
     const struct {
@@ -145,6 +153,7 @@ TEST_P(ProxyResponseTest, ProvesTheGatewayAndForwardsOnlyItsPages) {
         ASSERT_EQ(::shutdown(m_gateway.Get(), SHUT_WR), 0);
     }
     m_thread.exit_requested = c.stop;
+    m_thread.m_pExternalSocket->SetDeadline(std::chrono::steady_clock::now() + 300ms);
     bool lost = !c.lost;
     int status = -1;
     EXPECT_EQ(m_thread.ProcessProxyResponse(lost, status, c.noForward), c.code);

@@ -55,13 +55,16 @@ TEST(SessionRecordTest, RecordLaysOutTheDestinationWhereTheReaderLooks) {
     EXPECT_EQ(record.process_id, -1);
 }
 
-// Every spelling of the loopback listener is a loop; other addresses and ports are not.
-TEST(SessionRecordTest, ListenerDestinationCoversEveryLoopbackSpelling) {
-    for (const char* loop : {"127.0.0.1", "::1", "::ffff:127.0.0.1"})
+// Every address that reaches the listener is a loop: the whole loopback range, the
+// unspecified address (Linux connects it to this host), in either family and IPv4-mapped.
+TEST(SessionRecordTest, ListenerDestinationCoversEveryAddressThatReachesIt) {
+    for (const char* loop : {"127.0.0.1", "127.1.2.3", "0.0.0.0", "::1", "::", "::ffff:127.0.0.1",
+                             "::ffff:127.9.9.9", "::ffff:0.0.0.0"})
         EXPECT_TRUE(IsListenerDestination(Endpoint(loop, 5002), 5002)) << loop;
-    for (const char* other : {"127.0.0.2", "198.18.0.1", "::2"})
+    for (const char* other : {"198.18.0.1", "::2", "::ffff:198.18.0.1"})
         EXPECT_FALSE(IsListenerDestination(Endpoint(other, 5002), 5002)) << other;
     EXPECT_FALSE(IsListenerDestination(Endpoint("127.0.0.1", 5003), 5002));
+    EXPECT_FALSE(IsListenerDestination(Endpoint("0.0.0.0", 5003), 5002));
 }
 
 }  // namespace
