@@ -4,12 +4,14 @@
 // Input: one flags byte (bit 0: the IPv6 listener; bits 1-7 times 8: how many bytes come
 // before the socket's, as a record made on accept does), then the bytes of the connection.
 #include <arpa/inet.h>
+#include <ifaddrs.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <set>
 #include <string>
 
 #include "FuzzSupport.h"
@@ -55,14 +57,44 @@ sockaddr_storage Destination(const CDnConnectionThread& thread, bool ipv6) {
     return out;
 }
 
-// The destination the job read is the agent's own listener, by the text of its address.
+// The addresses this host answers on, as text: a record naming one of them at the
+// listener's port is a loop as much as one naming 127.0.0.1.
+const std::set<std::string>& OwnAddresses() {
+    static const std::set<std::string> own = [] {
+        std::set<std::string> out;
+        ifaddrs* list = nullptr;
+        if (::getifaddrs(&list) != 0) return out;
+        for (const ifaddrs* it = list; it != nullptr; it = it->ifa_next) {
+            if (it->ifa_addr == nullptr) continue;
+            const int family = it->ifa_addr->sa_family;
+            if (family != AF_INET && family != AF_INET6) continue;
+            char text[INET6_ADDRSTRLEN] = {};
+            const void* address =
+                family == AF_INET
+                    ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(it->ifa_addr)->sin_addr)
+                    : &reinterpret_cast<sockaddr_in6*>(it->ifa_addr)->sin6_addr;
+            if (::inet_ntop(family, address, text, sizeof(text)) != nullptr) out.insert(text);
+        }
+        ::freeifaddrs(list);
+        return out;
+    }();
+    return own;
+}
+
+// The destination the job read is the agent's own listener, by the text of its address:
+// loopback, the unspecified address, their mapped forms, or an address of this host.
 bool NamesListener(const CDnConnectionThread& thread, bool ipv6) {
+    if (ntohs(thread.m_origDstPort) != CDnListenThread::kListenPort) return false;
     char text[INET6_ADDRSTRLEN] = {};
     const void* address = ipv6 ? static_cast<const void*>(thread.m_origDstV6) : &thread.m_origDstV4;
     ::inet_ntop(ipv6 ? AF_INET6 : AF_INET, address, text, sizeof(text));
-    const std::string name = text;
-    return ntohs(thread.m_origDstPort) == CDnListenThread::kListenPort &&
-           (name == "127.0.0.1" || name == "::1" || name == "::ffff:127.0.0.1");
+    std::string name = text;
+    const std::string mapped = "::ffff:";
+    if (ipv6 && name.compare(0, mapped.size(), mapped) == 0 &&
+        name.find('.') != std::string::npos)
+        name = name.substr(mapped.size());
+    return name.compare(0, 4, "127.") == 0 || name == "0.0.0.0" || name == "::1" ||
+           name == "::" || OwnAddresses().count(name) != 0;
 }
 
 }  // namespace
