@@ -266,7 +266,7 @@ TEST_F(IpcIntegrationTest, MalformedPlugInIsDroppedAndTheNextIsServed) {
 // temporary name, pointing outside the folder, and a foreign file at the second: neither is
 // followed or truncated, and the state is still written. A configuration made writable by
 // all: refused with its reason, "config_error" reported and the record in force kept, so that
-// once the file is trusted again its new gateway is a change.
+// once the file is trusted again its new anycast address is a change.
 TEST_F(IpcIntegrationTest, NeitherPlantedNamesNorAnUntrustedConfigurationSteerTheAgent) {
     const std::string victim = m_root + "/victim";
     const std::string temporary = m_folder + "/SWGState.json.tmp." + std::to_string(m_agent) + ".";
@@ -291,7 +291,7 @@ TEST_F(IpcIntegrationTest, NeitherPlantedNamesNorAnUntrustedConfigurationSteerTh
     ASSERT_TRUE(WaitForLog("CSWGAgent: SWG state written to", 2));
     EXPECT_NE(StateFile().find("\"config_error\""), std::string::npos);
     ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
-    EXPECT_TRUE(WaitForLog("UpdateCurrentConfig: strSWGDomain changed"));
+    EXPECT_TRUE(WaitForLog("UpdateCurrentConfig: qstrSWGAnycastListV4 changed"));
     EXPECT_EQ(swg_test::CountLinesWith(Log(), "SWG: Refused to read"), 1);
     EXPECT_EQ(StopAgent(), 0);
 }
