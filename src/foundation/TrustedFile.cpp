@@ -62,8 +62,8 @@ bool OpenStep(int folder, const std::string& name, int flags, const std::string&
     if (out.fd.Get() >= 0) return true;
     out.error = errno;
     struct stat info {};
-    if (out.error == ELOOP ||
-        (::fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(info.st_mode))) {
+    if (out.error == ELOOP || (::fstatat(folder, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+                               S_ISLNK(info.st_mode))) {
         out.result = TrustedOpenResult::Untrusted;
         out.refusal = "'" + shown + "' is a symbolic link";
     }
@@ -82,7 +82,8 @@ TrustedOpen OpenTrustedFile(const std::string& path, const std::string& root) {
     }
     CUniqueFd folder;
     std::string shown = top;
-    if (!OpenStep(AT_FDCWD, top, O_RDONLY | O_DIRECTORY, shown, out)) return out;
+    // Folders as O_PATH: a descriptor to walk and examine, which needs no read permission.
+    if (!OpenStep(AT_FDCWD, top, O_PATH | O_DIRECTORY, shown, out)) return out;
     for (std::size_t i = 0;; ++i) {
         out.refusal = Judge(out.fd.Get(), shown);
         if (!out.refusal.empty()) {
@@ -94,7 +95,7 @@ TrustedOpen OpenTrustedFile(const std::string& path, const std::string& root) {
         folder = std::move(out.fd);
         shown += (shown == "/" ? "" : "/") + names[i];
         const bool last = i + 1 == names.size();
-        const int flags = last ? O_RDONLY | O_NONBLOCK | O_NOCTTY : O_RDONLY | O_DIRECTORY;
+        const int flags = last ? O_RDONLY | O_NONBLOCK | O_NOCTTY : O_PATH | O_DIRECTORY;
         if (!OpenStep(folder.Get(), names[i], flags, shown, out)) return out;
     }
     out.result = TrustedOpenResult::Opened;

@@ -287,7 +287,8 @@ TEST_F(IpcIntegrationTest, NeitherPlantedNamesNorAnUntrustedConfigurationSteerTh
     std::string config = swg_test::ReadTextFile(file);
     std::ofstream(file) << config.replace(config.find("198.18.0.10"), 11, "198.18.0.11");
     ASSERT_EQ(::chmod(file.c_str(), 0666), 0);
-    ASSERT_TRUE(WaitForLog("SWG: Refused to read '" + file + "': '" + file + "' is writable by others"));
+    ASSERT_TRUE(
+        WaitForLog("SWG: Refused to read '" + file + "': '" + file + "' is writable by others"));
     ASSERT_TRUE(WaitForLog("CSWGAgent: SWG state written to", 2));
     EXPECT_NE(StateFile().find("\"config_error\""), std::string::npos);
     ASSERT_EQ(::chmod(file.c_str(), 0644), 0);

@@ -57,7 +57,8 @@ run_case "world-writable" \
     "SWG: Refused to read '$confdir/SWGConfig.json': '$confdir/SWGConfig.json' is writable by others"
 chmod 0644 "$confdir/SWGConfig.json"
 chmod 0777 "$tmp/trevo"
-run_case "folder writable" "SWG: Refused to read '$confdir/SWGConfig.json': '$tmp/trevo' is writable by others"
+run_case "folder writable" \
+    "SWG: Refused to read '$confdir/SWGConfig.json': '$tmp/trevo' is writable by others"
 
 if [ $failures -ne 0 ]; then
     echo "$failures check(s) failed"

@@ -100,7 +100,8 @@ TEST_F(LoadOrgInfoTest, OverrideIsReadLineByLine) {
     ASSERT_EQ(chmod(path.c_str(), 0646), 0);
     ASSERT_TRUE(Load());
     EXPECT_FALSE(m_info.bIPv6Enabled);
-    EXPECT_EQ(m_capture.LinesWith("SWG: Refused to read '" + path + "': '" + path + "' is writable").size(), 1u);
+    const std::string line = "SWG: Refused to read '" + path + "': '" + path + "' is writable";
+    EXPECT_EQ(m_capture.LinesWith(line).size(), 1u);
 }
 
 // Guards the anycast flag: moved by every parsed file, refused or not, before validation.

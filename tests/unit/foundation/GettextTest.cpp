@@ -131,7 +131,8 @@ TEST_F(GettextTest, UntrustedCatalogueIsMissingAndLoggedOnce) {
     swg_test::SyslogCapture capture;
     EXPECT_EQ(In("de", "Unknown"), "Unknown");
     EXPECT_EQ(In("de", "Unknown"), "Unknown");
-    EXPECT_EQ(capture.LinesWith("SWG: Refused to read '" + file + "': '" + file + "' is writable").size(), 1u);
+    const std::string line = "SWG: Refused to read '" + file + "': '" + file + "' is writable";
+    EXPECT_EQ(capture.LinesWith(line).size(), 1u);
     ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
     EXPECT_EQ(In("de", "Unknown"), "Unbekannt");
 }
