@@ -2,13 +2,14 @@
 // Paths of the configuration files and a bounded, non-blocking reader for them.
 #include "config/ConfigFiles.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "foundation/GlobalUtils.h"
+#include "foundation/TrustedFile.h"
 #include "foundation/UniqueFd.h"
 
 const char g_szUpdateConfigFileName[] = "SWGConfig.json";
@@ -21,12 +22,19 @@ bool GetSWGConfigFolder(std::string& folder) {
     return true;
 }
 
-ConfigReadResult ReadConfigText(const std::string& path, std::string& text) {
+ConfigReadResult ReadConfigText(const std::string& path, std::string& text,
+                                std::string& refusal) {
     text.clear();
-    // O_NONBLOCK: opening a FIFO that somebody put in the file's place must not hang
-    // the caller waiting for a writer.
-    CUniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (file.Get() < 0) return ConfigReadResult::NotOpened;
+    refusal.clear();
+    std::string root;
+    if (!GetAllUsersAppDataPath(root)) return ConfigReadResult::NotOpened;
+    TrustedOpen opened = OpenTrustedFile(path, root);
+    if (opened.result == TrustedOpenResult::Untrusted) {
+        refusal = TrustRefusalLine(path, opened);
+        return ConfigReadResult::Untrusted;
+    }
+    if (opened.result != TrustedOpenResult::Opened) return ConfigReadResult::NotOpened;
+    const CUniqueFd file(std::move(opened.fd));
     struct stat info {};
     if (fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) {
         return ConfigReadResult::NotOpened;

@@ -24,8 +24,12 @@ enum class ConfigReadResult {
     NotOpened,   // missing, not a regular file (directory, FIFO, device) or no permission
     ReadFailed,  // opened, but read failed
     TooLarge,    // more than kMaxConfigFileBytes
+    Untrusted,   // the file or a folder above it could have been written by another user
 };
 
-// Reads the whole regular file at `path` into `text` (replaced). Never blocks on a FIFO
-// or device put in the file's place. `text` is empty unless the result is Read.
-ConfigReadResult ReadConfigText(const std::string& path, std::string& text);
+// Reads the whole regular file at `path` into `text` (replaced), after the trust check of
+// OpenTrustedFile from the data root (GetAllUsersAppDataPath) down. Never blocks on a FIFO
+// or device put in the file's place. `text` is empty unless the result is Read; `refusal`
+// is set to the log line that names the path and the reason when the result is Untrusted.
+ConfigReadResult ReadConfigText(const std::string& path, std::string& text,
+                                std::string& refusal);

@@ -68,7 +68,10 @@ bool CSWGAgent::LoadOrgInfoFromFolder(const std::string& folder, ORGINFO& info) 
         return false;
     }
     std::string text;
-    const ConfigReadResult read = ReadConfigText(path, text);
+    std::string refusal;
+    const ConfigReadResult read = ReadConfigText(path, text, refusal);
+    // Treated as a file that cannot be opened: the start ends, a reload keeps the record.
+    if (read == ConfigReadResult::Untrusted) LogEventEx(refusal.c_str(), 0);
     if (read == ConfigReadResult::TooLarge) {
         DNTRACE(ERR, "LoadOrgInfo: %s is larger than %zu bytes and was not read", path.c_str(),
                 kMaxConfigFileBytes);
@@ -92,7 +95,10 @@ bool CSWGAgent::LoadOrgInfoFromFolder(const std::string& folder, ORGINFO& info) 
 void CSWGAgent::ReadSWGCustomConfig(const std::string& folder, std::string& text) {
     const std::string path = ConcatenatePath(folder, "SWGConfigOverride.json", "/");
     std::string raw;
-    if (ReadConfigText(path, raw) != ConfigReadResult::Read) {
+    std::string refusal;
+    const ConfigReadResult read = ReadConfigText(path, raw, refusal);
+    if (read == ConfigReadResult::Untrusted) LogEventEx(refusal.c_str(), 0);
+    if (read != ConfigReadResult::Read) {
         // The override is optional: this line is normal and repeats on every load.
         LogEventEx("\nSWG : Unable to open the custom config file", 0);
         return;

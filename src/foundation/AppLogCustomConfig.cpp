@@ -2,19 +2,22 @@
 // Reads debuglogconfig.json into the per-component levels of the application log.
 #include "foundation/AppLogCustomConfig.h"
 
-#include <fcntl.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <sstream>
+#include <utility>
 
 #include <boost/optional.hpp>
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
 #include "foundation/AppLog.h"
+#include "foundation/DirectSyslog.h"
 #include "foundation/GlobalConst.h"
 #include "foundation/GlobalUtils.h"
+#include "foundation/TrustedFile.h"
 #include "foundation/UniqueFd.h"
 
 #define CUSTOM_CONFIG_LOG(importance, ...) \
@@ -71,10 +74,17 @@ long CAppLogCustomConfig::getConfigurationFileContents(std::string& contents) {
     contents.clear();
     const std::string path = getConfigurationFilePath();
     if (!DoesFileExist(path)) return SWG_E_LOGCFG_NOT_PRESENT;
+    std::string root;
+    GetAllUsersAppDataPath(root);
+    TrustedOpen opened = OpenTrustedFile(path, root);
+    if (opened.result == TrustedOpenResult::Untrusted) {
+        // Straight to the system log: the application log may have no logger.
+        SwgSyslog(LOG_ERR, "%s", TrustRefusalLine(path, opened).c_str());
+    }
+    if (opened.result != TrustedOpenResult::Opened) return SWG_E_LOGCFG_OPEN_FAILED;
     // POSIX calls rather than a stream: a stream cannot tell a failed read (EISDIR,
     // EIO) from an empty file, and those two must give different results.
-    CUniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.Get() < 0) return SWG_E_LOGCFG_OPEN_FAILED;
+    const CUniqueFd file(std::move(opened.fd));
     char block[4096];
     for (;;) {
         const ssize_t got = read(file.Get(), block, sizeof(block));

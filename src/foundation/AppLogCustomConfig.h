@@ -69,7 +69,8 @@ public:
     long loadConfigurationFromFile();
 
     // Reads the whole file into `contents`. Returns 0, 0xFEDE000C when there is no file,
-    // 0xFEDE000B when it cannot be opened, 0xFEDE000A when reading it fails.
+    // 0xFEDE000B when it cannot be opened or fails the trust check of OpenTrustedFile
+    // (the refusal is written to the system log), 0xFEDE000A when reading it fails.
     static long getConfigurationFileContents(std::string& contents);
 
     // GetAllUsersAppDataPath() + "/trevo/trevoclient/debuglogconfig.json".

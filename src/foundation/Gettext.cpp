@@ -2,9 +2,9 @@
 // The agent's own gettext: domain bindings, .mo mapping and lookup.
 #include "foundation/Gettext.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <clocale>
@@ -12,9 +12,12 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <vector>
 
+#include "foundation/DirectSyslog.h"
 #include "foundation/GlobalUtils.h"
+#include "foundation/TrustedFile.h"
 
 namespace {
 
@@ -30,6 +33,7 @@ constexpr std::size_t kMoTranslationsAt = 16;
 constexpr std::size_t kMoDescriptorSize = 8;  // length, then offset
 constexpr char kDefaultDomain[] = "messages";
 constexpr char kCharsetTag[] = "charset=";
+constexpr std::size_t kMaxRefusedLogged = 16;
 
 struct MoString {
     const char* text;
@@ -63,6 +67,8 @@ struct GettextState {
     std::string lastDomain;
     int lastCategory = -1;
     std::string lastLanguage;
+    // Catalogue paths whose refusal was logged.
+    std::set<std::string> refusedLogged;
 };
 
 GettextState& State() {
@@ -171,9 +177,26 @@ bool ReadMoHeader(int fd, bool& swapped) {
     return check_ver_magic(swapped ? __builtin_bswap32(words[1]) : words[1]);
 }
 
+// A catalogue that fails the trust check is a missing one, refused with one line per path:
+// a binding without a catalogue looks again on every lookup, and a failure page per
+// connection must not write a line each.
+bool OpenCatalogue(const std::string& path, int& fd) {
+    std::string root;
+    GetAllUsersAppDataPath(root);
+    TrustedOpen opened = OpenTrustedFile(path, root);
+    if (opened.result == TrustedOpenResult::Untrusted) {
+        std::set<std::string>& logged = State().refusedLogged;
+        if (logged.size() < kMaxRefusedLogged && logged.insert(path).second) {
+            SwgSyslog(LOG_ERR, "%s", TrustRefusalLine(path, opened).c_str());
+        }
+    }
+    fd = opened.fd.Release();
+    return fd >= 0;
+}
+
 bool MapCatalogue(Binding& binding, const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd == -1) return false;
+    int fd = -1;
+    if (!OpenCatalogue(path, fd)) return false;
     bool swapped = false;
     struct stat info {};
     if (!ReadMoHeader(fd, swapped) || ::fstat(fd, &info) != 0 ||
@@ -324,6 +347,7 @@ void tsc_resetbindings() {
     state.lastDomain.clear();
     state.lastCategory = -1;
     state.lastLanguage.clear();
+    state.refusedLogged.clear();
 }
 
 namespace tsc {

@@ -8,7 +8,9 @@
 // one bound to the domain with tsc::bindtextdomain. A language may be a list separated by ":",
 // tried in turn; "C" and "POSIX" stop the search with no catalogue. A language with a region
 // ("de-de") falls back to the part before the "-" ("de") when it has no catalogue of its own.
-// Only the catalogue last used is kept mapped, per domain.
+// Only the catalogue last used is kept mapped, per domain. A catalogue that fails the trust
+// check of OpenTrustedFile (from the data root down) counts as missing; its refusal is
+// written to the system log once per path.
 //
 // Threading: the state behind these functions is shared by the whole process and guarded by
 // one lock, but a returned pointer may point into a mapped catalogue that the next lookup in

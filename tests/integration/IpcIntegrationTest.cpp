@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The real agent in a network namespace of its own, with a plug-in speaking the channel's
-// framing on 127.0.0.1:5004: greeting, state words, the state file, live counters, stop.
+// framing on 127.0.0.1:5004: greeting, state words, the state file, live counters, stop, and
+// what a local user could try.
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
@@ -15,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -256,6 +259,41 @@ TEST_F(IpcIntegrationTest, MalformedPlugInIsDroppedAndTheNextIsServed) {
     EXPECT_EQ(Output(kBin + "/tools/status/swg-status --json"),
               "{\"state\":\"protected\",\"gateway\":\"198.18.0.10\",\"http_connections\":0,"
               "\"https_connections\":0,\"bypassed_connections\":0}\n");
+    EXPECT_EQ(StopAgent(), 0);
+}
+
+// What a local user could try while the agent runs. A link planted at the state file's first
+// temporary name, pointing outside the folder, and a foreign file at the second: neither is
+// followed or truncated, and the state is still written. A configuration made writable by
+// all: refused with its reason, "config_error" reported and the record in force kept, so that
+// once the file is trusted again its new anycast address is a change.
+TEST_F(IpcIntegrationTest, NeitherPlantedNamesNorAnUntrustedConfigurationSteerTheAgent) {
+    const std::string victim = m_root + "/victim";
+    const std::string temporary = m_folder + "/SWGState.json.tmp." + std::to_string(m_agent) + ".";
+    std::ofstream(victim) << "untouched";
+    std::ofstream(temporary + "1") << "foreign";
+    ASSERT_EQ(::symlink(victim.c_str(), (temporary + "0").c_str()), 0);
+    ASSERT_TRUE(WaitForLog("MonitorConfigChangesProc: pipe"));
+    CIpcClient plugin;
+    ConnectPlugIn(plugin, true);
+    Command(plugin, COMM_MSG_COLLECT_DATA_START);
+    ASSERT_TRUE(WaitForLog("CSWGAgent: SWG state written to"));
+    EXPECT_NE(StateFile().find("\"swg_protection_state\":\t\"protected\""), std::string::npos);
+    EXPECT_EQ(swg_test::ReadTextFile(victim), "untouched");
+    EXPECT_EQ(swg_test::ReadTextFile(temporary + "1"), "foreign");
+    EXPECT_TRUE(boost::filesystem::is_symlink(temporary + "0"));
+
+    const std::string file = m_folder + "/SWGConfig.json";
+    std::string config = swg_test::ReadTextFile(file);
+    std::ofstream(file) << config.replace(config.find("198.18.0.10"), 11, "198.18.0.11");
+    ASSERT_EQ(::chmod(file.c_str(), 0666), 0);
+    ASSERT_TRUE(
+        WaitForLog("SWG: Refused to read '" + file + "': '" + file + "' is writable by others"));
+    ASSERT_TRUE(WaitForLog("CSWGAgent: SWG state written to", 2));
+    EXPECT_NE(StateFile().find("\"config_error\""), std::string::npos);
+    ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+    EXPECT_TRUE(WaitForLog("UpdateCurrentConfig: qstrSWGAnycastListV4 changed"));
+    EXPECT_EQ(swg_test::CountLinesWith(Log(), "SWG: Refused to read"), 1);
     EXPECT_EQ(StopAgent(), 0);
 }
 

@@ -41,6 +41,8 @@ done
 echo "$paths" | grep -E '^\./etc/|/tarnwall/|private|test-gateway' | sed 's/^/FAIL: must not ship /'
 echo "$paths" | grep -Eq '^\./etc/|/tarnwall/|private|test-gateway' && failures=$((failures + 1))
 echo "$contents" | awk '$2 != "root/root"' | grep . && fail "files not owned by root"
+# The agent refuses catalogues that group or others could write, and folders above them.
+echo "$contents" | grep -E '^[^l].{4}w|^[^l].{7}w' && fail "files writable by group or others"
 dpkg-deb --fsys-tarfile "$deb" | tar -xO ./usr/lib/systemd/system/tsc_swgagent.service |
     grep -qx "ExecStart=/usr/sbin/tsc_swgagent -console" || fail "the unit does not start /usr/sbin/tsc_swgagent"
 

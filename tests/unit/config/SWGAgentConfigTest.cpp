@@ -79,7 +79,8 @@ TEST_F(LoadOrgInfoTest, UnusableFileResults) {
     }
 }
 
-// Guards the override: unreadable is none; read line by line, line ends vanish everywhere.
+// Guards the override: unreadable or untrusted is none; read line by line, line ends vanish
+// everywhere.
 TEST_F(LoadOrgInfoTest, OverrideIsReadLineByLine) {
     m_folder.Write("SWGConfig.json", FullConfig());  // its logLevel is "1"
     ASSERT_EQ(mkdir(PathOf("SWGConfigOverride.json").c_str(), 0700), 0);
@@ -93,6 +94,14 @@ TEST_F(LoadOrgInfoTest, OverrideIsReadLineByLine) {
     EXPECT_TRUE(m_info.bIPv6Enabled);
     EXPECT_TRUE(m_info.bDefaultLogLevel) << "\"0\\n\" must read as \"0\"";
     EXPECT_EQ(m_capture.LinesWith("Unable to open the custom config file").size(), 1u);
+
+    // One that another user could have written is no override either.
+    const std::string path = PathOf("SWGConfigOverride.json");
+    ASSERT_EQ(chmod(path.c_str(), 0646), 0);
+    ASSERT_TRUE(Load());
+    EXPECT_FALSE(m_info.bIPv6Enabled);
+    const std::string line = "SWG: Refused to read '" + path + "': '" + path + "' is writable";
+    EXPECT_EQ(m_capture.LinesWith(line).size(), 1u);
 }
 
 // Guards the anycast flag: moved by every parsed file, refused or not, before validation.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The tsc_ gettext functions over .mo catalogues that the tests write themselves.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include "foundation/Gettext.h"
 #include "support/MoFile.h"
+#include "support/SyslogCapture.h"
 
 namespace {
 
@@ -118,6 +120,21 @@ TEST_F(GettextTest, RejectsFilesThatAreNotSoundCatalogues) {
         EXPECT_EQ(In(c.language, "Unknown"), "Unknown");
     }
     EXPECT_EQ(tsc_getcharset(kDomain), "");
+}
+
+// A catalogue that another user could have written read anyway, or its refusal logged on
+// every lookup (a failure page per connection).
+TEST_F(GettextTest, UntrustedCatalogueIsMissingAndLoggedOnce) {
+    Write("de", BuildMoFile(GermanEntries()));
+    const std::string file = m_folder.Path() + "/de/LC_MESSAGES/Linkmantle.mo";
+    ASSERT_EQ(::chmod(file.c_str(), 0666), 0);
+    swg_test::SyslogCapture capture;
+    EXPECT_EQ(In("de", "Unknown"), "Unknown");
+    EXPECT_EQ(In("de", "Unknown"), "Unknown");
+    const std::string line = "SWG: Refused to read '" + file + "': '" + file + "' is writable";
+    EXPECT_EQ(capture.LinesWith(line).size(), 1u);
+    ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+    EXPECT_EQ(In("de", "Unknown"), "Unbekannt");
 }
 
 // A region without its own catalogue not falling back to the bare language, a regional
