@@ -42,29 +42,27 @@ PY
 world_create || exit 1
 inet=$(world_inet)
 ip -n "$inet" addr add 198.18.0.40/32 dev lo
-# The laptop's only way out is the test internet, which routes nowhere further.
+# The laptop's only way out is the test internet, which routes nowhere further; the gateway
+# cannot be reached until the route to it is given back.
 ip -n "$(world_client)" route add default via 198.18.1.1
+ip -n "$(world_client)" route add unreachable 198.18.0.10/32
 echo "198.18.0.40 portal.demo.test www.msftconnecttest.com" >>"/etc/netns/$(world_client)/hosts"
 # The portal answers as the file "answer" says at the time of each request.
 world_spawn "$inet" "$WORLD_WORK/portal.log" python3 -c '
 import http.server, sys, time
-answers = {"302": (302, b"", "http://Portal.Demo.Test:8080/login?next=x"), "html": (200, b"<html>sign in</html>", ""),
-           "newline": (200, b"Success\n", ""), "503": (503, b"", ""), "success": (200, b"Success", "")}
+answers = {"302": (302, b""), "html": (200, b"<html>sign in</html>"), "newline": (200, b"Success\n"),
+           "503": (503, b""), "success": (200, b"Success"), "fallback": (200, b"Microsoft Connect Test")}
 class Portal(http.server.BaseHTTPRequestHandler):
     def do_GET(self):
         print(f"portal: from {self.client_address[0]}: {self.requestline}", flush=True)
-        answer = open(sys.argv[1]).read().strip()
-        if answer == "silent" and self.path == "/echo":
-            return time.sleep(5)
-        status, body, location = (200, b"Microsoft Connect Test", "") if self.path == "/connecttest.txt" else answers[answer]
-        self.send_response(status)
-        if location: self.send_header("Location", location)
+        answer = "fallback" if self.path == "/connecttest.txt" else open(sys.argv[1]).read().strip()
+        if answer == "silent": return time.sleep(20)  # past every probe timeout
+        self.send_response(answers[answer][0])
+        if answer == "302": self.send_header("Location", "http://Portal.Demo.Test:8080/login?next=x")
         self.end_headers()
-        self.wfile.write(body)
-    def log_message(self, *args): pass
-server = http.server.ThreadingHTTPServer(("198.18.0.40", 80), Portal)
+        self.wfile.write(answers[answer][1])
 print("ready", flush=True)
-server.serve_forever()' "$WORLD_WORK/answer"
+http.server.ThreadingHTTPServer(("198.18.0.40", 80), Portal).serve_forever()' "$WORLD_WORK/answer"
 world_wait_for "$WORLD_WORK/portal.log" ready 10 || exit 1
 world_start_origins "$src" || exit 1
 world_start_agent "$bin/src/tsc_swgagent" "$data" || { cat "$WORLD_WORK/agent.log"; exit 1; }
@@ -81,7 +79,8 @@ for answer in 302 html newline 503; do
     [ "$answer" = 503 ] || check "$answer: portal gone, gateway down: refusal page" refused "gone-$answer"
 done
 check "the redirect's domain was logged" grep -q "Captive Portal Detected via portal.demo.test with redirect code 302" "$WORLD_WORK/agent.log"
-check "the probes were never diverted to the agent" sh -c "! grep -q 'dst_addr=198.18.0.40' '$WORLD_WORK/agent.log'"
+check "the probes were never diverted to the agent, the user's requests were" sh -c \
+    "grep -q 'dst_addr=198.18.0.20' '$WORLD_WORK/agent.log' && ! grep -q 'dst_addr=198.18.0.40' '$WORLD_WORK/agent.log'"
 
 echo silent >"$WORLD_WORK/answer"
 check "silent echo service, fallback answers: refusal page" refused silent
@@ -89,7 +88,11 @@ check "the fallback went to the portal host by its name" grep -q "GET /connectte
 
 echo 302 >"$WORLD_WORK/answer"
 world_curl http://www.demo.test/cp-again >/dev/null
+world_curl http://www.demo.test/cp-still >/dev/null
+check "in portal mode the next connection bypasses at once" sh -c "grep -q 'CP detected already. Bypassing connection' \
+    '$WORLD_WORK/agent.log' && grep cp-still '$WORLD_WORK/origin-www.log' | grep -q 'from 198.18.1.2'"
 echo success >"$WORLD_WORK/answer"
+ip -n "$(world_client)" route del unreachable 198.18.0.10/32
 world_start_gateway "$bin/tools/test-gateway/swg-test-gateway" "$src/packaging/sample/licence-test-private.pem" || exit 1
 world_curl http://www.demo.test/cp-back >/dev/null
 check "portal gone, gateway back: through the gateway" grep -q "HTTP GET www.demo.test/cp-back" "$WORLD_WORK/gateway.log"
