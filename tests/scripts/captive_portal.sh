@@ -68,12 +68,12 @@ world_start_origins "$src" || exit 1
 world_start_agent "$bin/src/tsc_swgagent" "$data" || { cat "$WORLD_WORK/agent.log"; exit 1; }
 
 refused() { world_curl -i "http://www.demo.test/$1" | grep -q "499 Fail close"; }
+# The page arrived, and the origin saw the laptop's address, not the gateway's.
+direct() { world_curl "http://www.demo.test/$1" | grep -q "$1" && grep "$1" "$WORLD_WORK/origin-www.log" | grep -q "from 198.18.1.2"; }
 for answer in 302 html newline 503; do
     echo "$answer" >"$WORLD_WORK/answer"
     probes=$(log_count portal "from 198.18.1.2: GET /echo HTTP/1.1")
-    check "$answer: the page comes straight from the origin" \
-        sh -c "ip netns exec $(world_client) curl -sS --max-time 20 http://www.demo.test/cp-$answer | grep -q cp-$answer"
-    check "$answer: the origin saw the laptop" sh -c "grep cp-$answer '$WORLD_WORK/origin-www.log' | grep -q 'from 198.18.1.2'"
+    check "$answer: the request goes straight to the origin" direct "cp-$answer"
     check "$answer: a probe went to the portal" [ "$(log_count portal "from 198.18.1.2: GET /echo HTTP/1.1")" -gt "$probes" ]
     echo success >"$WORLD_WORK/answer"
     [ "$answer" = 503 ] || check "$answer: portal gone, gateway down: refusal page" refused "gone-$answer"
@@ -88,9 +88,8 @@ check "the fallback went to the portal host by its name" grep -q "GET /connectte
 
 echo 302 >"$WORLD_WORK/answer"
 world_curl http://www.demo.test/cp-again >/dev/null
-world_curl http://www.demo.test/cp-still >/dev/null
-check "in portal mode the next connection bypasses at once" sh -c "grep -q 'CP detected already. Bypassing connection' \
-    '$WORLD_WORK/agent.log' && grep cp-still '$WORLD_WORK/origin-www.log' | grep -q 'from 198.18.1.2'"
+check "in portal mode the next connection goes straight to the origin" direct cp-still
+check "... without a gateway attempt" grep -q "CP detected already. Bypassing connection" "$WORLD_WORK/agent.log"
 echo success >"$WORLD_WORK/answer"
 ip -n "$(world_client)" route del unreachable 198.18.0.10/32
 world_start_gateway "$bin/tools/test-gateway/swg-test-gateway" "$src/packaging/sample/licence-test-private.pem" || exit 1

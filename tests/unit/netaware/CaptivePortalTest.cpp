@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "../proxy/GatewayTestSupport.h"
+#include "unit/proxy/GatewayTestSupport.h"
 #include "support/TraceRecorder.h"
 
 namespace {
