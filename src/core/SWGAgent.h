@@ -180,8 +180,8 @@ public:
     // The clock of the cache stamps (null: the system clock); must outlive its use. For tests.
     void SetCacheClock(IClock* clock);
 
-    // ---- network awareness (core/SWGAgentPending.cpp, not built yet; the captive portal
-    // flag in netaware/SWGAgentCaptivePortal.cpp) ------------------------------------
+    // ---- network awareness (core/SWGAgentPending.cpp, not built yet; captive portal
+    // detection in netaware/SWGAgentCaptivePortal.cpp) --------------------------------
     // Looks at the interfaces; 0 or 2 when something changed that matters.
     int checkInterfaceChanges();
     // Acts on a settled run of address changes; main thread only.
@@ -193,13 +193,27 @@ public:
     // The captive portal flag, read and stored under m_captivePortalLock. Any thread.
     bool IsCaptivePortalMode();
     void SetCaptivePortalMode(bool on);
-    // Probes for a captive portal for at most `timeoutSeconds` and sets the flag by the
-    // answer. Blocks; any thread but the main loop's.
+    // Stores the domain of the last portal redirect under m_captivePortalLock.
+    void SetCaptivePortalDomain(const std::string& domain);
+    // Probes the echo service (then the fallback URL when it cannot be asked), each with
+    // `timeoutSeconds`, and sets the flag by the answer; with no echo service configured the
+    // flag stays. Blocks without the lock held; any thread but the main loop's.
     void DetectCaptivePortalPresence(long timeoutSeconds);
-    // Test seam: while a probe is installed, DetectCaptivePortalPresence sets the flag to what
-    // it answers (true: a portal) instead of probing. An empty function removes it. Any
-    // thread; the probe is called on the detecting thread without a lock held.
-    void SetCaptivePortalProbe(std::function<bool(long timeoutSeconds)> probe);
+    // 0 when `url` answered 200 with exactly its expected text, 1 for any other answer or a
+    // failed fetch of the fallback URL, 2 when any other URL could not be fetched. Blocks.
+    int DetectCaptivePortalPresenceBasedOnURL(const std::string& url, long timeoutSeconds);
+    // The domain of the Location header in `headers` (lower case, no scheme, "www.", port,
+    // path or query), or empty.
+    void ExtractCaptivePortalDomainFromHTTPHeaders(const std::string& headers,
+                                                   std::string& domain) const;
+    // How the probes fetch a URL, with DownloadHTTPURL's short form as the default. Tests put
+    // scripted answers or their own peers here; an empty function restores the default.
+    using CaptivePortalDownloader =
+        std::function<long(const std::string& url, std::string& headers, std::string& body,
+                           long timeout, uint16_t family)>;
+    void SetCaptivePortalDownloader(CaptivePortalDownloader download);
+    // Copies of the members, under m_interfaceLock; any family but AF_INET6 is AF_INET.
+    std::string getBestInterface(int family);
 
     // ---- state and statistics (ipc/SWGAgentState.cpp, ipc/SWGAgentStats.cpp) --------
     // Reports a state word to the plug-in and the state file. While backed off only forced
@@ -309,7 +323,7 @@ public:
     std::atomic<bool> m_bRedirectorStopRequested{false};
     boost_ext::condition_event m_redirectorStopEvent{false};  // manual reset; set once
     std::string m_strCaptivePortalDomain;
-    std::function<bool(long)> m_captivePortalProbe;  // test seam, under m_captivePortalLock
+    CaptivePortalDownloader m_captivePortalDownloader;  // under m_captivePortalLock
 
     // Resolved-address caches (one host at a time, shared key).
     std::vector<uint8_t> m_resolvedIPv6List;
@@ -333,6 +347,10 @@ public:
 
 // The process-wide agent.
 extern CSWGAgent* g_pSWGAgent;
+
+// The captive portal probe's fallback: a public plain-HTTP connectivity test whose body is
+// "Microsoft Connect Test". Recognised by comparing a probe's URL with it whole.
+extern const char g_szCaptivePortalFallbackURL[];
 
 // 0 until main sets it to 1 for "-console".
 extern int g_nAPP_MODE;

@@ -4,6 +4,8 @@
 // nothing to stop. Remove an entry here when its component lands.
 #include "core/SWGAgent.h"
 
+#include <sys/socket.h>
+
 #include "foundation/Trace.h"
 
 // TODO(lead): network tracking; no change is reported. When it lands, a settled change also
@@ -15,20 +17,10 @@ void CSWGAgent::HandleNetworkChangeEvent() {}
 // TODO(lead): backoff decision; until it lands the agent never stands aside.
 void CSWGAgent::OnBackoffStateChange() {}
 
-// TODO(lead): captive portal detection; no portal is ever detected, and the mode stays as it
-// is, unless a test installed a probe.
-void CSWGAgent::DetectCaptivePortalPresence(long timeoutSeconds) {
-    std::function<bool(long)> probe;
-    {
-        boost::recursive_mutex::scoped_lock hold(m_captivePortalLock);
-        probe = m_captivePortalProbe;
-    }
-    if (probe) SetCaptivePortalMode(probe(timeoutSeconds));
-}
-
-void CSWGAgent::SetCaptivePortalProbe(std::function<bool(long)> probe) {
-    boost::recursive_mutex::scoped_lock hold(m_captivePortalLock);
-    m_captivePortalProbe = probe;
+// TODO(lead): network tracking fills the best interfaces; until it lands IPv4 counts as
+// having a router and IPv6 not, so the captive portal probe goes over IPv4.
+std::string CSWGAgent::getBestInterface(int family) {
+    return family == AF_INET6 ? std::string() : std::string("0.0.0.0");
 }
 
 // TODO(lead): hash manager.

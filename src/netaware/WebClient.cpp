@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <new>
 
@@ -247,6 +248,10 @@ long CWebClient::DownloadHTTPURL(const std::string& url, bool useExplicitPeer,
         DNTRACE(ERR, "WebClient : Failed to Connect. Error: %d", static_cast<int>(connected));
         return connected;
     }
+    // A portal that drips its answer a byte at a time would pass every per-read timeout.
+    if (timeout > 0)
+        client.m_pSocket->SetDeadline(std::chrono::steady_clock::now() +
+                                      std::chrono::seconds(timeout));
     if (client.SendHeader(BuildRequest(url, useExplicitPeer, host, request), false) == -1) {
         DNTRACE(ERR, "WebClient : Failed to Send Request Header");
         return -1;
@@ -260,14 +265,19 @@ long CWebClient::DownloadHTTPURL(const std::string& url, bool useExplicitPeer,
             DNTRACE(WARN, "WebClient : Error setting option RCVTIMEO: %d", static_cast<int>(set));
     }
     headers.clear();
-    if (client.ReceiveHeaders(headers) == -1) {
+    if (client.m_pSocket->ReceiveHeaders(headers, kHeaderLimit) == -1) {
         DNTRACE(ERR, "WebClient : Failed to Receive Headers");
         return -1;
     }
     body.clear();
     char buffer[kReceiveChunk];
     for (;;) {
-        const int received = client.ReceiveData(buffer, kReceiveChunk);
+        const int room = kBodyLimit - static_cast<int>(body.size());
+        if (room <= 0) {
+            DNTRACE(WARN, "WebClient : Body over %d bytes, the rest is not read", kBodyLimit);
+            return 0;
+        }
+        const int received = client.ReceiveData(buffer, room < kReceiveChunk ? room : kReceiveChunk);
         if (received == -1) {
             DNTRACE(ERR, "WebClient : Failed to Receive Data");
             return -1;

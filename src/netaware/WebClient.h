@@ -81,10 +81,16 @@ public:
                                 long timeout, uint16_t family);
     // GETs `url` over a connection of its own to `peerHost` when `useExplicitPeer` (with the
     // whole URL in the request line, as to a proxy), else to the URL's host; always on
-    // `peerPort`. `timeout` bounds the connect and, when not negative, each read (0: no
-    // limit). Fills `headers` (the empty line included) and `body` (to the end of the
-    // stream). Returns 0, also when the peer closed early, -1 when the request cannot be
-    // sent or a read fails (a receive timeout too), or Connect's or the URL parser's code.
+    // `peerPort`. `timeout` bounds the connect, each read when not negative (0: no limit),
+    // and, when above 0, the whole answer from the request on. Fills `headers` (the empty
+    // line included) and `body` (to the end of the stream, or its first kBodyLimit bytes).
+    // Returns 0, also when the peer closed early or the body was cut at the limit, -1 when
+    // the request cannot be sent, a read fails or times out, or the headers pass
+    // kHeaderLimit, or Connect's or the URL parser's code.
+    // Bounds of an answer: a peer that streams without end is cut off, not held.
+    static constexpr int kHeaderLimit = 64000;
+    static constexpr int kBodyLimit = 256 * 1024;
+
     static long DownloadHTTPURL(const std::string& url, bool useExplicitPeer,
                                 const std::string& peerHost, uint16_t peerPort,
                                 std::string& headers, std::string& body, long timeout,

@@ -260,9 +260,13 @@ int CDnVSocket::ReceiveLine(std::string& line, int limit) {
     }
 }
 
-int CDnVSocket::ReceiveHeaders(std::string& headers) {
+int CDnVSocket::ReceiveHeaders(std::string& headers, int limit) {
     int lineLength = 0;  // bytes of the current line, CR left out
-    for (;;) {
+    for (int count = 0;; ++count) {
+        if (limit > 0 && count >= limit) {
+            errno = EMSGSIZE;
+            return -1;
+        }
         char byte = 0;
         const int received = Receive(&byte, 1, 0);
         if (received < 1) return received;

@@ -130,8 +130,9 @@ public:
     // without a newline; `line` is empty unless 0 is returned.
     [[nodiscard]] int ReceiveLine(std::string& line, int limit = 0);
     // Appends to `headers`, a byte at a time through Receive, up to and including the first
-    // empty line (CR ignored). Returns the last read's result: 1, 0 at end of stream or -1.
-    [[nodiscard]] int ReceiveHeaders(std::string& headers);
+    // empty line (CR ignored). Returns the last read's result: 1, 0 at end of stream or -1;
+    // -1 with errno EMSGSIZE too once `limit` bytes (when above 0) came without the empty line.
+    [[nodiscard]] int ReceiveHeaders(std::string& headers, int limit = 0);
     // Sends the unread buffered bytes through target->SendComplete, with `exit` as its stop.
     // Returns 0 for a null target or nothing buffered, -1 on failure (buffer kept), else
     // the count sent, with the buffer reset.

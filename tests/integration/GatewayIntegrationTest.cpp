@@ -140,7 +140,7 @@ protected:
 
         m_savedOrgInfo = g_pSWGAgent->GetOrgInfo();
         g_pSWGAgent->SetCaptivePortalMode(false);
-        g_pSWGAgent->SetCaptivePortalProbe(nullptr);
+        g_pSWGAgent->SetCaptivePortalDownloader(nullptr);
         for (const char* name : kEnvironment) {
             if (const char* value = ::getenv(name)) m_savedEnvironment[name] = value;
             ::unsetenv(name);
@@ -166,7 +166,7 @@ protected:
         if (!m_gatewayNs.empty()) {
             g_pSWGAgent->SetOrgInfo(m_savedOrgInfo);
             g_pSWGAgent->SetCaptivePortalMode(false);
-            g_pSWGAgent->SetCaptivePortalProbe(nullptr);
+            g_pSWGAgent->SetCaptivePortalDownloader(nullptr);
             for (const char* name : kEnvironment) ::unsetenv(name);
             for (const auto& entry : m_savedEnvironment)
                 ::setenv(entry.first.c_str(), entry.second.c_str(), 1);
@@ -296,8 +296,17 @@ protected:
         Configure([&](CSWGAgent::ORGINFO& info) {
             info.strSWGDomain = domain;
             info.bFailOpen = policy == Policy::FailOpen;
+            info.strSWGEchoService = "http://echo.swg.test/echo";
         });
-        g_pSWGAgent->SetCaptivePortalProbe([policy](long) { return policy == Policy::Portal; });
+        // The probe's answer: a portal's redirect, or the echo service's own text.
+        const bool portal = policy == Policy::Portal;
+        g_pSWGAgent->SetCaptivePortalDownloader(
+            [portal](const std::string&, std::string& headers, std::string& body, long, uint16_t) {
+                headers = portal ? "HTTP/1.1 302 Found\r\nLocation: http://portal.swg.test/\r\n\r\n"
+                                 : "HTTP/1.1 200 OK\r\n\r\n";
+                body = portal ? "" : "Success";
+                return 0L;
+            });
     }
 
     CurlResult Curl(const std::string& url, bool headers) {

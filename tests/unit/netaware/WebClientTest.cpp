@@ -20,6 +20,7 @@
 #include "proxy/VSocket.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SocketPeers.h"
+#include "support/TestServers.h"
 
 namespace {
 
@@ -99,6 +100,13 @@ TEST(WebClientTest, RepliesComeBackAsReceived) {
         {"stalled body", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npart",
          After::WaitForClientClose, -1, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n", "part"},
         {"silent server", "", After::WaitForClientClose, -1, "", "stale"},
+        // A portal must not be able to make the probe hold without bound what it streams.
+        {"body past the limit", "HTTP/1.1 200 OK\r\n\r\n" + big + big, After::WaitForClientClose,
+         0, "HTTP/1.1 200 OK\r\n\r\n", (big + big).substr(0, CWebClient::kBodyLimit)},
+        {"headers past the limit", "HTTP/1.1 200 OK\r\nX: " + std::string(big.size(), 'x'),
+         After::WaitForClientClose, -1,
+         ("HTTP/1.1 200 OK\r\nX: " + std::string(big.size(), 'x')).substr(0, CWebClient::kHeaderLimit),
+         "stale"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -109,6 +117,26 @@ TEST(WebClientTest, RepliesComeBackAsReceived) {
         EXPECT_EQ(d.headers, c.headers);
         EXPECT_TRUE(d.body == c.body) << d.body.size() << " bytes";
     }
+}
+
+// A peer that drips its body a byte at a time passes every per-read timeout; the answer as a
+// whole must still end at the timeout.
+TEST(WebClientTest, DrippingAnswerEndsAtTheTimeout) {
+    swg_test::TestServer peer(swg_test::Endpoint("127.0.0.1", 0), [](int fd) {
+        (void)swg_test::ReadToEnd(fd, std::chrono::milliseconds(200));
+        bool open = swg_test::WriteAll(fd, "HTTP/1.1 200 OK\r\n\r\n", std::chrono::seconds(1));
+        for (int i = 0; open && i < 200; ++i) {  // 10 s at most
+            open = swg_test::WriteAll(fd, "x", std::chrono::seconds(1)) &&
+                   !swg_test::WaitReadable(fd, std::chrono::milliseconds(50));
+        }
+    });
+    Download d;
+    d.result = CWebClient::DownloadHTTPURL("http://127.0.0.1/e", false, "",
+                                           swg_test::EndpointPort(peer.Address()), d.headers,
+                                           d.body, 1, AF_INET);
+    EXPECT_EQ(d.result, -1);
+    EXPECT_EQ(d.headers, "HTTP/1.1 200 OK\r\n\r\n");
+    EXPECT_LT(d.body.size(), 40u);  // about 20 bytes in the second allowed
 }
 
 // Connect failures and bad input must come back as codes, never as a fetch that succeeded.

@@ -53,10 +53,7 @@ protected:
     // with their timeouts.
     void Set(bool failOpen, bool portal) {
         ScopedAgentState::Edit([&](CSWGAgent::ORGINFO& info) { info.bFailOpen = failOpen; });
-        g_pSWGAgent->SetCaptivePortalProbe([this, portal](long timeout) {
-            m_probeTimeouts.push_back(timeout);
-            return portal;
-        });
+        ScopedAgentState::AnswerPortalProbes(portal, &m_probeTimeouts);
     }
     // What reached the client, once the agent has closed its local side.
     std::string ClientReceived() {
