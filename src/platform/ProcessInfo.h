@@ -20,6 +20,9 @@ long GetProcessFilePath(unsigned int pid, char* buffer, std::size_t size);
 // `remote` (both sockaddr_in or sockaddr_in6, network order), as seen from the calling
 // thread's network namespace. An IPv4 pair also matches an IPv6 socket that holds it in
 // the IPv4-mapped form. Returns the pid, or -1 when no such socket or no owner is found
-// (the owner's descriptors may be unreadable, or it closed the socket meanwhile). Reads
-// /proc, which may take a few milliseconds on a busy host; call it off the accept path.
+// (the owner's descriptors may be unreadable, or it closed the socket meanwhile). Finds the
+// socket's inode with one exact sock_diag request, whose cost does not grow with the number of
+// sockets (the /proc/net tables where sock_diag is unavailable), then its holder among the last
+// few owners, and only on a miss in every process's descriptors. Any thread; call it off the
+// accept path.
 int32_t FindTcpSocketOwner(const sockaddr* local, const sockaddr* remote);

@@ -27,5 +27,5 @@ bool IsListenerDestination(const sockaddr_storage& destination, uint16_t listenP
 // For the accepted TCP socket `fd` of the IPv6 (`ipv6`) or IPv4 listener: when netfilter
 // redirected it, fills `record` with its original destination and the pid of the client
 // socket's owner, and returns true. Returns false, `record` untouched, for a connection
-// that was not redirected. Reads /proc to find the owner; runs on the connection thread.
+// that was not redirected. Runs on the connection thread (see FindTcpSocketOwner).
 bool MakeDivertedSessionRecord(int fd, bool ipv6, ngc_session_info& record);

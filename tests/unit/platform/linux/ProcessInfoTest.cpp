@@ -1,14 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
-// Executable paths and TCP socket owners read from /proc.
+// Executable paths, and the owners of TCP sockets among many others.
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/ProcessInfo.h"
+#include "support/NetnsScope.h"
 #include "support/SocketPeers.h"
 
 namespace {
@@ -92,6 +102,116 @@ TEST(SocketOwnerMappedTest, FindsAnIPv6SocketHoldingAnIPv4Connection) {
     EXPECT_EQ(FindTcpSocketOwner(reinterpret_cast<const sockaddr*>(&server.remote),
                                  reinterpret_cast<const sockaddr*>(&server.local)),
               ::getpid());
+}
+
+// Makes socket(AF_NETLINK, ...) fail with EAFNOSUPPORT on the calling thread only, as on a
+// kernel without sock_diag.
+bool RefuseNetlinkOnThisThread() {
+    sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_socket, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_NETLINK, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program{static_cast<unsigned short>(sizeof(code) / sizeof(code[0])), code};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+// In a namespace of its own, with thousands of other sockets (half of them in TIME_WAIT), the
+// owner of one connection is found by its ends whether sock_diag answers or is refused.
+class CrowdedSocketOwnerTest : public ::testing::Test {
+protected:
+    static constexpr int kTimeWait = 2000;
+    static constexpr int kHeld = 400;  // pairs: 800 descriptors
+
+    void SetUp() override {
+        if (!m_netns.Entered()) GTEST_SKIP() << "no network namespace: " << m_netns.Why();
+        ASSERT_TRUE(m_netns.Run("ip link set lo up"));
+        m_listener = swg_test::ListenOnLoopback(AF_INET, 4096);
+        ASSERT_NE(m_listener.fd.Get(), -1);
+        for (int i = 0; i < kTimeWait + kHeld; ++i) {
+            swg_test::UniqueFd client = Connect();
+            swg_test::UniqueFd server(::accept(m_listener.fd.Get(), nullptr, nullptr));
+            ASSERT_NE(server.Get(), -1);
+            if (i < kHeld) {
+                m_held.push_back(std::move(client));
+                m_held.push_back(std::move(server));
+            } else if (i == kHeld) {
+                m_timeWait = EndsOf(client.Get());  // the client closes first: TIME_WAIT
+            }
+        }
+        // Another process holds a connection of its own, made after the fork.
+        ASSERT_EQ(::pipe(m_release), 0);
+        m_child = ::fork();
+        if (m_child == 0) {
+            const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+            ::connect(fd, reinterpret_cast<sockaddr*>(&m_listener.address), m_listener.length);
+            char byte = 0;
+            ::close(m_release[1]);
+            (void)::read(m_release[0], &byte, 1);
+            ::_exit(0);
+        }
+        ::close(m_release[0]);
+        swg_test::UniqueFd accepted(::accept(m_listener.fd.Get(), nullptr, nullptr));
+        const Ends server = EndsOf(accepted.Get());
+        m_childEnds.local = server.remote;
+        m_childEnds.remote = server.local;
+        m_held.push_back(std::move(accepted));
+        m_own = Connect();
+        m_ownEnds = EndsOf(m_own.Get());
+    }
+
+    void TearDown() override {
+        if (m_child <= 0) return;
+        ::close(m_release[1]);
+        ::waitpid(m_child, nullptr, 0);
+    }
+
+    swg_test::UniqueFd Connect() {
+        swg_test::UniqueFd client(::socket(AF_INET, SOCK_STREAM, 0));
+        if (::connect(client.Get(), reinterpret_cast<sockaddr*>(&m_listener.address),
+                      m_listener.length) != 0)
+            ADD_FAILURE() << "connect: " << std::strerror(errno);
+        return client;
+    }
+
+    static int32_t OwnerOf(const Ends& ends) {
+        return FindTcpSocketOwner(reinterpret_cast<const sockaddr*>(&ends.local),
+                                  reinterpret_cast<const sockaddr*>(&ends.remote));
+    }
+
+    void ExpectOwners() {
+        EXPECT_EQ(OwnerOf(m_ownEnds), ::getpid());
+        EXPECT_EQ(OwnerOf(m_childEnds), m_child);
+        EXPECT_EQ(OwnerOf(m_timeWait), -1);
+    }
+
+    swg_test::NetnsScope m_netns;
+    swg_test::LoopbackListener m_listener;
+    std::vector<swg_test::UniqueFd> m_held;
+    swg_test::UniqueFd m_own;
+    Ends m_ownEnds;
+    Ends m_childEnds;
+    Ends m_timeWait;
+    int m_release[2] = {-1, -1};
+    pid_t m_child = -1;
+};
+
+TEST_F(CrowdedSocketOwnerTest, FindsTheRightProcessWithAndWithoutSockDiag) {
+    ExpectOwners();
+    // A thread started here shares the namespace; its filter stays with it.
+    std::thread refused([this] {
+        if (!RefuseNetlinkOnThisThread()) {
+            ADD_FAILURE() << "seccomp: " << std::strerror(errno);
+            return;
+        }
+        ASSERT_EQ(::socket(AF_NETLINK, SOCK_DGRAM, 0), -1);
+        ExpectOwners();
+    });
+    refused.join();
 }
 
 }  // namespace
