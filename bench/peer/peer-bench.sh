@@ -1,0 +1,375 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+# Peer benchmark: the agent against redsocks and against no relay at all, through the same
+# gateway, to the same origin, in one run. Run as root; never part of CI.
+#
+# Namespaces (names carry this script's pid, so parallel runs never meet):
+#   <p>-origin   198.18.2.2     nginx on :80, iperf3 on :443
+#   <p>-gw       198.18.0.10    swg-bench-gateway on :80 and :443 (CONNECT, header block);
+#                               also routes the direct client's packets to the origin
+#   <p>-direct   198.18.11.2    client, no diversion
+#   <p>-agent    198.18.12.2    client, tsc_swgagent with its own nftables diversion
+#   <p>-redsocks 198.18.13.2    client, redsocks (http-connect to the gateway's :443), an
+#                               nftables redirect of ports 80 and 443 to it
+#   <p>-base     198.18.14.2    client, a second agent binary (SWG_BENCH_AGENT_BASE), if given
+#
+# Every figure is measured once per setup per round, the setups taking turns, so that the
+# machine's load falls on all of them alike; the table shows medians over the rounds.
+#   bulk       iperf3, one stream each way through port 443 (a CONNECT tunnel for the relays),
+#              and the relay process's CPU time (utime + stime) per GB
+#   rates      wrk to http://198.18.2.2/ (a 612-byte page), keep-alive and one connection per
+#              request (Connection: close), 50 clients and 1, with p50 and p99
+#   memory     growth of the relay's resident set while SWG_BENCH_HOLD connections are held
+#
+# Environment: SWG_BENCH_ROUNDS (3), SWG_BENCH_SECONDS (8, per wrk run), SWG_BENCH_BULK_SECONDS
+# (5, per iperf3 run), SWG_BENCH_HOLD (200), SWG_BENCH_AGENT (build/release/src/tsc_swgagent),
+# SWG_BENCH_AGENT_BASE (unset), SWG_BENCH_GATEWAY (light, or "test" for swg-test-gateway),
+# SWG_BENCH_OUT (build/peer-bench/<time>; raw outputs are kept there), SWG_BENCH_PAUSE (seconds
+# to keep everything up without measuring, for profiling by hand).
+set -eu
+cd "$(dirname "$0")/../.."
+root=$(pwd)
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "peer-bench: run as root (namespaces, nftables)" >&2
+    exit 1
+fi
+
+ROUNDS=${SWG_BENCH_ROUNDS:-3}
+WRK_SECONDS=${SWG_BENCH_SECONDS:-8}
+BULK_SECONDS=${SWG_BENCH_BULK_SECONDS:-5}
+HOLD=${SWG_BENCH_HOLD:-200}
+GATEWAY_KIND=${SWG_BENCH_GATEWAY:-light}
+AGENT=${SWG_BENCH_AGENT:-$root/build/release/src/tsc_swgagent}
+BASE=${SWG_BENCH_AGENT_BASE:-}
+OUT=${SWG_BENCH_OUT:-$root/build/peer-bench/$(date +%Y%m%d-%H%M%S)}
+P=pb$$
+W=$(mktemp -d /tmp/peer-bench.XXXXXX)
+chmod 755 "$W"  # nginx workers run as an unprivileged user
+ORIGIN=198.18.2.2
+GATEWAY=198.18.0.10
+PIDS=""
+
+SETUPS="direct agent redsocks"
+[ -n "$BASE" ] && SETUPS="direct agent base redsocks"
+
+cleanup() {
+    set +e
+    for p in $PIDS; do kill -TERM "$p" 2>/dev/null; done
+    sleep 0.5
+    for p in $PIDS; do kill -KILL "$p" 2>/dev/null; done
+    for n in origin gw direct agent redsocks base; do
+        ip netns del "$P-$n" 2>/dev/null
+        rm -rf "/etc/netns/$P-$n"
+    done
+    rm -rf "$W"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+say() { printf '== %s\n' "$*"; }
+in_ns() {
+    n=$1
+    shift
+    ip netns exec "$P-$n" "$@"
+}
+# spawn NS LOG COMMAND...: runs COMMAND in the background in namespace NS.
+spawn() {
+    n=$1
+    log=$2
+    shift 2
+    ip netns exec "$P-$n" "$@" >"$log" 2>&1 &
+    LAST=$!
+    PIDS="$PIDS $LAST"
+}
+wait_for() {
+    i=0
+    while [ $i -lt $(($3 * 10)) ]; do
+        grep -q "$2" "$1" 2>/dev/null && return 0
+        sleep 0.1
+        i=$((i + 1))
+    done
+    echo "peer-bench: timed out waiting for '$2' in $1" >&2
+    tail -n 20 "$1" >&2
+    return 1
+}
+
+install_peers() {
+    need=""
+    for p in nginx-light wrk iperf3 redsocks; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || need="$need $p"
+    done
+    [ -z "$need" ] && return 0
+    say "installing$need"
+    apt-get update -qq
+    # shellcheck disable=SC2086
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $need
+}
+
+build() {
+    say "building (release)"
+    cmake --preset release >/dev/null
+    targets="tsc_swgagent swg-bench-gateway swg_catalogs"
+    [ "$GATEWAY_KIND" = test ] && targets="$targets swg-test-gateway"
+    # shellcheck disable=SC2086
+    cmake --build --preset release --target $targets >/dev/null
+}
+
+make_namespaces() {
+    say "namespaces $P-*"
+    for n in origin gw; do ip netns add "$P-$n"; done
+    ip -n "$P-gw" link set lo up
+    ip -n "$P-gw" addr add "$GATEWAY/32" dev lo
+    in_ns gw sysctl -qw net.ipv4.ip_forward=1
+    ip link add o0 netns "$P-origin" type veth peer name o0 netns "$P-gw"
+    ip -n "$P-origin" link set lo up
+    ip -n "$P-origin" addr add "$ORIGIN/24" dev o0
+    ip -n "$P-origin" link set o0 up
+    ip -n "$P-origin" route add 198.18.0.0/15 via 198.18.2.1
+    ip -n "$P-gw" addr add 198.18.2.1/24 dev o0
+    ip -n "$P-gw" link set o0 up
+    k=11
+    for s in $SETUPS; do
+        ip netns add "$P-$s"
+        ip link add c0 netns "$P-$s" type veth peer name "c$k" netns "$P-gw"
+        ip -n "$P-$s" link set lo up
+        ip -n "$P-$s" addr add "198.18.$k.2/24" dev c0
+        ip -n "$P-$s" link set c0 up
+        ip -n "$P-$s" route add default via "198.18.$k.1"
+        ip -n "$P-gw" addr add "198.18.$k.1/24" dev "c$k"
+        ip -n "$P-gw" link set "c$k" up
+        # No name lookup leaves the namespaces.
+        mkdir -p "/etc/netns/$P-$s"
+        echo "127.0.0.1 localhost" >"/etc/netns/$P-$s/hosts"
+        echo "nameserver 127.0.0.1" >"/etc/netns/$P-$s/resolv.conf"
+        k=$((k + 1))
+    done
+}
+
+start_origin() {
+    mkdir -p "$W/www"
+    # 612 bytes, the size of a small page.
+    python3 -c "import sys; sys.stdout.write('<html><body>' + 'x' * 585 + '</body></html>\n')" >"$W/www/index.html"
+    cat >"$W/nginx.conf" <<EOF
+worker_processes 1;
+pid $W/nginx.pid;
+error_log $W/nginx-error.log warn;
+daemon off;
+events { worker_connections 8192; }
+http {
+    access_log off;
+    sendfile on;
+    tcp_nodelay on;
+    keepalive_timeout 300s;
+    keepalive_requests 100000000;
+    server {
+        listen $ORIGIN:80 backlog=4096;
+        root $W/www;
+    }
+}
+EOF
+    spawn origin "$W/nginx.log" nginx -p "$W" -c "$W/nginx.conf"
+    spawn origin "$W/iperf3.log" iperf3 -s -B "$ORIGIN" -p 443
+    sleep 0.5
+}
+
+start_gateway() {
+    if [ "$GATEWAY_KIND" = test ]; then
+        spawn gw "$W/gateway.log" "$root/build/release/tools/test-gateway/swg-test-gateway" \
+            --listen "$GATEWAY:80" --listen "$GATEWAY:443" --max-connections 600
+    else
+        spawn gw "$W/gateway.log" "$root/build/release/bench/swg-bench-gateway" "$GATEWAY:80" "$GATEWAY:443"
+    fi
+    GATEWAY_PID=$LAST
+    wait_for "$W/gateway.log" ready 10
+}
+
+# start_agent SETUP BINARY: the agent of a client namespace, with the sample configuration
+# pointed at the bench gateway and at the default log level (the sample's is the most verbose).
+start_agent() {
+    data="$W/data-$1"
+    mkdir -p "$data/trevo/trevoclient/tarnwall/SWG"
+    sed -e "s/\"swgDomain\": \"[^\"]*\"/\"swgDomain\": \"$GATEWAY\"/" \
+        -e "s/\"198.18.0.10\"/\"$GATEWAY\"/" -e "s/\"logLevel\": \"1\"/\"logLevel\": \"0\"/" \
+        "$root/packaging/sample/SWGConfig.json" >"$data/trevo/trevoclient/tarnwall/SWG/SWGConfig.json"
+    if [ -d "$root/build/release/data/trevo/trevoclient" ]; then
+        cp -r "$root/build/release/data/trevo/trevoclient/." "$data/trevo/trevoclient/"
+    fi
+    spawn "$1" "$W/$1.log" sh -c "ulimit -n 65536; exec env SWG_DATA_ROOT='$data' SWG_LOG_STDERR=1 '$2' -console"
+    eval "RELAY_$1=$LAST"
+    wait_for "$W/$1.log" "Redirector: table inet tsc_swg in force" 30
+}
+
+start_redsocks() {
+    cat >"$W/redsocks.conf" <<EOF
+base {
+    log_debug = off;
+    log_info = off;
+    log = stderr;
+    daemon = off;
+    redirector = iptables;
+    redsocks_conn_max = 8192;
+}
+redsocks {
+    local_ip = 127.0.0.1;
+    local_port = 12345;
+    ip = $GATEWAY;
+    port = 443;
+    type = http-connect;
+}
+EOF
+    in_ns redsocks nft -f - <<EOF
+table ip peer_bench {
+    chain output {
+        type nat hook output priority -100; policy accept;
+        ip daddr 198.18.2.0/24 tcp dport { 80, 443 } redirect to :12345
+    }
+}
+EOF
+    spawn redsocks "$W/redsocks.log" sh -c "ulimit -n 65536; exec redsocks -c '$W/redsocks.conf'"
+    RELAY_redsocks=$LAST
+    sleep 0.5
+    kill -0 "$RELAY_redsocks"
+}
+
+relay_pid() {
+    case $1 in
+        direct) echo "" ;;
+        *) eval "echo \$RELAY_$1" ;;
+    esac
+}
+
+# The process's own pid inside `ip netns exec` is the command's: exec replaces the shell.
+cpu_ticks() {
+    [ -n "$1" ] || {
+        echo -
+        return
+    }
+    awk '{print $14 + $15}' "/proc/$1/stat"
+}
+rss_kib() { awk '/^VmRSS:/ {print $2}' "/proc/$1/status"; }
+
+# bulk SETUP ROUND DIRECTION(up|down)
+bulk() {
+    relay=$(relay_pid "$1")
+    before=$(cpu_ticks "$relay")
+    gw_before=$(cpu_ticks "$GATEWAY_PID")
+    reverse=""
+    [ "$3" = down ] && reverse=-R
+    timeout $((BULK_SECONDS + 30)) ip netns exec "$P-$1" iperf3 -c "$ORIGIN" -p 443 \
+        -t "$BULK_SECONDS" -J $reverse >"$OUT/raw/$1-bulk-$3-$2.json" 2>&1 || true
+    after=$(cpu_ticks "$relay")
+    gw_after=$(cpu_ticks "$GATEWAY_PID")
+    used=-
+    [ "$before" != - ] && used=$((after - before))
+    echo "$1 bulk-$3 $2 $used $((gw_after - gw_before))" >>"$OUT/raw/cpu.txt"
+}
+
+# rate SETUP ROUND KIND(keepalive|per-request) CLIENTS
+rate() {
+    threads=2
+    [ "$4" -eq 1 ] && threads=1
+    if [ "$3" = per-request ]; then
+        set -- "$@" -H "Connection: close"
+    fi
+    setup=$1
+    round=$2
+    kind=$3
+    clients=$4
+    shift 4
+    timeout $((WRK_SECONDS + 30)) ip netns exec "$P-$setup" wrk -t"$threads" -c"$clients" \
+        -d"${WRK_SECONDS}s" --latency "$@" "http://$ORIGIN/" \
+        >"$OUT/raw/$setup-$kind-$clients-$round.txt" 2>&1 || true
+}
+
+# memory SETUP ROUND
+memory() {
+    relay=$(relay_pid "$1")
+    [ -n "$relay" ] || return 0
+    ready="$W/hold-$1-$2"
+    before=$(rss_kib "$relay")
+    # ip netns exec replaces itself with the holder, which lets go on SIGTERM (or after 60 s).
+    ip netns exec "$P-$1" python3 "$root/bench/peer/hold_connections.py" "$ORIGIN" 80 \
+        "$HOLD" "$ready" &
+    holder=$!
+    i=0
+    while [ ! -s "$ready" ] && [ $i -lt 600 ] && kill -0 "$holder" 2>/dev/null; do
+        sleep 0.1
+        i=$((i + 1))
+    done
+    sleep 1
+    after=$(rss_kib "$relay")
+    held=$(cat "$ready" 2>/dev/null || echo 0)
+    kill "$holder" 2>/dev/null || true
+    wait "$holder" 2>/dev/null || true
+    echo "$1 $2 $held $before $after" >>"$OUT/raw/memory.txt"
+    # Let the relay's idle threads or connections go before the next figure.
+    sleep 4
+}
+
+rotate() {
+    # The setups in turn, starting at a different one each round.
+    n=$1
+    shift
+    i=0
+    for s in "$@"; do
+        [ $i -ge "$n" ] && printf '%s ' "$s"
+        i=$((i + 1))
+    done
+    i=0
+    for s in "$@"; do
+        [ $i -lt "$n" ] && printf '%s ' "$s"
+        i=$((i + 1))
+    done
+}
+
+install_peers
+build
+mkdir -p "$OUT/raw"
+echo "$SETUPS" >"$OUT/raw/setups"
+: >"$OUT/raw/cpu.txt"
+: >"$OUT/raw/memory.txt"
+{
+    echo "machine: $(uname -srm), $(nproc) cores; gateway: $GATEWAY_KIND"
+    echo "agent: $AGENT ($(cd "$root" && git describe --always --dirty 2>/dev/null || echo unknown))"
+    [ -n "$BASE" ] && echo "base: $BASE"
+    echo "rounds $ROUNDS, wrk ${WRK_SECONDS}s, iperf3 ${BULK_SECONDS}s, hold $HOLD"
+} >"$OUT/raw/machine.txt"
+: >"$OUT/raw/load.txt"
+
+make_namespaces
+start_origin
+start_gateway
+start_agent agent "$AGENT"
+[ -n "$BASE" ] && start_agent base "$BASE"
+start_redsocks
+
+if [ -n "${SWG_BENCH_PAUSE:-}" ]; then
+    # For profiling by hand: everything stays up for that many seconds, then goes.
+    say "up for ${SWG_BENCH_PAUSE}s: namespaces $P-*, relay pids agent=$RELAY_agent redsocks=$RELAY_redsocks"
+    sleep "$SWG_BENCH_PAUSE"
+    exit 0
+fi
+
+say "rounds: $ROUNDS; setups: $SETUPS; results in $OUT"
+r=1
+while [ $r -le "$ROUNDS" ]; do
+    echo "round $r start: $(uptime)" >>"$OUT/raw/load.txt"
+    # shellcheck disable=SC2086
+    order=$(rotate $((r % $(echo $SETUPS | wc -w))) $SETUPS)
+    say "round $r ($order)"
+    for dir in up down; do
+        for s in $order; do bulk "$s" "$r" "$dir"; done
+    done
+    for kind in per-request keepalive; do
+        for clients in 50 1; do
+            for s in $order; do rate "$s" "$r" "$kind" "$clients"; done
+        done
+    done
+    for s in $order; do memory "$s" "$r"; done
+    echo "round $r end:   $(uptime)" >>"$OUT/raw/load.txt"
+    r=$((r + 1))
+done
+
+cat "$OUT/raw/machine.txt"
+python3 "$root/bench/peer/peer_report.py" "$OUT"
