@@ -279,20 +279,25 @@ SocketFacts FindSocket(const Endpoint& local, const Endpoint& remote, bool ipv4)
     return FindInTables(local, remote, ipv4);
 }
 
-bool ProcessHoldsInode(const char* pid, const std::string& wanted) {
-    const std::string folder = std::string("/proc/") + pid + "/fd";
-    DIR* fds = ::opendir(folder.c_str());
-    if (fds == nullptr) return false;
-    bool found = false;
+// True when descriptor `fd` of process `pid` is the socket `wanted` ("socket:[inode]").
+bool FdIsInode(const std::string& pid, const char* fd, const std::string& wanted) {
     char target[64];
+    const std::string link = "/proc/" + pid + "/fd/" + fd;
+    const ssize_t length = ::readlink(link.c_str(), target, sizeof(target) - 1);
+    if (length <= 0) return false;
+    target[length] = '\0';
+    return wanted == target;
+}
+
+// The descriptor of process `pid` that is the socket `wanted`; -1 when it holds none.
+int FindFdOfInode(const std::string& pid, const std::string& wanted) {
+    DIR* fds = ::opendir(("/proc/" + pid + "/fd").c_str());
+    if (fds == nullptr) return -1;
+    int found = -1;
     while (const dirent* entry = ::readdir(fds)) {
         if (entry->d_name[0] == '.') continue;
-        const std::string link = folder + "/" + entry->d_name;
-        const ssize_t length = ::readlink(link.c_str(), target, sizeof(target) - 1);
-        if (length <= 0) continue;
-        target[length] = '\0';
-        if (wanted == target) {
-            found = true;
+        if (FdIsInode(pid, entry->d_name, wanted)) {
+            found = std::atoi(entry->d_name);
             break;
         }
     }
@@ -300,34 +305,52 @@ bool ProcessHoldsInode(const char* pid, const std::string& wanted) {
     return found;
 }
 
-// A client that opened one diverted connection usually opens more: the last few owners are
-// looked at before the whole process table.
+// A holder of a socket: process and descriptor.
+struct Holder {
+    int32_t pid = -1;
+    int fd = -1;
+};
+
+// A client that opened one diverted connection usually opens more, and one that closes a
+// connection before it opens the next usually gets the same descriptor number again: the
+// last few owners are looked at before the whole process table, each first at the descriptor
+// that held its last diverted socket.
 class CRecentOwners {
 public:
-    int32_t Find(const std::string& wanted) {
-        std::array<int32_t, kSize> candidates;
+    Holder Find(const std::string& wanted) {
+        std::array<Holder, kSize> candidates;
         {
             std::lock_guard<std::mutex> hold(m_lock);
-            candidates = m_pids;
+            candidates = m_holders;
         }
-        for (const int32_t pid : candidates) {
-            if (pid > 0 && ProcessHoldsInode(std::to_string(pid).c_str(), wanted)) return pid;
+        for (const Holder& known : candidates) {
+            if (known.pid > 0 &&
+                FdIsInode(std::to_string(known.pid), std::to_string(known.fd).c_str(), wanted))
+                return known;
         }
-        return -1;
+        for (const Holder& known : candidates) {
+            if (known.pid <= 0) continue;
+            const int fd = FindFdOfInode(std::to_string(known.pid), wanted);
+            if (fd != -1) return Holder{known.pid, fd};
+        }
+        return Holder{};
     }
-    void Remember(int32_t pid) {
+    void Remember(const Holder& holder) {
         std::lock_guard<std::mutex> hold(m_lock);
-        for (const int32_t known : m_pids) {
-            if (known == pid) return;
+        for (Holder& known : m_holders) {
+            if (known.pid == holder.pid) {
+                known.fd = holder.fd;
+                return;
+            }
         }
-        m_pids[m_next] = pid;
+        m_holders[m_next] = holder;
         m_next = (m_next + 1) % kSize;
     }
 
 private:
     static constexpr std::size_t kSize = 8;
     std::mutex m_lock;
-    std::array<int32_t, kSize> m_pids{};
+    std::array<Holder, kSize> m_holders{};
     std::size_t m_next = 0;
 };
 
@@ -335,10 +358,10 @@ CRecentOwners g_recentOwners;
 
 // Scans /proc/*/fd. The processes of the socket's uid are looked at first; the others after,
 // since a descriptor may have been handed on or its holder may have changed uid since.
-int32_t ScanForInode(const std::string& wanted, uid_t uid) {
+Holder ScanForInode(const std::string& wanted, uid_t uid) {
     DIR* processes = ::opendir("/proc");
-    if (processes == nullptr) return -1;
-    int32_t owner = -1;
+    if (processes == nullptr) return Holder{};
+    Holder owner;
     std::vector<std::string> others;
     while (const dirent* entry = ::readdir(processes)) {
         if (entry->d_name[0] < '1' || entry->d_name[0] > '9') continue;
@@ -347,26 +370,27 @@ int32_t ScanForInode(const std::string& wanted, uid_t uid) {
             others.emplace_back(entry->d_name);
             continue;
         }
-        if (ProcessHoldsInode(entry->d_name, wanted)) {
-            owner = static_cast<int32_t>(std::strtol(entry->d_name, nullptr, 10));
+        owner.fd = FindFdOfInode(entry->d_name, wanted);
+        if (owner.fd != -1) {
+            owner.pid = static_cast<int32_t>(std::strtol(entry->d_name, nullptr, 10));
             break;
         }
     }
     ::closedir(processes);
-    for (std::size_t i = 0; owner == -1 && i < others.size(); ++i) {
-        if (ProcessHoldsInode(others[i].c_str(), wanted))
-            owner = static_cast<int32_t>(std::strtol(others[i].c_str(), nullptr, 10));
+    for (std::size_t i = 0; owner.pid == -1 && i < others.size(); ++i) {
+        owner.fd = FindFdOfInode(others[i], wanted);
+        if (owner.fd != -1)
+            owner.pid = static_cast<int32_t>(std::strtol(others[i].c_str(), nullptr, 10));
     }
     return owner;
 }
 
 int32_t FindInodeOwner(const SocketFacts& socket) {
     const std::string wanted = "socket:[" + std::to_string(socket.inode) + "]";
-    const int32_t recent = g_recentOwners.Find(wanted);
-    if (recent != -1) return recent;
-    const int32_t owner = ScanForInode(wanted, socket.uid);
-    if (owner != -1) g_recentOwners.Remember(owner);
-    return owner;
+    Holder owner = g_recentOwners.Find(wanted);
+    if (owner.pid == -1) owner = ScanForInode(wanted, socket.uid);
+    if (owner.pid != -1) g_recentOwners.Remember(owner);
+    return owner.pid;
 }
 
 }  // namespace
