@@ -28,7 +28,8 @@ namespace {
 
 constexpr std::size_t kBuffer = 65536;
 constexpr std::size_t kHeadLimit = 65536;
-constexpr char kConnectReply[] = "HTTP/1.1 200 Connection established\r\nVia: 1.1 s_proxy_bench\r\n\r\n";
+constexpr char kConnectReply[] =
+    "HTTP/1.1 200 Connection established\r\nVia: 1.1 s_proxy_bench\r\n\r\n";
 
 struct Session;
 

@@ -167,6 +167,7 @@ void CDnConnectionThread::DeleteExternalSocket() {
 // ---- the job -------------------------------------------------------------------------------
 
 long CDnConnectionThread::ProcessEvent() {
+    SetLocalNoDelay();
     PrepareSessionRecord();
     const long code = HandleConnection();
     if (code == 0 && !m_bFailureReported)
@@ -225,6 +226,13 @@ std::string CDnConnectionThread::FlowText() const {
     return m_processName + "(" + std::to_string(m_pid) + ") -> " +
            SockaddrToAddress(reinterpret_cast<const sockaddr*>(&target)) + ":" +
            std::to_string(ntohs(m_origDstPort));
+}
+
+void CDnConnectionThread::SetLocalNoDelay() {
+    if (m_pKdfSocket == nullptr) return;
+    const int on = 1;
+    m_pKdfSocket->SetSockOptions(IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on),
+                                 sizeof(on));
 }
 
 void CDnConnectionThread::PrepareSessionRecord() {

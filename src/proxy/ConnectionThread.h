@@ -273,12 +273,17 @@ private:
     // Makes the session record of a connection that the kernel redirected and puts it in
     // front of the accepted socket's bytes.
     void PrepareSessionRecord();
+    // Turns off Nagle on the accepted socket, as on the outgoing one: the relay writes what it
+    // has as soon as it has it, and a small write must not wait for the client's delayed ACK.
+    void SetLocalNoDelay();
     void DeleteExternalSocket();
     void DeleteSockets();
     void ResetDefaults();
 
     // ---- steps of mode selection (ConnectionThreadModes.cpp) ---------------------------
     long WaitForFirstBytes(unsigned long& readable, int& remainingMs);
+    // One round of that wait: up to 10 ms, less when the client's first bytes arrive.
+    void WaitOneRound();
     long SelectHttpModes(const std::string& line);
     void CheckSystemProxy();
 

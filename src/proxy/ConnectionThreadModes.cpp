@@ -2,6 +2,7 @@
 // CDnConnectionThread: what the client speaks (TLS, HTTP, HTTP to a proxy) and its header block.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -129,13 +130,26 @@ long CDnConnectionThread::WaitForFirstBytes(unsigned long& readable, int& remain
         }
         remainingMs = (rounds - round) * kFirstBytesRoundMs;
         if (m_pKdfSocket->IsDataAvailable(readable, &error) || error != 0 || round >= rounds) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(kFirstBytesRoundMs));
+        WaitOneRound();
     }
     if (error != 0) {
         DNTRACE(ERR, "Connection : Failed to check available data. Error Code : %d", error);
         return error;
     }
     return 0;
+}
+
+void CDnConnectionThread::WaitOneRound() {
+    // The round ends as soon as the client's bytes arrive, rather than after a fixed sleep: a
+    // client that sends at once is not kept waiting for the rest of the round. The round count
+    // stays as it was, so a client that closed without a byte (readable at once, with nothing
+    // to read) sleeps out the round and still times out as before.
+    const auto start = std::chrono::steady_clock::now();
+    const auto round = std::chrono::milliseconds(kFirstBytesRoundMs);
+    pollfd entry{m_pKdfSocket->GetSocket(), POLLIN, 0};
+    if (::poll(&entry, 1, kFirstBytesRoundMs) > 0 && m_pKdfSocket->GetReadable() > 0) return;
+    const auto left = round - (std::chrono::steady_clock::now() - start);
+    if (left > std::chrono::steady_clock::duration::zero()) std::this_thread::sleep_for(left);
 }
 
 long CDnConnectionThread::SelectHttpModes(const std::string& line) {

@@ -229,6 +229,11 @@ CDnConnectionThread* CDnConnectionThreadPoolThread::GetConnectionThread(bool wai
     while (!exit_requested) {
         if (g_nUseThreadPooling == 1 && !m_idle.empty())
             return TakeIdle("Connection Pool : Got Thread from Idle Pool");
+        // A job that ended since the last purge left a thread that can serve now. Starting a
+        // new one instead costs a thread, its stack and its first touch of the relay's buffers
+        // for every connection, until the next tick gives them all up again.
+        if (g_nUseThreadPooling == 1 && m_threadDone.is_signal_all() && PurgeIdleConnections() > 0)
+            return TakeIdle("Connection Pool : Got Thread from Idle Pool");
         if (m_idle.size() + m_active.size() < m_maxThreads) return CreateThread();
 
         // Logged once per call: the rounds of a long wait would repeat it every 100 ms.

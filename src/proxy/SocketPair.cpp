@@ -30,8 +30,9 @@ void ResetBuff(SL_BUFF& buff) {
 
 }  // namespace
 
-SL_BUFF::SL_BUFF()
-    : cur_len(0), cur_ptr(data), max_len(kCapacity), data(), flag(false), recv_time() {}
+// `data` is left as it is: nothing reads a byte before a read has written it, and clearing six
+// buffers cost every connection 96 KB of stores.
+SL_BUFF::SL_BUFF() : cur_len(0), cur_ptr(data), max_len(kCapacity), flag(false), recv_time() {}
 
 CSocketPair::CSocketPair(CDnVSocket& remote, CDnVSocket& local, const std::atomic<bool>& exit,
                          boost::function<bool()>& callback)
