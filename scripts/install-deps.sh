@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs every Debian package that building, testing and demonstrating the
 # agent needs. Idempotent: packages already present are left alone.
+# With --bench also the peers and load tools of bench/peer/peer-bench.sh, which CI never runs.
 set -eu
 
 PACKAGES="
@@ -16,6 +17,9 @@ gettext
 iproute2 iputils-ping procps curl socat psmisc util-linux kmod python3
 dpkg-dev lintian
 "
+if [ "${1:-}" = --bench ]; then
+    PACKAGES="$PACKAGES nginx-light wrk iperf3 redsocks linux-perf"
+fi
 
 missing=""
 for p in $PACKAGES; do

@@ -94,18 +94,6 @@ wait_for() {
     return 1
 }
 
-install_peers() {
-    need=""
-    for p in nginx-light wrk iperf3 redsocks; do
-        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || need="$need $p"
-    done
-    [ -z "$need" ] && return 0
-    say "installing$need"
-    apt-get update -qq
-    # shellcheck disable=SC2086
-    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $need
-}
-
 build() {
     say "building (release)"
     cmake --preset release >/dev/null
@@ -323,7 +311,7 @@ rotate() {
     done
 }
 
-install_peers
+./scripts/install-deps.sh --bench
 build
 mkdir -p "$OUT/raw"
 echo "$SETUPS" >"$OUT/raw/setups"

@@ -97,7 +97,7 @@ def main():
             return "-"
         return "%.0f" % value if abs(value) >= 100 else "%.3g" % value
 
-    agents = [s for s in setups if s.startswith("agent")]
+    agents = [s for s in setups if s in ("agent", "base")]
     head = ["figure"] + setups + ["%s/redsocks" % a for a in agents] + ["%s/direct" % a for a in agents]
     lines = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
     for figure in order:
