@@ -97,7 +97,7 @@ wait_for() {
 build() {
     say "building (release)"
     cmake --preset release >/dev/null
-    targets="tsc_swgagent swg-bench-gateway swg_catalogs"
+    targets="tsc_swgagent swg-status swg-bench-gateway swg_catalogs"
     [ "$GATEWAY_KIND" = test ] && targets="$targets swg-test-gateway"
     # shellcheck disable=SC2086
     cmake --build --preset release --target $targets >/dev/null
@@ -186,6 +186,10 @@ start_agent() {
     spawn "$1" "$W/$1.log" sh -c "ulimit -n 65536; exec env SWG_DATA_ROOT='$data' SWG_LOG_STDERR=1 '$2' -console"
     eval "RELAY_$1=$LAST"
     wait_for "$W/$1.log" "Redirector: table inet tsc_swg in force" 30
+    # A desktop has its UI plug-in attached; without one every connection's state word would
+    # be logged as an error ("IPC is not yet up."), and that log would be measured too.
+    spawn "$1" "$W/status-$1.log" "$root/build/release/tools/status/swg-status" --watch
+    wait_for "$W/status-$1.log" "gateway" 10
 }
 
 start_redsocks() {

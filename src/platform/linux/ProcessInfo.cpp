@@ -8,6 +8,7 @@
 #include "platform/ProcessInfo.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
@@ -279,24 +280,31 @@ SocketFacts FindSocket(const Endpoint& local, const Endpoint& remote, bool ipv4)
     return FindInTables(local, remote, ipv4);
 }
 
-// True when descriptor `fd` of process `pid` is the socket `wanted` ("socket:[inode]").
-bool FdIsInode(const std::string& pid, const char* fd, const std::string& wanted) {
+// True when the link `name`, relative to `folder` (AT_FDCWD or an open folder), is the socket
+// `wanted` ("socket:[inode]").
+bool LinkIsInode(int folder, const char* name, const std::string& wanted) {
     char target[64];
-    const std::string link = "/proc/" + pid + "/fd/" + fd;
-    const ssize_t length = ::readlink(link.c_str(), target, sizeof(target) - 1);
+    const ssize_t length = ::readlinkat(folder, name, target, sizeof(target) - 1);
     if (length <= 0) return false;
     target[length] = '\0';
     return wanted == target;
 }
 
-// The descriptor of process `pid` that is the socket `wanted`; -1 when it holds none.
+// True when descriptor `fd` of process `pid` is the socket `wanted`.
+bool FdIsInode(const std::string& pid, const char* fd, const std::string& wanted) {
+    return LinkIsInode(AT_FDCWD, ("/proc/" + pid + "/fd/" + fd).c_str(), wanted);
+}
+
+// The descriptor of process `pid` that is the socket `wanted`; -1 when it holds none. Each
+// link is read relative to the open folder: a whole /proc path per descriptor cost the
+// lookup of its four parts again, for every descriptor of a client with many.
 int FindFdOfInode(const std::string& pid, const std::string& wanted) {
     DIR* fds = ::opendir(("/proc/" + pid + "/fd").c_str());
     if (fds == nullptr) return -1;
     int found = -1;
     while (const dirent* entry = ::readdir(fds)) {
         if (entry->d_name[0] == '.') continue;
-        if (FdIsInode(pid, entry->d_name, wanted)) {
+        if (LinkIsInode(::dirfd(fds), entry->d_name, wanted)) {
             found = std::atoi(entry->d_name);
             break;
         }

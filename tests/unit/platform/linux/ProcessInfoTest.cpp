@@ -139,8 +139,10 @@ protected:
             if (i < kHeld) {
                 m_held.push_back(std::move(client));
                 m_held.push_back(std::move(server));
-            } else if (i == kHeld) {
-                m_timeWait = EndsOf(client.Get());  // the client closes first: TIME_WAIT
+            } else {
+                // The client closes first, so its end goes to TIME_WAIT.
+                if (i == kHeld) m_timeWait = EndsOf(client.Get());
+                client.Reset();
             }
         }
         // Another process holds a connection of its own, made after the fork.
