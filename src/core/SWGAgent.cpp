@@ -189,10 +189,6 @@ void CSWGAgent::RunLoop() {
 
 void CSWGAgent::RunStopSequence() {
     g_bStopIPAddrChangeThread = true;
-    if (g_IPAddrChangeSock >= 0) {
-        close(g_IPAddrChangeSock);
-        g_IPAddrChangeSock = -1;
-    }
     StopConfigMonitor();
     StopComponents();
     ServiceEvent.notify();

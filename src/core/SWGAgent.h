@@ -11,11 +11,13 @@
 #include <vector>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/system/error_code.hpp>
 #include <boost/thread/recursive_mutex.hpp>
 
 #include "config/OrgInfo.h"
 #include "foundation/ConditionEvent.h"
 #include "ipc/SWGState.h"
+#include "netaware/InterfaceInfo.h"
 #include "platform/KdfApiCB.h"
 #include "platform/RedirectorRecords.h"
 #include "redirect/RedirectTypes.h"
@@ -27,6 +29,8 @@ class CServiceStats;
 struct SERVICE_STATS;
 class IHashManager;
 class IClock;
+class INetworkState;
+struct sockaddr;
 struct redirect_info;
 
 // Run state of the service and, separately, of the redirector. 0 is not used.
@@ -180,16 +184,56 @@ public:
     // The clock of the cache stamps (null: the system clock); must outlive its use. For tests.
     void SetCacheClock(IClock* clock);
 
-    // ---- network awareness (core/SWGAgentPending.cpp, not built yet; captive portal
-    // detection in netaware/SWGAgentCaptivePortal.cpp) --------------------------------
-    // Looks at the interfaces; 0 or 2 when something changed that matters.
+    // ---- network awareness (netaware/SWGAgentNetwork.cpp, netaware/SWGAgentBackoff.cpp;
+    // captive portal detection in netaware/SWGAgentCaptivePortal.cpp) -------------------
+    // Reads the default route of both families into the four members. 1 when nothing
+    // changed, 0 when something changed and a router exists, 2 when something changed and
+    // neither family has a router. OS events thread, and once at start.
     int checkInterfaceChanges();
-    // Acts on a settled run of address changes; main thread only.
+    // Reads the default route of `family` into its two members (blank when unreadable);
+    // returns the router. Any thread.
+    std::string getCurrentActiveInterface(int family);
+    // Copies of the members, under m_interfaceLock; any family but AF_INET6 is AF_INET.
+    std::string getBestInterface(int family);
+    std::string getBestInterfaceName(int family);
+    // Store under m_interfaceLock; families other than AF_INET and AF_INET6 are ignored.
+    void setBestInterface(const std::string& router, int family);
+    void setBestInterfaceName(const std::string& name, int family);
+    // Acts on a settled run of address changes: evaluates backoff when the agent decides
+    // itself and is backed off or probes for a trusted server. Main thread only.
     void takeActionOnAddrChange();
-    // Called on the OS events thread for each route or address notice.
+    // Called on the OS events thread for each route or address notice: waits 500 ms, looks
+    // at the interfaces and signals g_IPAddrChangeEvent when something changed.
     void HandleNetworkChangeEvent();
-    // Works out whether the agent should stand aside, and makes the change. Any thread.
+    // Whether a TCP connection to the echo service's host, port 80, succeeds within 2 s over
+    // `family`; false at once when the family has no router. Blocks; any thread.
+    bool testConnectivity(int family);
+    // The interface the host would use for `destination`, its address and, when
+    // `wantDnsDomain`, its DNS domain; IPv6 addresses only when `allowIPv6`. The result is
+    // an errno as a system error (0 success), or -1 when the domain could not be read.
+    // Blocks for a netlink exchange; any thread.
+    boost::system::error_code GetPreferredInterface(const sockaddr* destination, bool unused,
+                                                    bool wantDnsDomain, bool allowIPv6,
+                                                    InterfaceInfo& info);
+    // The DNS domain of `interfaceName` into `domain` (untouched when it has none). False
+    // only when the source cannot be read. Any thread.
+    bool GetInterfaceDnsDomain(const std::string& interfaceName, std::string& domain);
+    // Where the network facts come from (null: the host). For tests; set before use.
+    void SetNetworkState(INetworkState* state) { m_pNetworkState = state; }
+    // Works out whether the agent should stand aside, makes the change and reports it.
+    // Blocks for the trusted server probe when that is switched on. Any thread.
     void OnBackoffStateChange();
+    // Whether `host`:`port` presents a certificate whose SHA-256 fingerprint is `fingerprint`
+    // (hexadecimal, either case). Blocks up to 4 s to connect and 20 s to shake hands, plus
+    // the name look-up. Any thread.
+    bool IsCustomerTrustedNetwork(const std::string& host, const std::string& fingerprint,
+                                  int port);
+    // Test seam: while installed, IsCustomerTrustedNetwork answers what it says instead of
+    // probing. An empty function removes it. Set before the agent runs.
+    void SetTrustedNetworkProbe(
+        std::function<bool(const std::string&, const std::string&, int)> probe) {
+        m_trustedNetworkProbe = std::move(probe);
+    }
     // The captive portal flag, read and stored under m_captivePortalLock. Any thread.
     bool IsCaptivePortalMode();
     void SetCaptivePortalMode(bool on);
@@ -212,8 +256,6 @@ public:
         std::function<long(const std::string& url, std::string& headers, std::string& body,
                            long timeout, uint16_t family)>;
     void SetCaptivePortalDownloader(CaptivePortalDownloader download);
-    // Copies of the members, under m_interfaceLock; any family but AF_INET6 is AF_INET.
-    std::string getBestInterface(int family);
 
     // ---- state and statistics (ipc/SWGAgentState.cpp, ipc/SWGAgentStats.cpp) --------
     // Reports a state word to the plug-in and the state file. While backed off only forced
@@ -245,7 +287,7 @@ public:
     void SendStats(const SERVICE_STATS& stats);
     // Hands the gateway name in use to the statistics object, if there is one.
     void SetActiveTowerName();
-    // Creates the hash manager (core/SWGAgentPending.cpp, not built yet); 0 or
+    // Creates the hash manager (core/SWGAgentHash.cpp) with a cache of 512; 0 or
     // SWG_E_OUTOFMEMORY.
     long InitializeHashManagerInterface();
 
@@ -272,7 +314,7 @@ private:
     // ipc/SWGAgentStats.cpp
     long StartCommunicator();
     long StartStatistics();
-    // core/SWGAgentPending.cpp: components not built yet
+    // core/SWGAgentHash.cpp
     void ReleaseHashManager();
 
     // ---- steps of the redirection control ------------------------------------------
@@ -338,11 +380,13 @@ public:
     int64_t m_cloudUnavailableSince = 0;  // monotonic ns; 0: no quiet period runs
     std::function<int64_t()> m_stateClock;
 
-    // Best interface names and addresses.
-    std::string m_bestInterfaceV4;
-    std::string m_bestInterfaceV6;
-    std::string m_bestInterfaceAddrV4;
-    std::string m_bestInterfaceAddrV6;
+    // Router and interface name of each family's default route, under m_interfaceLock.
+    std::string m_strBestInterfaceV4;
+    std::string m_strBestInterfaceV6;
+    std::string m_strBestInterfaceNameV4;
+    std::string m_strBestInterfaceNameV6;
+    INetworkState* m_pNetworkState = nullptr;  // null: SystemNetworkState()
+    std::function<bool(const std::string&, const std::string&, int)> m_trustedNetworkProbe;
 };
 
 // The process-wide agent.
