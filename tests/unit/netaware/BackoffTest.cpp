@@ -189,17 +189,5 @@ TEST_F(BackoffTransitionTest, FollowsItsInputsInAndOut) {
     EXPECT_EQ(m_script->Calls(), (std::vector<std::string>{"Clear(1)", "SetRedirects"}));
 }
 
-// Honour mode switched on while backed off for a VPN with no DNS backoff leaves at once.
-TEST_F(BackoffTransitionTest, HonourModeOverridesAnOwnModeBackoff) {
-    Configure(kFullTunnelV4);
-    m_agent.OnBackoffStateChange();
-    Inputs honour = kFullTunnelV4;
-    honour.honour = true;
-    Configure(honour);
-    m_agent.OnBackoffStateChange();
-    EXPECT_FALSE(m_agent.m_bBackedOff);
-    EXPECT_EQ(Words(), (std::vector<std::string>{"disabled_due_to_vpn", "protected"}));
-}
-
 }  // namespace
 }  // namespace swg_test
