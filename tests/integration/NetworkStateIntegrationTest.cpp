@@ -24,7 +24,8 @@ protected:
             "ip link set lo up && ip link add lan0 type veth peer name lan0p && "
             "ip link set lan0 up && ip link set lan0p up && "
             "ip addr add 198.18.4.2/24 dev lan0 && ip -6 addr add fd12::2/64 dev lan0 nodad && "
-            "ip route add default via 198.18.4.1 && ip -6 route add default via fd12::1"));
+            "ip route add default via 198.18.4.1 metric 100 && ip -6 route add default via "
+            "fd12::1"));
     }
 
     swg_test::NetnsScope m_netns;

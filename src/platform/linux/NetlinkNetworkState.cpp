@@ -107,6 +107,22 @@ RouteFacts ReadRoute(const nlmsghdr* header) {
     return facts;
 }
 
+// NLMSG_OK and NLMSG_NEXT mix signed and unsigned lengths; these walk a buffer the same way.
+const nlmsghdr* FirstMessage(const char* buffer, size_t length) {
+    const auto* header = reinterpret_cast<const nlmsghdr*>(buffer);
+    return length >= sizeof(nlmsghdr) && header->nlmsg_len >= sizeof(nlmsghdr) &&
+                   header->nlmsg_len <= length
+               ? header
+               : nullptr;
+}
+
+const nlmsghdr* NextMessage(const nlmsghdr* header, size_t& length) {
+    const size_t step = NLMSG_ALIGN(header->nlmsg_len);
+    if (step >= length) return nullptr;
+    length -= step;
+    return FirstMessage(reinterpret_cast<const char*>(header) + step, length);
+}
+
 std::string IndexName(int index) {
     char name[IF_NAMESIZE] = {};
     if (index <= 0 || if_indextoname(static_cast<unsigned int>(index), name) == nullptr) return "";
@@ -124,9 +140,9 @@ int ReadReply(int fd, Each each) {
             if (errno == EINTR) continue;
             return errno;
         }
-        int length = static_cast<int>(got);
-        for (const nlmsghdr* header = reinterpret_cast<const nlmsghdr*>(buffer.data());
-             NLMSG_OK(header, length); header = NLMSG_NEXT(header, length)) {
+        size_t length = static_cast<size_t>(got);
+        for (const nlmsghdr* header = FirstMessage(buffer.data(), length); header != nullptr;
+             header = NextMessage(header, length)) {
             if (header->nlmsg_type == NLMSG_DONE) return 0;
             if (header->nlmsg_type == NLMSG_ERROR) {
                 const nlmsgerr* error = static_cast<const nlmsgerr*>(NLMSG_DATA(header));
@@ -281,9 +297,9 @@ int ReadRouteNotices(int fd, int timeoutMs) {
     }
     if (got == 0) return -EBADF;
     int count = 0;
-    int length = static_cast<int>(got);
-    for (const nlmsghdr* header = reinterpret_cast<const nlmsghdr*>(buffer.data());
-         NLMSG_OK(header, length); header = NLMSG_NEXT(header, length)) {
+    size_t length = static_cast<size_t>(got);
+    for (const nlmsghdr* header = FirstMessage(buffer.data(), length); header != nullptr;
+         header = NextMessage(header, length)) {
         if (IsRouteChangeNotice(header->nlmsg_type)) ++count;
     }
     return count;
