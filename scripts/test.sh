@@ -48,7 +48,7 @@ for stage in $stages; do
         debug) run_stage debug ;;
         package) package_stage ;;
         asan)  run_stage asan-ubsan ;;
-        tsan)  run_stage tsan test_foundation test_foundation_crypto test_proxy test_resolve test_ipc ;;
+        tsan)  run_stage tsan test_foundation test_foundation_crypto test_proxy test_resolve test_ipc test_netaware ;;
         fuzz)  run_stage fuzz swg_fuzzers ;;
         *) echo "unknown stage: $stage" >&2; exit 2 ;;
     esac
