@@ -39,14 +39,14 @@ TEST_F(NetworkStateIntegrationTest, ReadsRoutesAndHearsTheirChanges) {
     ASSERT_TRUE(state.DefaultRoute(AF_INET6, name, router));
     EXPECT_EQ(name + " " + router, "lan0 fd12::1");
 
-    // A tunnel's device route with a lower metric wins, and has no router.
+    // A tunnel's device route with a lower metric wins; the link is its next hop.
     const int notices = OpenRouteNoticeSocket();
     ASSERT_GE(notices, 0);
     ASSERT_TRUE(
         m_netns.Run("ip link add vpn0 type veth peer name vpn0p && ip link set vpn0 up && "
                     "ip link set vpn0p up && ip route add default dev vpn0 metric 5"));
     ASSERT_TRUE(state.DefaultRoute(AF_INET, name, router));
-    EXPECT_EQ(name + " [" + router + "]", "vpn0 []");
+    EXPECT_EQ(name + " [" + router + "]", "vpn0 [0.0.0.0]");
     int counted = 0;
     for (int i = 0; i < 50 && counted == 0; ++i) counted += ReadRouteNotices(notices, 100);
     EXPECT_GT(counted, 0);

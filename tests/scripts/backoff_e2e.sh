@@ -137,7 +137,7 @@ ip -n "$client" link set vpn0p up
 ip -n "$client" route del 198.18.0.0/24 via 198.18.1.1
 ip -n "$client" route add default dev vpn0
 changed_at=$(date +%s)
-check "the new default route is noticed" world_wait_for "$log" "Primary interface changed IPv4 \[<none>\], \[<none>\] => \[<none>\], \[vpn0\]" 10
+check "the new default route is noticed" world_wait_for "$log" "Primary interface changed IPv4 \[<none>\], \[<none>\] => \[0.0.0.0\], \[vpn0\]" 10
 check "the settled change evaluates backoff" sh -c "i=0; while [ \$(grep -c 'Evaluating SWG backoff' '$log') -le $evaluations ] && [ \$i -lt 300 ]; do sleep 0.05; i=\$((i+1)); done; [ \$i -lt 300 ]"
 waited=$(($(date +%s) - changed_at))
 check "about 5 s after the change ($waited s)" sh -c "[ $waited -ge 4 ] && [ $waited -le 12 ]"
