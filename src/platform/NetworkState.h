@@ -25,9 +25,9 @@ public:
 
     // The default route of the main table for `family` (AF_INET or AF_INET6): the name of
     // its output interface and its gateway as text; a route straight onto a link (a tunnel)
-    // gives the any address ("0.0.0.0", "::") as gateway, and no default route both empty. Of several default routes
-    // the one with the lowest metric counts. Returns false, with both empty, when the table
-    // cannot be read. Blocks for one netlink exchange.
+    // gives the any address ("0.0.0.0", "::") as gateway, and no default route both empty.
+    // Of several default routes the one with the lowest metric counts. Returns false, with
+    // both empty, when the table cannot be read. Blocks for one netlink exchange.
     virtual bool DefaultRoute(int family, std::string& interfaceName, std::string& router) = 0;
     // The name of the interface the host would send to `destination` (sockaddr_in or
     // sockaddr_in6) through. Returns 0, or the errno of the failure (ENETUNREACH when no
