@@ -2,22 +2,18 @@
 // Test helper: the fake redirector and its seams.
 #include "support/FakeSocketRedirector.h"
 
-#include <algorithm>
 #include <cerrno>
 
 namespace swg_test {
 
-size_t FakeRedirectorScript::Count(const std::string& call) {
+int FakeRedirectorScript::Answer(std::deque<int>& results, const std::function<void()>& apply) {
     std::lock_guard<std::mutex> hold(lock);
-    return static_cast<size_t>(std::count(calls.begin(), calls.end(), call));
-}
-
-int FakeRedirectorScript::Answer(const std::string& call, std::deque<int>& results) {
-    std::lock_guard<std::mutex> hold(lock);
-    calls.push_back(call);
-    if (results.empty()) return 0;
-    const int result = results.front();
-    results.pop_front();
+    int result = 0;
+    if (!results.empty()) {
+        result = results.front();
+        results.pop_front();
+    }
+    if (result == 0 && apply) apply();
     return result;
 }
 
@@ -25,61 +21,73 @@ FakeSocketRedirector::FakeSocketRedirector(std::shared_ptr<FakeRedirectorScript>
     : m_script(std::move(script)) {}
 
 int FakeSocketRedirector::OpenPlugin(IKdfApiCB* callback) {
-    const int result = m_script->Answer("OpenPlugin", m_script->openResults);
-    std::lock_guard<std::mutex> hold(m_script->lock);
-    m_script->callback = callback;
-    return result;
+    FakeRedirectorScript& s = *m_script;
+    {
+        std::lock_guard<std::mutex> hold(s.lock);
+        ++s.openAttempts;
+    }
+    return s.Answer(s.openResults, [&s, callback] {
+        s.open = true;  // a reopen starts with no rules
+        s.started = false;
+        s.rules.clear();
+        s.callback = callback;
+    });
 }
 
 int FakeSocketRedirector::ClosePlugin() {
-    return m_script->Answer("ClosePlugin", m_script->closeResults);
+    FakeRedirectorScript& s = *m_script;
+    return s.Answer(s.closeResults, [&s] {
+        s.open = s.started = false;
+        s.rules.clear();
+    });
 }
 
-int FakeSocketRedirector::Clear(int what) {
-    return m_script->Answer("Clear(" + std::to_string(what) + ")", m_script->clearResults);
+int FakeSocketRedirector::Clear(int /*what*/) {
+    FakeRedirectorScript& s = *m_script;
+    return s.Answer(s.clearResults, [&s] { s.rules.clear(); });
 }
 
 int FakeSocketRedirector::SetRedirects(std::list<redirect_info>& rules) {
-    const int result = m_script->Answer("SetRedirects", m_script->setRedirectsResults);
-    std::lock_guard<std::mutex> hold(m_script->lock);
-    m_script->given.push_back(rules);
-    return result;
+    FakeRedirectorScript& s = *m_script;
+    return s.Answer(s.setRedirectsResults,
+                    [&s, &rules] { s.rules.insert(s.rules.end(), rules.begin(), rules.end()); });
 }
 
-int FakeSocketRedirector::Start() { return m_script->Answer("Start", m_script->startResults); }
+int FakeSocketRedirector::Start() {
+    FakeRedirectorScript& s = *m_script;
+    return s.Answer(s.startResults, [&s] { s.started = true; });
+}
 
 int FakeSocketRedirector::Stop() {
-    std::function<void()> hook;
-    {
-        std::lock_guard<std::mutex> hold(m_script->lock);
-        hook = m_script->onStop;
-    }
+    FakeRedirectorScript& s = *m_script;
+    const std::function<void()> hook = s.Get(s.onStop);
     if (hook) hook();
-    return m_script->Answer("Stop", m_script->stopResults);
+    return s.Answer(s.stopResults, [&s] { s.started = false; });
 }
 
 int FakeSocketRedirector::ClearDnsCache() {
-    std::deque<int> none;
-    return m_script->Answer("ClearDnsCache", none);
+    FakeRedirectorScript& s = *m_script;
+    return s.Answer(s.dnsCacheResults, [&s] { ++s.dnsCacheClears; });
 }
 
 RedirectorSeams FakeRedirectorSeams(const std::shared_ptr<FakeRedirectorScript>& script) {
     RedirectorSeams seams;
     seams.create = [script](ISocketRedirectorApi** out) {
-        const int result = script->Answer("Create", script->createResults);
-        if (result != 0) return result;
-        *out = new FakeSocketRedirector(script);
-        std::lock_guard<std::mutex> hold(script->lock);
-        ++script->live;
-        return 0;
+        return script->Answer(script->createResults, [&] {
+            *out = new FakeSocketRedirector(script);
+            ++script->live;
+            ++script->created;
+            script->open = script->started = false;
+            script->rules.clear();
+        });
     };
     seams.release = [script](ISocketRedirectorApi** inout) {
-        const int result = script->Answer("Release", script->releaseResults);
         if (inout == nullptr || *inout == nullptr) return EINVAL;
         delete *inout;
         *inout = nullptr;
+        const int result = script->Answer(script->releaseResults);
         std::lock_guard<std::mutex> hold(script->lock);
-        --script->live;
+        --script->live;  // a failed release still ends the handle
         return result;
     };
     seams.sleep = [script](unsigned int milliseconds) {
@@ -87,13 +95,9 @@ RedirectorSeams FakeRedirectorSeams(const std::shared_ptr<FakeRedirectorScript>&
         script->sleeps.push_back(milliseconds);
     };
     seams.pidOfProcess = [script](const std::string& name) {
-        std::lock_guard<std::mutex> hold(script->lock);
-        return name == "lmvpnd" ? script->vpnDaemonPid : -1;
+        return name == "lmvpnd" ? script->Get(script->vpnDaemonPid) : -1;
     };
-    seams.ipv6Installed = [script] {
-        std::lock_guard<std::mutex> hold(script->lock);
-        return script->ipv6;
-    };
+    seams.ipv6Installed = [script] { return script->Get(script->ipv6); };
     return seams;
 }
 

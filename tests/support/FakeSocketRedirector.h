@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Test helper: a stateful fake of the redirector that records what the agent gave it.
+// Test helper: a stateful fake of the redirector that keeps what the agent left in force.
 #pragma once
 
 #include <deque>
@@ -7,7 +7,6 @@
 #include <list>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include "platform/SocketRedirectorApi.h"
@@ -15,39 +14,38 @@
 
 namespace swg_test {
 
-// Shared by every fake made from it, so the record outlives each released handle. Results
-// are queues: each call takes the front, an empty queue answers 0. Lock `lock` to touch
-// fields while agent threads run; the helpers lock it themselves.
+// The redirector's side as the agent's calls leave it, shared by every fake made from it
+// (each new handle starts closed, stopped and empty). A call that fails changes nothing.
+// Results are queues: each call takes the front, an empty queue answers 0. Lock `lock` to
+// touch fields while agent threads run; Get locks it itself.
 struct FakeRedirectorScript {
     std::mutex lock;
-    std::vector<std::string> calls;  // "Create", "OpenPlugin", "Clear", "SetRedirects", ...
-    std::vector<std::list<redirect_info>> given;  // each SetRedirects list, copied
-    std::vector<unsigned int> sleeps;             // each injected sleep, in ms
+    bool open = false;                // OpenPlugin succeeded, ClosePlugin not since
+    bool started = false;             // Start succeeded, Stop or a close not since
+    std::list<redirect_info> rules;   // in force: appended by SetRedirects, emptied by Clear
+    int live = 0;                     // handles created and not yet released
+    int created = 0;                  // successful creations
+    int openAttempts = 0;             // OpenPlugin calls
+    int dnsCacheClears = 0;           // successful ClearDnsCache calls
+    std::vector<unsigned int> sleeps;  // each injected sleep, in ms
     std::deque<int> createResults, openResults, setRedirectsResults, startResults, stopResults,
-        clearResults, closeResults, releaseResults;
-    IKdfApiCB* callback = nullptr;  // as given to the last OpenPlugin
-    int live = 0;                   // fakes created and not yet released
+        clearResults, closeResults, releaseResults, dnsCacheResults;
+    IKdfApiCB* callback = nullptr;  // as given to the last successful OpenPlugin
     bool ipv6 = true;               // what the IPv6 probe answers
     int vpnDaemonPid = -1;          // what the "lmvpnd" look-up answers
     std::function<void()> onStop;   // run inside Stop, without the lock
 
-    std::vector<std::string> Calls() { return Copy(calls); }
-    size_t Count(const std::string& call);
-    std::vector<std::list<redirect_info>> Given() { return Copy(given); }
-    std::vector<unsigned int> Sleeps() { return Copy(sleeps); }
-    int Live() { return Copy(live); }
-    // Takes the front of `results`, 0 when empty; records `call`. Locks.
-    int Answer(const std::string& call, std::deque<int>& results);
-
-private:
+    // A copy of `field` taken under the lock.
     template <typename T>
-    T Copy(const T& field) {
+    T Get(const T& field) {
         std::lock_guard<std::mutex> hold(lock);
         return field;
     }
+    // Takes the front of `results`, 0 when empty; with 0, runs `apply` under the lock.
+    int Answer(std::deque<int>& results, const std::function<void()>& apply = nullptr);
 };
 
-// A handle whose every operation records itself in the script and answers from it.
+// A handle whose every operation changes the script's state as the interface describes.
 class FakeSocketRedirector : public ISocketRedirectorApi {
 public:
     explicit FakeSocketRedirector(std::shared_ptr<FakeRedirectorScript> script);

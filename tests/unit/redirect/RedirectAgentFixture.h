@@ -9,8 +9,8 @@
 
 #include "core/SWGAgent.h"
 #include "support/FakeSocketRedirector.h"
-#include "support/TraceRecorder.h"
 #include "support/ThreadTestSupport.h"
+#include "support/TraceRecorder.h"
 
 namespace swg_test {
 
@@ -24,20 +24,24 @@ protected:
         if (m_agent.m_pRedirector != nullptr) m_agent.releaseKDFInstance();
     }
 
-    // The agent as after a normal start: Running with an open, started handle.
+    // The agent as after a normal start: Running and diverting.
     void StartNormally() {
         ASSERT_EQ(m_agent.StartKDF(reason_rules_refresh), 0);
         ASSERT_EQ(m_agent.KdfState(), Running);
-        ASSERT_NE(m_agent.m_pRedirector, nullptr);
-        ForgetCalls();
+        ASSERT_TRUE(Diverting());
+        m_trace.Clear();
     }
 
-    // Empties the record of calls, rule lists and trace lines.
-    void ForgetCalls() {
+    // The one live handle is open and started with `rules` rules in force (the default
+    // configuration gives six: two ports, two families, two no-redirect rules).
+    ::testing::AssertionResult Diverting(size_t rules = 6) {
         std::lock_guard<std::mutex> hold(m_script->lock);
-        m_script->calls.clear();
-        m_script->given.clear();
-        m_trace.Clear();
+        if (m_script->live == 1 && m_script->open && m_script->started &&
+            m_script->rules.size() == rules)
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure()
+               << "live " << m_script->live << " open " << m_script->open << " started "
+               << m_script->started << " rules " << m_script->rules.size();
     }
 
     // True once no recovery is busy and every redirector thread has finished.

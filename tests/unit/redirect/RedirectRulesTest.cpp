@@ -146,7 +146,7 @@ TEST_F(RedirectRulesTest, ConfiguredListsFollowTheBuiltInOnesByFamily) {
     info.strInclusionList = "198.18.0.0/15;2001:2::/48;only.example";
     m_agent.SetOrgInfo(info);
     ASSERT_EQ(m_agent.StartKDF(reason_rules_refresh), 0);
-    const std::list<redirect_info> given = m_script->Given().at(0);
+    const std::list<redirect_info> given = m_script->Get(m_script->rules);
     const std::vector<redirect_info> rules(given.begin(), given.end());
     ASSERT_EQ(rules.size(), 4u);
     ASSERT_EQ(rules[0].exclude_addrs.size(), 8u);
