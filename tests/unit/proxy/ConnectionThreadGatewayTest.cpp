@@ -172,10 +172,11 @@ INSTANTIATE_TEST_SUITE_P(Answers, ProxyResponseTest, ::testing::ValuesIn(Respons
 TEST_F(GatewayExchangeTest, AnswerInPiecesIsCollected) {
     const std::string answer =
         "HTTP/1.1 200 OK\r\nVia: 1.1 s_proxy_gw\r\nContent-Length: 9\r\n\r\nbody-bodyT";
+    const int agentSide = m_thread.m_pExternalSocket->GetSocket();
     std::thread gateway([&] {
         for (std::size_t at = 0; at < answer.size(); at += 7) {
             (void)swg_test::WriteAll(m_gateway.Get(), answer.substr(at, 7), 1s);
-            std::this_thread::sleep_for(3ms);
+            (void)swg_test::WaitUntil([&] { return swg_test::PendingBytes(agentSide) == 0; });
         }
     });
     bool lost = true;

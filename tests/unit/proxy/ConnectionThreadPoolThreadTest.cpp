@@ -91,7 +91,11 @@ TEST_F(ConnectionThreadPoolTest, WaitingRequestGetsTheFirstThreadToFinish) {
 
     UniqueFd again = RunJob(threads[1]);
     waiting = std::async(std::launch::async, [&] { return m_pool->GetConnectionThread(true); });
-    std::this_thread::sleep_for(100ms);
+    ASSERT_TRUE(swg_test::WaitUntil([&] {
+        return m_trace.Count(THREAD,
+                             "Connection Pool  : Failed to get a thread.  Waiting for an "
+                             "available thread") == 2;
+    }));
     m_pool->Kill();
     ASSERT_EQ(waiting.wait_for(2s), std::future_status::ready);
     EXPECT_EQ(waiting.get(), nullptr);

@@ -16,6 +16,7 @@
 #include "proxy/HttpHeaders.h"
 #include "proxy/ProxyLimits.h"
 #include "support/SocketPeers.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 
@@ -55,8 +56,8 @@ TEST_F(HttpHeadersTest, BlockSplitAtEveryByteReadsTheSame) {
         std::thread client([&] {
             EXPECT_TRUE(swg_test::WriteAll(m_peer.Get(), block.substr(0, cut), 1s));
             // The second piece goes only after the reader has taken the first one.
-            for (int i = 0; i < 2000 && swg_test::PendingBytes(m_sock->GetSocket()) > 0; ++i)
-                std::this_thread::sleep_for(1ms);
+            EXPECT_TRUE(swg_test::WaitUntil(
+                [&] { return swg_test::PendingBytes(m_sock->GetSocket()) == 0; }));
             EXPECT_TRUE(swg_test::WriteAll(m_peer.Get(), block.substr(cut) + body, 1s));
         });
         const long result = Read();

@@ -152,7 +152,7 @@ TEST_F(SocketPairTest, FailedFlushEndsBeforeAnySelect) {
 // bytes following a held byte go behind it and reach the client in one write.
 TEST_F(SocketPairTest, LoneRemoteByteIsHeldThenSentWithWhatFollows) {
     StartRelay();
-    std::this_thread::sleep_for(50ms);
+    ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
     const auto sent = Clock::now();
     ASSERT_TRUE(WriteAll(m_server.Get(), "X", 1s));
     ASSERT_TRUE(swg_test::WaitReadable(m_client.Get(), 3s));
@@ -165,7 +165,7 @@ TEST_F(SocketPairTest, LoneRemoteByteIsHeldThenSentWithWhatFollows) {
 
     const std::string rest = PatternBytes(99, 3);
     ASSERT_TRUE(WriteAll(m_server.Get(), "\x17", 1s));
-    std::this_thread::sleep_for(50ms);
+    ASSERT_TRUE(swg_test::WaitUntil([&] { return swg_test::PendingBytes(m_remote->GetSocket()) == 0; }));
     ASSERT_TRUE(WriteAll(m_server.Get(), rest, 1s));
     ASSERT_TRUE(swg_test::WaitReadable(m_client.Get(), 3s));
     char first[4096];
@@ -221,7 +221,7 @@ TEST_F(SocketPairTest, LocalHalfCloseEndsRelayWithoutHalfClosingRemote) {
 // An idle relay must notice the exit flag within its select timeout.
 TEST_F(SocketPairTest, ExitFlagEndsIdleRelayWithinASecond) {
     StartRelay();
-    std::this_thread::sleep_for(100ms);
+    ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
     const auto asked = Clock::now();
     m_exit = true;
     EXPECT_EQ(RelayResult(1500ms), SWG_SOCKET_TIMEOUT);

@@ -21,6 +21,7 @@
 #include "proxy/DnSocket.h"
 #include "proxy/VSocket.h"
 #include "support/SocketPeers.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 
@@ -62,7 +63,7 @@ TEST_F(VSocketTest, ReceiveDrainsBufferBeforeSocketAndNeverMixesThem) {
 TEST_F(VSocketTest, PeekLineCollectsLineArrivingInPiecesAndKeepsEveryByte) {
     std::thread writer([this] {
         EXPECT_TRUE(swg_test::WriteAll(m_peer.Get(), "GET / HT", 1s));
-        std::this_thread::sleep_for(40ms);
+        EXPECT_TRUE(swg_test::WaitUntil([this] { return PendingBytes(m_sock->GetSocket()) == 0; }));
         EXPECT_TRUE(swg_test::WriteAll(m_peer.Get(), "TP/1.1\r\nHost: a\r\n", 1s));
     });
     const std::string line = m_sock->PeekLine(8, 2000, m_exit);
@@ -109,8 +110,8 @@ TEST_F(VSocketTest, PeekLineEndsForTimeoutBadSizeExitOrClosedPeer) {
     ASSERT_EQ(m_sock->ReceiveLine(line), 0);
 
     PeerSends("no newline");
-    std::thread killer([this] {
-        std::this_thread::sleep_for(50ms);
+    std::thread killer([this] {  // once the wait has read what there is
+        EXPECT_TRUE(swg_test::WaitUntil([this] { return PendingBytes(m_sock->GetSocket()) == 0; }));
         m_exit = true;
     });
     const auto start = Clock::now();
