@@ -7,6 +7,7 @@
 #include <deque>
 #include <functional>
 #include <list>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -339,7 +340,7 @@ public:
     bool m_bRestartInhibit = false;  // read only by RestartKDF; nothing sets it
     std::atomic<bool> m_bBackedOff{false};
     bool m_bFipsModeApplied = false;
-    ISocketRedirectorApi* m_pRedirector = nullptr;
+    ISocketRedirectorApi* m_pRedirector = nullptr;  // changed only under m_handleUseLock
     CServerSideCommunicator* m_pCommunicator = nullptr;
     CServiceStats* m_pServiceStats = nullptr;
 
@@ -347,6 +348,10 @@ public:
     boost::recursive_mutex m_stateLock;
     boost::recursive_mutex m_messageLock;
     boost::recursive_mutex m_redirectorLock;
+    // Held by the paths that call the handle without m_redirectorLock (the planned disruption
+    // thread, the backoff paths) and by every change of m_pRedirector, so that no handle is
+    // released while one of them uses it. Taken after m_redirectorLock, never before.
+    std::mutex m_handleUseLock;
     boost::recursive_mutex m_unusedLock;  // constructed and never taken
     boost::recursive_mutex m_captivePortalLock;
     boost::recursive_mutex m_cacheLock;

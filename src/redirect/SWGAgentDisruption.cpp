@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <exception>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -97,9 +98,11 @@ void CSWGAgent::OnPlannedKdfDisruptionStart(PlannedDisruption what) {
 
 void CSWGAgent::RunPlannedDisruptionStart() {
     BlockSignalsOnThisThread();
-    // Neither the lock nor the state: the agent keeps its handle and believes in Running
-    // while the kernel side is replaced. A handle already released is left alone rather
-    // than dereferenced.
+    // Neither m_redirectorLock nor the state: the agent keeps its handle and believes in
+    // Running while the kernel side is replaced. A handle already released is left alone
+    // rather than dereferenced, and one in use here is not released before this ends (a
+    // completion notice may start the recovery meanwhile).
+    std::unique_lock<std::mutex> use(m_handleUseLock);
     ISocketRedirectorApi* handle = m_pRedirector;
     if (handle == nullptr) {
         DNTRACE(WARN, "Planned KDF disruption: no redirector handle, nothing to close");
@@ -120,6 +123,7 @@ void CSWGAgent::RunPlannedDisruptionStart() {
                     static_cast<unsigned>(result));
         }
     }
+    use.unlock();
     --m_kdfThreadsRunning;
 }
 

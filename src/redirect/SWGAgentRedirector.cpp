@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <list>
+#include <mutex>
 
 #include "core/SWGAgent.h"
 #include "foundation/GlobalConst.h"
@@ -48,6 +49,7 @@ long CSWGAgent::InitialiseRedirectorInterface(SVC_STARTUP_INFO& info) {
             DNTRACE(ERR, "CreateLmsockSwgApi failed with error %d", result);
             return SWG_E_FAIL;
         }
+        std::lock_guard<std::mutex> use(m_handleUseLock);
         m_pRedirector = created;
     }
     // Only success leaves, or the stop of the service: a plug-in that refuses the rules is
@@ -150,6 +152,7 @@ bool CSWGAgent::CloseRedirectorInterface(unsigned char reason) {
 }
 
 void CSWGAgent::releaseKDFInstance() {
+    std::lock_guard<std::mutex> use(m_handleUseLock);
     const int result = m_redirectorSeams.release ? m_redirectorSeams.release(&m_pRedirector)
                                                  : ReleaseLmsockSwgApi(&m_pRedirector);
     if (result != 0) DNTRACE(ERR, "ReleaseLmsockSwgApi failed with error %d", result);
@@ -166,7 +169,8 @@ bool CSWGAgent::StopKDF(unsigned char reason) {
         return true;
     }
     if (reason == reason_backoff) {
-        // The plug-in stays open with no rules; the lock is not taken on this path.
+        // The plug-in stays open with no rules; m_redirectorLock is not taken on this path.
+        std::lock_guard<std::mutex> use(m_handleUseLock);
         ISocketRedirectorApi* handle = m_pRedirector;
         if (handle == nullptr) return false;
         (void)handle->Clear(NGC_CLEAR_ALL_RULES);
@@ -222,6 +226,7 @@ bool CSWGAgent::ReinstallRedirectList(const SVC_STARTUP_INFO& info) {
         DNTRACE(ERR, "redirectInfoList is empty, could not set redirects");
         return false;
     }
+    std::lock_guard<std::mutex> use(m_handleUseLock);
     ISocketRedirectorApi* handle = m_pRedirector;
     if (handle == nullptr) {
         DNTRACE(ERR, "SocketRedirectorApi is null, could not set redirects");

@@ -309,5 +309,32 @@ TEST_F(RedirectorInterfaceTest, PlannedStartClosesThePluginButKeepsHandleAndStat
     EXPECT_EQ(m_agent.KdfState(), Running);
 }
 
+// A completion notice that comes while the planned start still works on the old handle: the
+// recovery must not release that handle under it.
+TEST_F(RedirectorInterfaceTest, CompletionWaitsForThePlannedStartStillOnTheOldHandle) {
+    StartNormally();
+    std::atomic<bool> held{false};
+    int createdMeanwhile = -1;
+    {
+        std::lock_guard<std::mutex> hold(m_script->lock);
+        m_script->onStop = [&] {  // the planned start's Stop lingers while the recovery runs
+            if (held.exchange(true)) return;
+            (void)WaitUntil([&] { return Created() == 2; }, std::chrono::milliseconds(300));
+            createdMeanwhile = Created();
+        };
+    }
+    m_agent.OnPlannedKdfDisruptionStart(kext_failover);
+    ASSERT_TRUE(WaitUntil([&] { return held.load(); }));
+    m_agent.OnPlannedKdfDisruptionComplete(kext_failover);
+    ASSERT_TRUE(HandlerIdle());
+    {
+        std::lock_guard<std::mutex> hold(m_script->lock);
+        m_script->onStop = nullptr;
+    }
+    EXPECT_EQ(createdMeanwhile, 1) << "the old handle was replaced while still in use";
+    EXPECT_EQ(Created(), 2);
+    EXPECT_TRUE(Diverting());
+}
+
 }  // namespace
 }  // namespace swg_test
