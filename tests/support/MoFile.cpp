@@ -61,18 +61,6 @@ void PatchMoWord(std::string& file, std::size_t offset, uint32_t value, bool big
     file.replace(offset, 4, word);
 }
 
-TempFolder::TempFolder() {
-    char pattern[] = "/tmp/swg-test-XXXXXX";
-    const char* made = ::mkdtemp(pattern);
-    m_path = made != nullptr ? made : "";
-}
-
-TempFolder::~TempFolder() {
-    if (m_path.empty()) return;
-    boost::system::error_code ignored;
-    boost::filesystem::remove_all(m_path, ignored);
-}
-
 bool WriteCatalogue(const std::string& localeDir, const std::string& language,
                     const std::string& domain, const std::string& bytes) {
     const boost::filesystem::path dir =

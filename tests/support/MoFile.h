@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Test helper: GNU .mo catalogues written byte by byte, and a temporary folder to hold them.
+// Test helper: GNU .mo catalogues written byte by byte.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "support/TempFolder.h"
 
 namespace swg_test {
 
@@ -25,20 +27,6 @@ std::string BuildMoFile(std::vector<MoEntry> entries, const MoOptions& options =
 
 // Overwrites the 32-bit word at byte `offset` of `file`, in the byte order given.
 void PatchMoWord(std::string& file, std::size_t offset, uint32_t value, bool bigEndian);
-
-// A fresh folder under /tmp, removed with everything in it on destruction.
-class TempFolder {
-public:
-    TempFolder();
-    ~TempFolder();
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-
-    const std::string& Path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
 
 // Writes `bytes` to `<localeDir>/<language>/LC_MESSAGES/<domain>.mo`, creating the folders.
 // False when a folder or the file cannot be written.

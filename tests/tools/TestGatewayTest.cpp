@@ -6,12 +6,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "support/GatewayProcess.h"
 #include "support/SocketPeers.h"
+#include "support/TempFolder.h"
 #include "support/TestServers.h"
 #include "upstream/LicenceHeader.h"
 
@@ -60,9 +60,6 @@ Ending ReadToEnd(int fd, std::string& out, std::chrono::milliseconds timeout = 5
 class TestGatewayTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/swg-test-gateway-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_dir = pattern;
         m_org.strOrgId = "org-4711";
         m_org.strDeviceId = "device-9f1c";
         m_org.strPstrUserId = "Hjane doe@corp.example";
@@ -71,10 +68,7 @@ protected:
         m_org.strpKeyPem = swg_test::ReadTextFile(std::string(SWG_SOURCE_DIR) +
                                                   "/packaging/sample/licence-test-public.pem");
     }
-    void TearDown() override {
-        m_gateway.Stop(SIGKILL, 5s);
-        std::filesystem::remove_all(m_dir);
-    }
+    void TearDown() override { m_gateway.Stop(SIGKILL, 5s); }
 
     // Starts the gateway on an IPv4 loopback port with `extra` flags.
     void StartGateway(std::vector<std::string> extra = {}) {
@@ -115,7 +109,8 @@ protected:
         return swg_test::WaitForLines(LogPath(), text, count, 5s);
     }
 
-    std::string m_dir;
+    swg_test::TempFolder m_folder;
+    const std::string m_dir = m_folder.Path();
     OrgInfoRecord m_org;
     swg_test::CGatewayProcess m_gateway;
 };

@@ -7,9 +7,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <boost/filesystem.hpp>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -23,43 +21,9 @@
 #include "support/FakeClock.h"
 #include "support/FakeFileWatch.h"
 #include "support/SyslogCapture.h"
+#include "support/TempFolder.h"
 
 namespace config_test {
-
-// A fresh folder under /tmp, removed with its contents at destruction.
-class TempFolder {
-public:
-    TempFolder() {
-        char pattern[] = "/tmp/swg-config-test-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
-        m_path = pattern;
-    }
-    ~TempFolder() {
-        boost::system::error_code ignored;
-        boost::filesystem::remove_all(m_path, ignored);
-    }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-
-    const std::string& Path() const { return m_path; }
-    std::string PathOf(const std::string& name) const { return m_path + "/" + name; }
-    // Writes `text` to `name` in place (truncate and write), as an editor would.
-    void Write(const std::string& name, const std::string& text) const {
-        std::ofstream out(PathOf(name), std::ios::binary | std::ios::trunc);
-        if (!(out << text).flush()) throw std::runtime_error("cannot write " + name);
-    }
-    // Writes `text` to a temporary name and renames it over `name`, as an atomic writer would.
-    void Replace(const std::string& name, const std::string& text) const {
-        Write(name + ".part", text);
-        if (std::rename(PathOf(name + ".part").c_str(), PathOf(name).c_str()) != 0) {
-            throw std::runtime_error("cannot rename over " + name);
-        }
-    }
-    void Remove(const std::string& name) const { std::remove(PathOf(name).c_str()); }
-
-private:
-    std::string m_path;
-};
 
 // A valid configuration with every key of the format set to a value other than its default.
 inline std::string FullConfig() {
@@ -190,7 +154,7 @@ protected:
 
     swg_test::SyslogCapture m_capture;
     CSSFileTrace m_trace;
-    TempFolder m_folder;
+    swg_test::TempFolder m_folder;
     RecordingAgent m_agent;
     swg_test::FakeClock m_clock;
     swg_test::FakeFileWatch m_watch{m_clock};

@@ -36,7 +36,7 @@ protected:
     }
     std::string PathOf(const char* name) const { return m_folder.PathOf(name); }
 
-    config_test::TempFolder m_folder;
+    swg_test::TempFolder m_folder;
     CSWGAgent m_agent;
     OrgInfoRecord m_info;
     swg_test::SyslogCapture m_capture;
@@ -158,7 +158,7 @@ TEST(SWGProxyName, FirstSourceWins) {
 
 // Guards a failed FIPS switch: mode kept, error logged, retried; leaving needs no provider.
 TEST(UpdateFedRampMode, MissingProviderLeavesTheModeAndIsRetried) {
-    config_test::TempFolder noModules;
+    swg_test::TempFolder noModules;
     const char* previous = getenv("OPENSSL_MODULES");
     const std::string saved = previous != nullptr ? previous : "";
     setenv("OPENSSL_MODULES", noModules.Path().c_str(), 1);

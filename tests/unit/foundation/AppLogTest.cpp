@@ -19,6 +19,7 @@
 #include "foundation/AppLog.h"
 #include "foundation/GlobalConst.h"
 #include "foundation/LoggingMessages.h"
+#include "support/TempFolder.h"
 
 namespace {
 
@@ -53,17 +54,12 @@ std::string Tid() { return std::to_string(syscall(SYS_gettid)); }
 class AppLogTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/swg-applog-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_root = pattern;
-        m_config = m_root + "/trevo/trevoclient/debuglogconfig.json";
-        std::filesystem::create_directories(m_root + "/trevo/trevoclient");
-        setenv("SWG_DATA_ROOT", m_root.c_str(), 1);
+        std::filesystem::create_directories(m_root.PathOf("trevo/trevoclient"));
+        setenv("SWG_DATA_ROOT", m_root.Path().c_str(), 1);
     }
     void TearDown() override {
         m_log.reset();
         unsetenv("SWG_DATA_ROOT");
-        std::filesystem::remove_all(m_root);
     }
 
     void WriteConfig(const std::string& contents) { std::ofstream(m_config) << contents; }
@@ -90,8 +86,8 @@ protected:
         return m_messages->size() == 1 ? m_messages->front() : none;
     }
 
-    std::string m_root;
-    std::string m_config;
+    swg_test::TempFolder m_root;
+    const std::string m_config = m_root.PathOf("trevo/trevoclient/debuglogconfig.json");
     std::shared_ptr<std::vector<LoggedMessage>> m_messages =
         std::make_shared<std::vector<LoggedMessage>>();
     std::unique_ptr<CAppLog> m_log;

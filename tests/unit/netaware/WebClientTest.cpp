@@ -1,15 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // CWebClient against scripted HTTP servers on loopback (port 80 only in a namespace of its own).
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -18,6 +13,7 @@
 #include "netaware/WebClient.h"
 #include "platform/SocketMark.h"
 #include "proxy/VSocket.h"
+#include "support/NetnsScope.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
@@ -188,18 +184,10 @@ TEST(WebClientTest, GetHeaderValueFindsTheNameInAnyCase) {
 std::string RunInOwnNetworkNamespace(const std::function<void()>& body) {
     if (::geteuid() != 0) return "needs root for a network namespace";
     std::string failure;
-    std::thread inNamespace([&] {
-        // Only this thread enters the new namespace; the test's other threads stay out.
-        if (::unshare(CLONE_NEWNET) != 0) {
-            failure = std::string("unshare: ") + std::strerror(errno);
-            return;
-        }
-        swg_test::UniqueFd control(::socket(AF_INET, SOCK_DGRAM, 0));
-        ifreq lo{};
-        std::strncpy(lo.ifr_name, "lo", IFNAMSIZ - 1);
-        lo.ifr_flags = IFF_UP;
-        if (::ioctl(control.Get(), SIOCSIFFLAGS, &lo) != 0) {
-            failure = "cannot bring lo up";
+    std::thread inNamespace([&] {  // the test's other threads stay where they are
+        const swg_test::NetnsScope scope;
+        if (!scope.Entered() || !scope.Run("ip link set lo up")) {
+            failure = scope.Entered() ? "cannot bring lo up" : scope.Why();
             return;
         }
         body();

@@ -13,9 +13,8 @@
 #include <string>
 #include <vector>
 
-#include <boost/filesystem.hpp>
-
 #include "platform/FileWatch.h"
+#include "support/TempFolder.h"
 
 namespace {
 
@@ -40,14 +39,12 @@ bool Has(const std::vector<int>& ids, int id) {
 // a deletion reports the folder; a missing file cannot be watched; the wake-up ends a wait
 // without bound ahead of queued changes.
 TEST(InotifyWatchTest, FollowsWritesReplacementDeletionAndWakes) {
-    const boost::filesystem::path folder = boost::filesystem::temp_directory_path() /
-                                           boost::filesystem::unique_path("swg-watch-%%%%%%%%");
-    ASSERT_TRUE(boost::filesystem::create_directory(folder));
-    const std::string file = (folder / "SWGConfig.json").string();
+    const swg_test::TempFolder folder;
+    const std::string file = folder.PathOf("SWGConfig.json");
     Write(file);
     const std::unique_ptr<IFileWatch> watch = CreateSystemFileWatch();
     ASSERT_EQ(watch->Open(), IFileWatch::OpenResult::kOpened);
-    const int folderId = watch->WatchFolder(folder.string());
+    const int folderId = watch->WatchFolder(folder.Path());
     const int first = watch->WatchFile(file);
     ASSERT_GE(folderId, 0);
     ASSERT_GE(first, 0);
@@ -77,7 +74,6 @@ TEST(InotifyWatchTest, FollowsWritesReplacementDeletionAndWakes) {
     watch->Wake();
     EXPECT_EQ(watch->Wait(-1, changes), IFileWatch::WaitResult::kWoken);
     watch->Close();
-    boost::filesystem::remove_all(folder);
 }
 
 // Guards a wake-up before any Open: no byte goes to descriptor 0 in the pipe's place.
