@@ -19,7 +19,8 @@ void RejectArgument(const char* argument) {
     SwgSyslog(LOG_ERR, "%s", text.c_str());
     if (argument[0] != '-') text += ". Parameters have to be preceded by a dash ('-').";
     std::fprintf(stderr, "%s\n\n", text.c_str());
-    std::exit(0);
+    // Only the signal thread runs yet, waiting in sigwait.
+    std::exit(0);  // NOLINT(concurrency-mt-unsafe)
 }
 }  // namespace
 
@@ -27,7 +28,7 @@ int main(int argc, char** argv) {
     InstallSignalTable();
     SetDefaultRedirectorFactory(&CreateAgentRedirector);
     std::fputc('\n', stderr);
-    if (argc < 2) std::exit(0);
+    if (argc < 2) std::exit(0);  // NOLINT(concurrency-mt-unsafe): see RejectArgument
 
     if (strcasecmp(argv[1], "-console") != 0) RejectArgument(argv[1]);
 

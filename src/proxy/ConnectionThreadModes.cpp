@@ -347,7 +347,7 @@ bool CDnConnectionThread::GetBestInterfaceIP(std::string& out) {
     socklen_t length = sizeof(local);
     if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) {
         const int error = errno;
-        DNTRACE(WARN, "GetBestInterfaceName failed : %s", std::strerror(error));
+        DNTRACE(WARN, "GetBestInterfaceName failed : %s", ErrnoText(error).c_str());
         return false;
     }
     out = SockaddrToAddress(reinterpret_cast<const sockaddr*>(&local));

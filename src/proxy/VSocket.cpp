@@ -180,7 +180,7 @@ void CDnVSocket::PeekLineFromBuffer(std::string& out, int end) {
     }
     if (end < m_bufferOffset || end >= m_bufferLength) return;
     out.assign(m_buffer, static_cast<size_t>(m_bufferOffset),
-               static_cast<size_t>(end - m_bufferOffset + 1));
+               static_cast<size_t>(end - m_bufferOffset) + 1);
 }
 
 std::string CDnVSocket::ExtractLineFromBuffer(int end) {

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "foundation/GlobalUtils.h"
+
 namespace testgw {
 
 CGatewayLog::~CGatewayLog() {
@@ -15,7 +17,7 @@ bool CGatewayLog::OpenFile(const std::string& path, std::string& error) {
     FILE* file = fopen(path.c_str(), "a");
     if (file == nullptr) {
         const int saved = errno;
-        error = "cannot open log " + path + ": " + strerror(saved);
+        error = "cannot open log " + path + ": " + ErrnoText(saved);
         return false;
     }
     std::lock_guard<std::mutex> hold(m_lock);

@@ -15,6 +15,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "foundation/GlobalUtils.h"
+
 namespace testgw {
 namespace {
 
@@ -73,7 +75,7 @@ int ConnectOne(const addrinfo* candidate, int timeoutMs, int stopFd, std::string
     const int fd = socket(candidate->ai_family, candidate->ai_socktype | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         const int saved = errno;
-        error = std::string("socket: ") + strerror(saved);
+        error = std::string("socket: ") + ErrnoText(saved);
         return -1;
     }
     SetNonBlocking(fd);
@@ -91,7 +93,7 @@ int ConnectOne(const addrinfo* candidate, int timeoutMs, int stopFd, std::string
         if (waited == WaitResult::Timeout) error = "connect timed out";
         if (waited == WaitResult::Stopped) error = "stopping";
     }
-    if (error.empty()) error = std::string("connect: ") + strerror(saved);
+    if (error.empty()) error = std::string("connect: ") + ErrnoText(saved);
     close(fd);
     return -1;
 }
@@ -177,7 +179,7 @@ int OpenListener(const ListenAddress& address, bool refuse, std::string& bound,
         getsockname(fd, reinterpret_cast<sockaddr*>(&storage), &length) != 0) {
         const int saved = errno;
         error = "cannot listen on " + address.host + ":" + std::to_string(address.port) + ": " +
-                strerror(saved);
+                ErrnoText(saved);
         if (fd >= 0) close(fd);
         return -1;
     }
@@ -241,7 +243,7 @@ bool ReadHeaderBlock(int fd, int timeoutMs, int stopFd, std::string& block, std:
         }
         if (got < 0 && errno != EAGAIN && errno != EINTR) {
             const int saved = errno;
-            error = std::string("recv: ") + strerror(saved);
+            error = std::string("recv: ") + ErrnoText(saved);
             return false;
         }
         if (got > 0) data.append(buffer, static_cast<std::size_t>(got));

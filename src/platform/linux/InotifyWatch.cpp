@@ -13,6 +13,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "foundation/GlobalUtils.h"
 #include "foundation/Trace.h"
 #include "platform/FileWatch.h"
 
@@ -36,7 +37,7 @@ public:
         if (m_queue < 0) {
             const int error = errno;
             DNTRACE(ERR, "MonitorConfigChangesProc: Could not open kernel queue.  Error was %s",
-                    strerror(error));
+                    ErrnoText(error).c_str());
             return OpenResult::kNoQueue;
         }
         std::lock_guard<std::mutex> hold(m_pipeLock);
@@ -87,7 +88,7 @@ public:
             DNTRACE(ERR,
                     "MonitorConfigChangesProc: An error occurred (event count %d).  Error was "
                     "'%s'",
-                    result, strerror(error));
+                    result, ErrnoText(error).c_str());
             return WaitResult::kFailed;
         }
         if (result == 0) return WaitResult::kTimeout;
