@@ -6,7 +6,7 @@ set -eu
 
 PACKAGES="
 build-essential cmake pkg-config git
-clang libclang-rt-dev llvm
+clang libclang-rt-dev llvm clang-format clang-tidy
 libgtest-dev libgmock-dev googletest libbenchmark-dev
 libboost-dev libboost-thread-dev libboost-date-time-dev libboost-system-dev
 libboost-filesystem-dev libboost-regex-dev

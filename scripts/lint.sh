@@ -1,55 +1,73 @@
 #!/bin/sh
-# Formatting and static checks.
+# Formatting and static checks of the C++ code (.clang-format, .clang-tidy).
 #
-#   scripts/lint.sh            clang-format check of every C++ file, then clang-tidy over the
-#                              files that differ from main (committed or not)
-#   scripts/lint.sh --all      clang-tidy over every C++ file of src, tools and tests (about
-#                              half an hour on two cores)
-#   scripts/lint.sh --format   only the clang-format check (what the test command runs)
-#   scripts/lint.sh --fix      rewrite the files clang-format would change, then stop
+#   scripts/lint.sh            clang-format over the lines changed since the base, then
+#                              clang-tidy over the source files changed since the base
+#   scripts/lint.sh --format   only the clang-format check
+#   scripts/lint.sh --fix      let clang-format rewrite the lines changed since the base
+#   scripts/lint.sh --all      clang-tidy over every source file the debug build compiles
+#                              (about half an hour on two cores)
 #
-# clang-tidy reads the compile commands of the debug build: run `cmake --preset debug` first.
-# Exits 1 when a file is not formatted or a check fires.
+#   SWG_LINT_BASE   the commit changes are counted from (default: main; committed and
+#                   uncommitted changes of the work tree both count)
+#
+# Formatting is checked on changed lines only, so that code written before the settings
+# existed is not rewritten wholesale. clang-tidy reads the compile commands of the debug
+# build: run `cmake --preset debug` first. Exits 1 when a line is not formatted or a check
+# fires.
 set -eu
 cd "$(dirname "$0")/.."
 
 mode=${1:-changed}
-files=$(git ls-files 'src/*.cpp' 'src/*.h' 'tools/*.cpp' 'tools/*.h' 'tests/*.cpp' 'tests/*.h' \
-    'bench/*.cpp' 'bench/*.h')
+case $mode in
+    changed|--format|--fix|--all) ;;
+    *) echo "usage: scripts/lint.sh [--format|--fix|--all]" >&2; exit 2 ;;
+esac
+
+base_ref=${SWG_LINT_BASE:-main}
+if ! base=$(git merge-base HEAD "$base_ref" 2>/dev/null); then
+    echo "lint: no commit '$base_ref' to compare with; only uncommitted changes count" >&2
+    base=HEAD
+fi
+paths="src tools tests bench"
 
 if [ "$mode" = "--fix" ]; then
     # shellcheck disable=SC2086
-    clang-format -i $files
+    git clang-format --quiet "$base" -- $paths || true
     exit 0
 fi
 
-echo "==== clang-format"
-# shellcheck disable=SC2086
-if ! clang-format --dry-run --Werror $files; then
-    echo "lint: clang-format would change the files above; scripts/lint.sh --fix rewrites them" >&2
-    exit 1
+if [ "$mode" != "--all" ]; then
+    echo "==== clang-format (lines changed since $(git rev-parse --short "$base"))"
+    # shellcheck disable=SC2086
+    changes=$(git clang-format --quiet --diff "$base" -- $paths)
+    if [ -n "$changes" ]; then
+        printf '%s\n' "$changes"
+        echo "lint: clang-format would change the lines above; scripts/lint.sh --fix does it" >&2
+        exit 1
+    fi
+    [ "$mode" = "--format" ] && exit 0
 fi
-[ "$mode" = "--format" ] && exit 0
 
 if [ ! -f build/debug/compile_commands.json ]; then
     echo "lint: no build/debug/compile_commands.json; run cmake --preset debug" >&2
     exit 1
 fi
-if [ "$mode" = "--all" ]; then
-    sources=$(echo "$files" | grep '\.cpp$' || true)
-else
-    base=$(git merge-base HEAD main 2>/dev/null || echo HEAD)
-    sources=$( (git diff --name-only "$base" -- '*.cpp'; git ls-files --others --exclude-standard '*.cpp') |
-        sort -u | grep -E '^(src|tools|tests)/' || true)
-fi
 # Only what the debug build compiles (the fuzz targets are built by the fuzz preset alone).
-known=$(sed -n 's|^ *"file": "'"$(pwd)"'/\(.*\)",*$|\1|p' build/debug/compile_commands.json)
-sources=$(echo "$sources" | grep -xF "$known" || true)
+known=$(sed -n 's|^ *"file": "'"$(pwd)"'/\(.*\)",*$|\1|p' build/debug/compile_commands.json |
+    grep -E '^(src|tools|tests|bench)/' | sort -u)
+if [ "$mode" = "--all" ]; then
+    sources=$known
+else
+    changed=$( (git diff --name-only "$base" -- '*.cpp'; git ls-files --others --exclude-standard '*.cpp') |
+        sort -u)
+    sources=$(printf '%s\n' "$changed" | grep -xF "$known" || true)
+fi
 if [ -z "$sources" ]; then
     echo "==== clang-tidy: no changed source files"
     exit 0
 fi
-echo "==== clang-tidy ($(echo "$sources" | wc -l) files)"
+echo "==== clang-tidy ($(printf '%s\n' "$sources" | wc -l) files)"
 status=0
 for file in $sources; do
     [ -f "$file" ] || continue

@@ -20,13 +20,13 @@ namespace swg_test {
 // touch fields while agent threads run; Get locks it itself.
 struct FakeRedirectorScript {
     std::mutex lock;
-    bool open = false;                // OpenPlugin succeeded, ClosePlugin not since
-    bool started = false;             // Start succeeded, Stop or a close not since
-    std::list<redirect_info> rules;   // in force: appended by SetRedirects, emptied by Clear
-    int live = 0;                     // handles created and not yet released
-    int created = 0;                  // successful creations
-    int openAttempts = 0;             // OpenPlugin calls
-    int dnsCacheClears = 0;           // successful ClearDnsCache calls
+    bool open = false;                 // OpenPlugin succeeded, ClosePlugin not since
+    bool started = false;              // Start succeeded, Stop or a close not since
+    std::list<redirect_info> rules;    // in force: appended by SetRedirects, emptied by Clear
+    int live = 0;                      // handles created and not yet released
+    int created = 0;                   // successful creations
+    int openAttempts = 0;              // OpenPlugin calls
+    int dnsCacheClears = 0;            // successful ClearDnsCache calls
     std::vector<unsigned int> sleeps;  // each injected sleep, in ms
     std::deque<int> createResults, openResults, setRedirectsResults, startResults, stopResults,
         clearResults, closeResults, releaseResults, dnsCacheResults;

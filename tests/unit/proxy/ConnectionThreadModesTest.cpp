@@ -172,7 +172,8 @@ TEST_F(ModeSelectionTest, RequestLineInPiecesIsCollectedWithinTheWait) {
     std::thread client([&] {
         for (const char* piece : {"GE", "T /x HT", "TP/1.1\r\nHost: a\r\n\r\n"}) {
             ClientSends(piece);  // each piece once the sniffer has taken the one before
-            EXPECT_TRUE(swg_test::WaitUntil([&] { return swg_test::PendingBytes(m_accepted) == 0; }));
+            EXPECT_TRUE(
+                swg_test::WaitUntil([&] { return swg_test::PendingBytes(m_accepted) == 0; }));
         }
     });
     EXPECT_EQ(m_thread.SelectInitialMode(), 0);

@@ -165,7 +165,8 @@ TEST_F(SocketPairTest, LoneRemoteByteIsHeldThenSentWithWhatFollows) {
 
     const std::string rest = PatternBytes(99, 3);
     ASSERT_TRUE(WriteAll(m_server.Get(), "\x17", 1s));
-    ASSERT_TRUE(swg_test::WaitUntil([&] { return swg_test::PendingBytes(m_remote->GetSocket()) == 0; }));
+    ASSERT_TRUE(
+        swg_test::WaitUntil([&] { return swg_test::PendingBytes(m_remote->GetSocket()) == 0; }));
     ASSERT_TRUE(WriteAll(m_server.Get(), rest, 1s));
     ASSERT_TRUE(swg_test::WaitReadable(m_client.Get(), 3s));
     char first[4096];

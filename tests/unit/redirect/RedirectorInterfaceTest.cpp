@@ -48,8 +48,9 @@ TEST_F(RedirectorInterfaceTest, StartLeavesTheRedirectorDiverting) {
 TEST_F(RedirectorInterfaceTest, OpenPluginIsRetriedOnTheGrowingSchedule) {
     m_script->openResults = std::deque<int>(9, 5);
     EXPECT_EQ(m_agent.StartKDF(reason_rules_refresh), 0);
-    EXPECT_EQ(m_script->Get(m_script->sleeps),
-              (std::vector<unsigned int>{2000, 4000, 6000, 8000, 10000, 12000, 15000, 15000, 15000}));
+    EXPECT_EQ(
+        m_script->Get(m_script->sleeps),
+        (std::vector<unsigned int>{2000, 4000, 6000, 8000, 10000, 12000, 15000, 15000, 15000}));
     EXPECT_EQ(OpenAttempts(), 10);
     EXPECT_EQ(Created(), 1);
     EXPECT_TRUE(Diverting());
