@@ -36,7 +36,6 @@
 #include "foundation/MsgCatalog.h"
 #include "proxy/ListenThread.h"
 #include "support/GatewayProcess.h"
-#include "support/MoFile.h"
 #include "support/SocketPeers.h"
 #include "support/TestServers.h"
 #include "support/ThreadTestSupport.h"
@@ -54,7 +53,6 @@ constexpr const char* kUnreachable = "198.18.3.9";
 const std::string kGatewayBinary =
     std::string(SWG_BINARY_DIR) + "/tools/test-gateway/swg-test-gateway";
 const std::string kSample = std::string(SWG_SOURCE_DIR) + "/packaging/sample/licence-test-";
-const std::string kBuildDataRoot = std::string(SWG_BINARY_DIR) + "/data";
 
 // Files only: a name that is not in the hosts file fails at once and no query leaves the host.
 const std::map<std::string, std::string> kEtc = {
@@ -589,29 +587,6 @@ TEST_F(GatewayIntegrationTest, AnycastListStaysWhenTheNameResolves) {
               (std::deque<std::string>{"198.18.1.3", kGateway}));
     EXPECT_EQ(m_trace.CountPrefix(TRACE, "Connection : Marking Anycast IP"), 0);
     EXPECT_EQ(m_trace.CountPrefix(TRACE, "Connection : Domain resolution failed."), 0);
-}
-
-// ---- the refusal page -------------------------------------------------------------------------
-
-// Under a German locale the page must come from the shipped catalogue, its length in bytes.
-TEST_F(GatewayIntegrationTest, RefusalPageIsTranslatedUnderAGermanLocale) {
-    ::setenv("LANG", "de_DE.UTF-8", 1);
-    ::setenv("SWG_DATA_ROOT", kBuildDataRoot.c_str(), 1);
-    MsgCatalog::Uninitialize();
-    StartGateway();
-    ApplyPolicy(Policy::FailClose, kUnreachable);
-    const CurlResult result = Http();
-    const std::string body =
-        "<html lang=\"de-de\"><head><meta http-equiv=\"Content-Type\" content=\"text/html; "
-        "charset=UTF-8\"/></head><body><h3>Trevo Linkmantle</h3><hr /><h1>Verbindungsfehler</h1>"
-        "<p><p>The requested connection cannot be established.</p></p><p><b>Reason: </b>Es "
-        "konnte keine Verbindung hergestellt werden. Richtlinie \xE2\x80\x9E"
-        "Fail close\xE2\x80\x9C aktiv: Ist der Sicherheitsdienst nicht erreichbar, werden "
-        "Verbindungen blockiert.</p></body></html>";
-    EXPECT_EQ(result.out,
-              "HTTP/1.1 499 Fail close\r\nContent-Length: 416\r\nConnection: "
-              "Keep-Alive\r\nContent-Type: text/html\r\n\r\n" +
-                  body);
 }
 
 // A gateway that drops SYNs: two connects of 4 s each and the 1 s pause between them, then the

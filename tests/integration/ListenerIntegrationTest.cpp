@@ -136,37 +136,6 @@ TEST_F(ListenerIntegrationTest, TransfersBothWaysArriveWhole) {
     }
 }
 
-// A lone byte (a TLS record header, say) is held back 200 ms so that its record can follow,
-// and no longer than that.
-TEST_F(ListenerIntegrationTest, LoneByteFromTheServerIsDeliveredAfter200Ms) {
-    std::atomic<Clock::rep> sentAt{0};
-    swg_test::TestServer server(swg_test::Endpoint(kHostA, 0), [&](int fd) {
-        std::string go;
-        if (!swg_test::ReadExactly(fd, 3, go, 5s)) return;
-        sentAt = Clock::now().time_since_epoch().count();
-        (void)swg_test::WriteAll(fd, "\x16", 1s);
-        (void)swg_test::WaitReadable(fd, 10s);  // stalls until the client goes
-    });
-    UniqueFd client = Client(server.Address(), "go\n");
-    std::string received;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 1, received, 5s));
-    const auto held = Clock::now() - Clock::time_point(Clock::duration(sentAt.load()));
-    EXPECT_GE(held, 200ms);
-    EXPECT_LT(held, 1s);
-}
-
-// Bytes the client sent right behind its record, before any relay existed, dropped or
-// overtaken by later ones (the echo returns them in the order the server got them).
-TEST_F(ListenerIntegrationTest, ClientDataSentBeforeTheRelayReachesTheServerFirst) {
-    swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
-    UniqueFd client = Client(echo.Address(), "EARLY\n");
-    ASSERT_TRUE(echo.WaitForAccepted(1, 5s));
-    ASSERT_TRUE(swg_test::WriteAll(client.Get(), "LATE", 1s));
-    std::string echoed;
-    ASSERT_TRUE(swg_test::ReadExactly(client.Get(), 10, echoed, 5s));
-    EXPECT_EQ(echoed, "EARLY\nLATE");
-}
-
 // A client gone before its record is whole must get no byte back and no connect on its behalf.
 TEST_F(ListenerIntegrationTest, ClientClosingBeforeTheRecordIsCompleteEndsWithNoWord) {
     swg_test::TestServer server(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
@@ -198,14 +167,6 @@ TEST_F(ListenerIntegrationTest, KillDuringBlockedReadsEndsTheJobsWithin500Ms) {
     EXPECT_TRUE(swg_test::WaitReadable(partial.Get(), 500ms));
     EXPECT_TRUE(swg_test::WaitReadable(relaying.Get(), 500ms));
     EXPECT_LT(Clock::now() - killed, 600ms);
-}
-
-// A record naming the listener itself would feed the agent its own connection.
-TEST_F(ListenerIntegrationTest, LoopToTheListenerItselfIsClosed) {
-    UniqueFd client = Client(swg_test::Endpoint("127.0.0.1", 5002), "x");
-    EXPECT_EQ(swg_test::ReadToEnd(client.Get(), 20s), "");
-    EXPECT_EQ(m_trace.CountPrefix(WARN, "Connection : Original destination is the agent's own"), 1);
-    EXPECT_EQ(Started(), 1);  // no second connection came back to the listener
 }
 
 // The IPv6 listener on [::1]:5002 not relaying over IPv6.
@@ -266,15 +227,6 @@ TEST_F(ListenerIntegrationTest, The751stSimultaneousConnectionWaitsForAThread) {
     ASSERT_TRUE(swg_test::ReadExactly(waiting.Get(), 5, echoed, 5s));
     EXPECT_EQ(echoed, "ping\n");
     EXPECT_EQ(Pool().ActiveCount(), 750u);
-}
-
-// Idle threads kept past the next 3-second tick while more than ten exist in all: ten stay,
-// one of them the worker the listener has secured for its next accept.
-TEST_F(ListenerIntegrationTest, IdleThreadsAboveTenAreTrimmedAtTheNextTick) {
-    swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
-    (void)EchoedClients(echo, 25);
-    EXPECT_TRUE(
-        swg_test::WaitUntil([&] { return Pool().IdleCount() == 9 && Pool().ActiveCount() == 1; }));
 }
 
 // Descriptors or threads leaked per connection: after 2,000 the process holds what it held

@@ -128,11 +128,6 @@ protected:
 
     void TearDown() override {
         // The table goes while the thread is still in the namespace that holds it.
-        if (m_agent) {
-            WaitUntil([this] { return m_agent->m_kdfThreadsRunning == 0; });
-            (void)m_agent->CloseRedirectorInterface(reason_rules_refresh);
-        }
-        m_agent.reset();
         m_redirector.reset();
         m_trace.reset();  // after every thread that could still log to it
         m_netns.reset();
@@ -188,7 +183,6 @@ protected:
     CountingCallback m_callback;
     std::unique_ptr<TraceRecorder> m_trace;
     std::unique_ptr<CNftRedirector> m_redirector;
-    std::unique_ptr<CSWGAgent> m_agent;
 };
 
 // Guards the diversion itself and what must never be diverted: the exceptions by address,
@@ -366,33 +360,6 @@ TEST_F(NftRedirectorIntegrationTest, UnmatchableProcessRuleIsLoggedAndTheTableSt
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].level, static_cast<unsigned int>(WARN));
     EXPECT_EQ(Listing().find("cgroupv2"), std::string::npos);
-}
-
-// Guards the whole recovery: the agent on the real redirector (the fallback, which others can
-// change) notices the flushed table, closes, reopens and diverts again; its close then leaves
-// no table behind.
-TEST_F(NftRedirectorIntegrationTest, AgentRepairsAFlushedTable) {
-    m_agent = std::make_unique<CSWGAgent>();
-    auto created = std::make_shared<std::atomic<int>>(0);
-    m_agent->m_redirectorSeams.create = [created](ISocketRedirectorApi** out) {
-        *out = new CNftRedirector(FastOptions(false));
-        ++*created;
-        return 0;
-    };
-    m_agent->m_redirectorSeams.release = ReleaseLmsockSwgApi;
-    m_agent->m_redirectorSeams.pidOfProcess = [](const std::string&) { return -1; };
-    ASSERT_EQ(m_agent->StartKDF(reason_rules_refresh), 0);
-    ASSERT_TRUE(TableExists());
-    ASSERT_EQ(*created, 1);
-
-    ASSERT_EQ(RunNftCommand("flush table " + kTable), 0);
-    ASSERT_TRUE(WaitUntil([&] { return *created == 2 && m_agent->m_kdfThreadsRunning == 0; }));
-    EXPECT_EQ(m_agent->KdfState(), Running);
-    EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
-
-    EXPECT_TRUE(m_agent->CloseRedirectorInterface(reason_rules_refresh));
-    EXPECT_FALSE(TableExists());
-    EXPECT_EQ(WhereDoesItLand(kDivertedHost), "host");
 }
 
 // Guards names through the agent's lookup service: a name that does not resolve at the start

@@ -115,7 +115,7 @@ protected:
     swg_test::CGatewayProcess m_gateway;
 };
 
-// Guards tunnel with Via, forwarding without licence lines, licence log lines, 502s.
+// Guards tunnel with Via, forwarding without licence lines, the licence log line.
 TEST_F(TestGatewayTest, TunnelsForwardsAndLogsLicences) {
     swg_test::TestServer echo(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
     std::string received;  // by the origin; read after it stopped
@@ -162,44 +162,16 @@ TEST_F(TestGatewayTest, TunnelsForwardsAndLogsLicences) {
     EXPECT_TRUE(LogHas("HTTP GET " + host + "/index.html"));
     EXPECT_TRUE(LogHas("result forward"));
     EXPECT_EQ(swg_test::CountLinesWith(LogPath(), "secret"), 0);
-
-    const std::string lines = LicenceLines();
-    std::string tampered = lines;
-    const std::size_t payloadAt = lines.find(std::string(kLicencePayloadHeader) + ": ") + 40;
-    tampered[payloadAt] = tampered[payloadAt] == 'A' ? 'B' : 'A';
-    std::string lowered = lines;  // header names match in any letter case
-    lowered.replace(0, std::string(kLicenceKeyIdHeader).size(), "x-swg-licence-id");
-    const std::string outside = "192.0.2.1:443";
-    for (const std::string& extra :
-         {tampered, lines.substr(0, lines.find("\r\n") + 2), lowered, std::string()}) {
-        EXPECT_TRUE(StartsWith(Exchange(ConnectRequest(outside, extra)), "HTTP/1.1 502 "));
-    }
-    EXPECT_TRUE(LogHas("licence bad: ", 2));
-    EXPECT_TRUE(LogHas("licence bad: X-SWG-Licence-Id alone"));
-    EXPECT_TRUE(LogHas("licence ok org=org-4711", 3));
-    EXPECT_TRUE(LogHas("licence missing"));
-    EXPECT_TRUE(LogHas("result upstream-failed: destination outside the test networks", 4));
-
-    std::uint16_t closedPort = 0;
-    {
-        const swg_test::LoopbackListener gone = swg_test::ListenOnLoopback(AF_INET, 1);
-        closedPort = swg_test::EndpointPort(gone.address);
-    }
-    reply = Exchange(ConnectRequest("127.0.0.1:" + std::to_string(closedPort)));
-    EXPECT_TRUE(StartsWith(reply, "HTTP/1.1 502 Bad Gateway\r\n" + kVia)) << reply;
-    EXPECT_TRUE(LogHas("result upstream-failed: connect: Connection refused"));
 }
 
-// Guards every fault mode, the control file, 400 for bad requests, licences without --key.
+// Guards status faults (the gateway integration tests use the others), the control file, 400
+// for bad requests, licences without --key.
 TEST_F(TestGatewayTest, FaultModesAndControlFile) {
     swg_test::TestServer echo(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
     const std::string control = m_dir + "/control";
     std::ofstream(control) << "# per-request faults\n"
                            << "*.blocked.test:* status=403\n"
                            << "bad-gateway.test:* status=502\n"
-                           << "reset.test:443 refuse\n"
-                           << "closed.test:* close-after-connect\n"
-                           << "garbage.test:* garbage\n"
                            << "slow.test:* slow=1500 status=403\n"
                            << "127.0.0.1:* pass\n"
                            << "bad.test:* status=99\n";
@@ -220,13 +192,7 @@ TEST_F(TestGatewayTest, FaultModesAndControlFile) {
         EXPECT_EQ(reply.find("Proxy-Authenticate: Basic") != std::string::npos, status == "407");
         EXPECT_TRUE(LogHas("result status " + status));
     }
-    EXPECT_TRUE(LogHas("control bad: line 9"));
-    Exchange(ConnectRequest("reset.test:443"), Ending::Reset);
-    EXPECT_EQ(Exchange(ConnectRequest("closed.test:443")), "");
-    EXPECT_TRUE(LogHas("result closed"));
-    const std::string garbage = Exchange(ConnectRequest("garbage.test:443"));
-    EXPECT_FALSE(garbage.empty());
-    EXPECT_FALSE(StartsWith(garbage, "HTTP/")) << garbage;
+    EXPECT_TRUE(LogHas("control bad: line 6"));
     {
         UniqueFd slowed = Send(ConnectRequest("slow.test:443"));
         EXPECT_FALSE(swg_test::WaitReadable(slowed.Get(), 500ms));
@@ -240,15 +206,6 @@ TEST_F(TestGatewayTest, FaultModesAndControlFile) {
         ASSERT_TRUE(swg_test::ReadExactly(tunnel.Get(), kConnected.size(), reply, 5s));
         EXPECT_EQ(reply, kConnected);
     }
-    std::ofstream(control, std::ios::trunc) << "127.0.0.1:* no-via\n";
-    {
-        UniqueFd tunnel = Send(ConnectRequest(LoopbackTarget(echo)) + "x");
-        std::string reply;
-        ASSERT_TRUE(swg_test::ReadExactly(tunnel.Get(), kConnected.size() + 3, reply, 5s));
-        EXPECT_EQ(reply, kConnected + "\r\nx");
-        EXPECT_TRUE(LogHas("result tunnel no-via"));
-    }
-
     Exchange(ConnectRequest("other.test:443", LicenceLines()));
     EXPECT_TRUE(LogHas("licence bad: gateway has no private key"));
     EXPECT_EQ(swg_test::CountLinesWith(LogPath(), "licence ok"), 0);
@@ -256,19 +213,6 @@ TEST_F(TestGatewayTest, FaultModesAndControlFile) {
     EXPECT_TRUE(StartsWith(Exchange("CONNECT a.test HTTP/1.1\r\n\r\n"), "HTTP/1.1 400 "));
     EXPECT_TRUE(LogHas("request bad: bad request line"));
     EXPECT_TRUE(LogHas("request bad: CONNECT target is not host:port"));
-}
-
-// Guards refuse on the command line: the port is bound but refuses connects.
-TEST_F(TestGatewayTest, RefuseFaultRefusesConnects) {
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--fault", "refuse"}));
-    EXPECT_TRUE(LogHas("refusing 127.0.0.1:"));
-    ASSERT_NE(m_gateway.Port(0), 0);
-    UniqueFd fd(socket(AF_INET, SOCK_STREAM, 0));
-    const sockaddr_storage address = swg_test::Endpoint("127.0.0.1", m_gateway.Port(0));
-    EXPECT_NE(connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address),
-                      swg_test::EndpointLength(address)),
-              0);
-    EXPECT_EQ(errno, ECONNREFUSED);
 }
 
 class TestGatewayStopTest : public TestGatewayTest, public ::testing::WithParamInterface<int> {};
@@ -291,28 +235,5 @@ TEST_P(TestGatewayStopTest, SignalEndsOpenTunnelsAndExitsCleanly) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, TestGatewayStopTest, ::testing::Values(SIGTERM, SIGINT));
-
-// Guards bad arguments: status 2 with the usage, or 1 for an unreadable key or host name.
-TEST_F(TestGatewayTest, BadArgumentsAreRefused) {
-    const struct {
-        std::vector<std::string> args;
-        int status;
-        const char* text;
-    } cases[] = {
-        {{}, 2, "at least one --listen"},
-        {{"--listen", "127.0.0.1"}, 2, "bad --listen"},
-        {{"--listen", "127.0.0.1:0", "--fault", "explode"}, 2, "unknown fault"},
-        {{"--listen", "127.0.0.1:0", "--fault", "status=200"}, 2, "status wants"},
-        {{"--listen", "127.0.0.1:0", "--key", m_dir + "/absent.pem"}, 1, "cannot read key"},
-        {{"--listen", "host.test:0"}, 1, "not a numeric address"},
-    };
-    for (const auto& item : cases) {
-        swg_test::CGatewayProcess process;
-        std::string error;
-        EXPECT_FALSE(process.Start(kGatewayBinary, item.args, OutputPath(), 10s, error));
-        EXPECT_NE(error.find("status " + std::to_string(item.status)), std::string::npos) << error;
-        EXPECT_NE(error.find(item.text), std::string::npos) << error;
-    }
-}
 
 }  // namespace

@@ -183,25 +183,4 @@ TEST(UpdateFedRampMode, MissingProviderLeavesTheModeAndIsRetried) {
     previous != nullptr ? setenv("OPENSSL_MODULES", saved.c_str(), 1) : unsetenv("OPENSSL_MODULES");
 }
 
-// Guards the shipped sample: it loads, with the throwaway public key exactly as in its file.
-TEST(SampleConfiguration, LoadsWithTheTestKey) {
-    const std::string sample = std::string(SWG_SOURCE_DIR) + "/packaging/sample";
-    std::ifstream keyFile(sample + "/licence-test-public.pem");
-    const std::string key((std::istreambuf_iterator<char>(keyFile)),
-                          std::istreambuf_iterator<char>());
-    ASSERT_FALSE(key.empty());
-    swg_test::SyslogCapture quiet;
-    CSWGAgent agent;
-    OrgInfoRecord info;
-    ASSERT_TRUE(agent.LoadOrgInfoFromFolder(sample, info));
-    EXPECT_EQ(info.strpKeyPem, key);
-    EXPECT_EQ(info.strpKeyId, "sample-key-1");
-    EXPECT_EQ(info.qstrSWGAnycastListV4, std::deque<std::string>{"198.18.0.10"});
-    EXPECT_EQ(info.strWebTrafficMonitorPortList, "80,443");
-    EXPECT_TRUE(info.bFailOpen);
-    EXPECT_FALSE(info.bDefaultLogLevel);
-    agent.SetOrgInfo(info);
-    EXPECT_EQ(agent.GetSWGProxyName(false), "gateway.swg.test");
-}
-
 }  // namespace

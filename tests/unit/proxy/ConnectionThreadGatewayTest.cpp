@@ -210,30 +210,6 @@ TEST_F(GatewayExchangeTest, ConnectRequestBytesFollowTheBracketRule) {
     EXPECT_EQ(swg_test::ReadToEnd(m_gateway.Get()), expected);
 }
 
-// The licence lines come behind the request's own three lines.
-TEST_F(GatewayExchangeTest, ConnectCarriesTheLicenceBehindItsOwnLines) {
-    ScopedAgentState::Edit([](CSWGAgent::ORGINFO& info) {
-        info.strpKeyPem = swg_test::ReadTextFile(std::string(SWG_SOURCE_DIR) +
-                                                 "/packaging/sample/licence-test-public.pem");
-        info.strpKeyId = "sample-key-1";
-    });
-    ASSERT_EQ(m_thread.DoProxyConnect("198.18.2.2", 443, "", true), 0);
-    m_thread.m_pExternalSocket->CloseSocket();
-    const std::string request = swg_test::ReadToEnd(m_gateway.Get());
-    const std::string own =
-        "CONNECT 198.18.2.2:443 HTTP/1.1\r\nContent-Length: 0\r\n"
-        "Host: 198.18.2.2:443\r\nX-SWG-Licence-Id: sample-key-1\r\n"
-        "X-SWG-Licence: ";
-    EXPECT_EQ(request.substr(0, own.size()), own);
-    EXPECT_EQ(request.find("\r\n\r\n"), request.size() - 4);
-}
-
-// A gateway that is gone makes the write fail, which sends the job down the failure branch.
-TEST_F(GatewayExchangeTest, ConnectToAGoneGatewayFails) {
-    m_gateway.Reset();
-    EXPECT_EQ(m_thread.DoProxyConnect("198.18.2.2", 443, "", false), -1);
-}
-
 // ---- choice of gateway address ---------------------------------------------------------------
 
 class GatewayAddressTest : public ::testing::Test {
