@@ -14,7 +14,6 @@
 #include <iterator>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "proxy/ListenThread.h"
@@ -95,22 +94,11 @@ protected:
     std::vector<std::unique_ptr<CDnListenThread>> m_listeners;
 };
 
-// Bytes lost or reordered in either direction: 1 MB both ways at once through an echo; 100 MB
-// up with the client's close right behind its last byte; 100 MB down with the server's close
-// right behind its last byte. A close must not cut the tail off.
+// Bytes lost in either direction when a close follows the last byte (both ways at once is the
+// relay's unit test): 100 MB up with the client's close right behind its last byte; 100 MB
+// down with the server's close right behind its last byte. A close must not cut the tail off.
 TEST_F(ListenerIntegrationTest, TransfersBothWaysArriveWhole) {
-    constexpr std::size_t kSmall = 1 << 20, kLarge = std::size_t{100} << 20;
-    const std::string small = swg_test::PatternBytes(kSmall, 3);
-    const std::string large = swg_test::PatternBytes(kLarge, 5);
-    {
-        swg_test::TestServer echo(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
-        UniqueFd client = Client(echo.Address());
-        std::string echoed;
-        std::thread reader([&] { (void)swg_test::ReadExactly(client.Get(), kSmall, echoed, 20s); });
-        EXPECT_TRUE(swg_test::WriteAll(client.Get(), small, 20s));
-        reader.join();
-        EXPECT_TRUE(echoed == small) << "echoed " << echoed.size() << " bytes";
-    }
+    const std::string large = swg_test::PatternBytes(std::size_t{100} << 20, 5);
     {
         std::string uploaded;
         std::atomic<bool> done{false};
@@ -134,21 +122,6 @@ TEST_F(ListenerIntegrationTest, TransfersBothWaysArriveWhole) {
         const std::string downloaded = swg_test::ReadToEnd(client.Get(), 20s);
         EXPECT_TRUE(downloaded == large) << "downloaded " << downloaded.size() << " bytes";
     }
-}
-
-// A client gone before its record is whole must get no byte back and no connect on its behalf.
-TEST_F(ListenerIntegrationTest, ClientClosingBeforeTheRecordIsCompleteEndsWithNoWord) {
-    swg_test::TestServer server(swg_test::Endpoint(kHostA, 0), swg_test::EchoHandler);
-    UniqueFd client = swg_test::ConnectTo(swg_test::Endpoint("127.0.0.1", 5002));
-    ASSERT_TRUE(swg_test::WriteAll(
-        client.Get(), swg_test::SessionRecordFor(server.Address()).substr(0, 300), 1s));
-    ASSERT_EQ(::shutdown(client.Get(), SHUT_WR), 0);
-    EXPECT_EQ(swg_test::ReadToEnd(client.Get(), 20s), "");
-    EXPECT_EQ(server.Accepted(), 0);
-    EXPECT_TRUE(swg_test::WaitUntil([&] {
-        return m_trace.Count(LISTEN, "Connection : Failed to read ngc_session_info from socket") ==
-               1;
-    }));
 }
 
 // Kill that does not wake jobs blocked in a read: one waiting for its record, one in a silent

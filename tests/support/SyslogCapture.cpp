@@ -2,11 +2,7 @@
 // Test helper: records what the logging family would have written to syslog.
 #include "support/SyslogCapture.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 
 namespace swg_test {
@@ -57,37 +53,6 @@ std::vector<SyslogLine> SyslogCapture::LinesWith(const std::string& fragment) co
 void SyslogCapture::Clear() {
     std::lock_guard<std::mutex> hold(g_captureLock);
     if (g_lines != nullptr) g_lines->clear();
-}
-
-std::string StderrOfChild(const std::function<void()>& body, int& exitCode) {
-    exitCode = -1;
-    int fds[2];
-    if (pipe(fds) != 0) return "";
-    const pid_t child = fork();
-    if (child < 0) {
-        close(fds[0]);
-        close(fds[1]);
-        return "";
-    }
-    if (child == 0) {
-        close(fds[0]);
-        dup2(fds[1], STDERR_FILENO);
-        setenv("SWG_LOG_STDERR", "1", 1);
-        SwgSetSyslogWriter(nullptr);
-        body();
-        _exit(0);
-    }
-    close(fds[1]);
-    std::string text;
-    char block[512];
-    ssize_t got = 0;
-    while ((got = read(fds[0], block, sizeof(block))) > 0) {
-        text.append(block, static_cast<std::size_t>(got));
-    }
-    close(fds[0]);
-    int status = 0;
-    if (waitpid(child, &status, 0) == child && WIFEXITED(status)) exitCode = WEXITSTATUS(status);
-    return text;
 }
 
 }  // namespace swg_test

@@ -2,7 +2,6 @@
 // Test helper: records what the logging family would have written to syslog.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,10 +33,5 @@ private:
     static void Write(int priority, const char* format, va_list args);
     SwgSyslogWriter m_previous;
 };
-
-// Runs `body` in a forked child with SWG_LOG_STDERR=1, the real syslog writer and its
-// standard error on a pipe; returns what the child wrote there. `exitCode` gets the
-// child's exit status (-1 if it did not exit normally). The child ends with _exit(0).
-std::string StderrOfChild(const std::function<void()>& body, int& exitCode);
 
 }  // namespace swg_test

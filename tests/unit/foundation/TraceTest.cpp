@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include "foundation/SSFileTrace.h"
-#include "foundation/SyslogLogger.h"
 #include "foundation/Trace.h"
 #include "support/SyslogCapture.h"
 
@@ -136,34 +135,6 @@ TEST_F(TraceTest, ConcurrentLinesKeepTheirOwnPriority) {
         const bool isWarning = line.text.rfind("warning", 0) == 0;
         EXPECT_EQ(line.priority, isWarning ? LOG_WARNING : LOG_ERR) << line.text;
     }
-}
-
-// SWG_LOG_STDERR=1 not reaching the real syslog call as LOG_PERROR, with or without a trace
-// object, or not reaching the application log's syslog writer.
-TEST(TraceToStderr, ChildWithStderrOptionEchoesItsLines) {
-    int exitCode = -1;
-    const std::string output = swg_test::StderrOfChild(
-        [] {
-            g_pTraceObject = nullptr;
-            DNTRACE(ERR, "child error %d", 42);
-            CSSFileTrace* trace = new CSSFileTrace;  // ends with the child
-            trace->Initialize("tsc_swgagent", "", "", 0, TRACE_MASK_DEFAULT, true, false, 0, 0, 0,
-                              0, 0, 0);
-            g_pTraceObject = trace;
-            DNTRACE(WARN, "child warning %s", "w");
-            DNTRACE(IPC, "child ipc off");
-            CSyslogLogger logger("category");
-            const std::string text = std::string(1000, 'a') + "tail";
-            logger.Log(3, text.c_str(), "MID_UNKNOWN", 0, 'T');
-        },
-        exitCode);
-    EXPECT_EQ(exitCode, 0);
-    EXPECT_NE(output.find("child error 42"), std::string::npos) << output;
-    EXPECT_NE(output.find("child warning w"), std::string::npos) << output;
-    EXPECT_EQ(output.find("child ipc off"), std::string::npos) << output;
-    EXPECT_NE(output.find("tsc_swgagent"), std::string::npos) << output;
-    EXPECT_NE(output.find(std::string(1000, 'a') + " -->"), std::string::npos) << output;
-    EXPECT_NE(output.find("<-- tail"), std::string::npos) << output;
 }
 
 }  // namespace

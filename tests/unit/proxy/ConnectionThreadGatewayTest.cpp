@@ -219,7 +219,6 @@ protected:
     CDnConnectionThread m_thread;
 };
 
-
 // The IPv6 pick copies 16 bytes from byte `index` of the list, not from entry `index`: with
 // three addresses, index 1 takes bytes 1..16, which run into the second address. A literal is
 // taken as it stands and moves no counter.

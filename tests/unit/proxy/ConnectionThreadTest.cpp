@@ -112,8 +112,8 @@ TEST_P(ConnectionThreadTest, RelaysBothWaysToTheDestinationInTheRecord) {
 }
 
 // A close before the record or the header block is complete ends the job with 1, connecting
-// nothing; a destination that refuses is learnt on the relay's first read. Each closes the
-// client.
+// nothing (the cut record is logged); a destination that refuses is learnt on the relay's first
+// read. Each closes the client.
 TEST_P(ConnectionThreadTest, CutShortOrRefusedJobsCloseTheClient) {
     const std::string record = Record();
     const struct {
@@ -138,6 +138,7 @@ TEST_P(ConnectionThreadTest, CutShortOrRefusedJobsCloseTheClient) {
         std::string received;
         EXPECT_FALSE(swg_test::ReadExactly(client.Get(), 1, received, 1s));
     }
+    EXPECT_EQ(m_trace.Count(LISTEN, "Connection : Failed to read ngc_session_info from socket"), 1);
 }
 
 // A client that stalls inside its record or its header block would hold the thread for

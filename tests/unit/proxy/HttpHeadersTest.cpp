@@ -122,19 +122,4 @@ TEST_F(HttpHeadersTest, BareNewlineEndingsAndTheExitFlagNeverComplete) {
     EXPECT_EQ(swg_test::PendingBytes(m_peer.Get()), 0);
 }
 
-// Large cookies make a block longer than the limit callers pass: the read must stop at the
-// limit rather than hold a block of any size.
-TEST_F(HttpHeadersTest, LimitCutsALargeBlock) {
-    std::string block = "GET / HTTP/1.1\r\n";
-    for (int i = 0; i < 100; ++i)
-        block += "Cookie: c" + std::to_string(i) + "=" + std::string(1000, 'v') + "\r\n";
-    block += "\r\n";
-    std::thread client([&] { (void)swg_test::WriteAll(m_peer.Get(), block, 5s); });
-    const long result = Read();
-    ::shutdown(m_sock->GetSocket(), SHUT_RDWR);  // the client may still be blocked writing
-    client.join();
-    EXPECT_EQ(result, EMSGSIZE);
-    EXPECT_LE(m_headers.m_bytes, kHeaderBlockLimit);
-}
-
 }  // namespace
