@@ -82,8 +82,10 @@ TEST_P(RedirectorStopTest, StopEndsTheRetriesAndTheirPauses) {
     refusals = std::deque<int>(100000, 5);
     auto start =
         std::async(std::launch::async, [this] { return m_agent.StartKDF(reason_rules_refresh); });
-    const char* refused = rulesRefused ? "SetRedirects" : "OpenPlugin";
-    ASSERT_TRUE(WaitUntil([&] { return m_script->Count(refused) > 0; }));
+    ASSERT_TRUE(WaitUntil([&] {  // the first refusal was given
+        std::lock_guard<std::mutex> hold(m_script->lock);
+        return refusals.size() < 100000;
+    }));
     auto close = std::async(std::launch::async, [this] {
         m_agent.StopRedirectorRetries();
         return m_agent.CloseRedirectorInterface(reason_rules_refresh);
