@@ -37,6 +37,7 @@
 #include "proxy/ListenThread.h"
 #include "support/GatewayProcess.h"
 #include "support/SocketPeers.h"
+#include "support/TempFolder.h"
 #include "support/TestServers.h"
 #include "support/ThreadTestSupport.h"
 
