@@ -413,22 +413,6 @@ TEST_P(FailureRowTest, GatewayConnectFailsTwice) {
     EXPECT_EQ(GatewayLines("HTTP "), 0);
 }
 
-// A bypassed connection whose destination cannot be reached must just close, whatever the
-// policy: no page, nothing from the gateway.
-TEST_P(FailureRowTest, OriginalDestinationConnectFailsTwice) {
-    StartGateway();
-    ApplyPolicy(GetParam());
-    // Neither HTTP nor TLS: the connection is not for the gateway.
-    UniqueFd client =
-        swg_test::ListenerClient(swg_test::Endpoint(kUnreachable, 80), "hello, not http\r\n");
-    const auto started = Clock::now();
-    EXPECT_EQ(swg_test::ReadToEnd(client.Get(), 10s), "");
-    EXPECT_GE(Clock::now() - started, 900ms);
-    EXPECT_EQ(m_trace.CountPrefix(ERR, kConnectFailed), 2);
-    EXPECT_EQ(GatewayLines("CONNECT"), 0);
-    EXPECT_EQ(GatewayLines("HTTP "), 0);
-}
-
 // The header block cannot be written to the destination either (it resets): the one bypass
 // retry is all there is, and the client is closed, not left to a loop of connects.
 TEST_P(FailureRowTest, HttpHeaderBlockCannotBeWrittenToTheDestinationEither) {
