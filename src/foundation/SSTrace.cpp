@@ -5,6 +5,7 @@
 #include <syslog.h>
 
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -73,4 +74,17 @@ void CSSTrace::LogErrorEvent(const char* format, ...) {
     va_start(args, format);
     SwgVsyslog(LOG_ERR, withEnd.c_str(), args);
     va_end(args);
+}
+
+std::string CSSTrace::Format(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    va_list sizing;
+    va_copy(sizing, args);
+    const int length = std::vsnprintf(nullptr, 0, format, sizing);
+    va_end(sizing);
+    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, args);
+    va_end(args);
+    return text;
 }

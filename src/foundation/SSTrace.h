@@ -41,6 +41,8 @@ public:
     // Writes one line at m_messageLevel. Does nothing until initialised.
     virtual void PrintDebugString(const char* format, ...)
         __attribute__((format(printf, 2, 3))) = 0;
+    // The printf-style text of `format` and its arguments, whole.
+    static std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
     // Builds the line header (level name, thread id, local time) into `header`.
     virtual void GetLogMsgHeader(unsigned int level, std::string& header) = 0;
 
