@@ -19,7 +19,8 @@ double NanosecondsPerCall(long iterations, Body body) {
     const auto start = std::chrono::steady_clock::now();
     for (long i = 0; i < iterations; ++i) body();
     const auto elapsed = std::chrono::steady_clock::now() - start;
-    return std::chrono::duration<double, std::nano>(elapsed).count() / static_cast<double>(iterations);
+    return std::chrono::duration<double, std::nano>(elapsed).count() /
+           static_cast<double>(iterations);
 }
 }  // namespace
 
