@@ -273,7 +273,7 @@ void CSWGAgent::StopComponents() {
     // Diversion ends first, while the listeners still serve what is in flight.
     StopRedirectorRetries();
     CloseRedirectorInterface(0);
-    StatsStopCollecting();
+    StatsEndCollecting();
     SendSWGState("unprotected", SWG_STATE_UPDATE_FORCED);
     m_serviceState = Stopped;
     m_stopProgress += 2;

@@ -277,6 +277,8 @@ public:
     void StatsStartCollecting();
     // Stops the statistics timer; the counters stay. Any thread, the timer's own included.
     void StatsStopCollecting();
+    // StatsStopCollecting, then the join of the collection's thread (not from that thread).
+    void StatsEndCollecting();
     // One relaxed atomic addition each, when the statistics object exists.
     void StatsIncrementTotalBypassedHostConnections();
     void StatsIncrementTotalHTTPConnections();

@@ -81,6 +81,12 @@ void CSWGAgent::StatsStopCollecting() {
     if (m_pServiceStats != nullptr) m_pServiceStats->Kill();
 }
 
+void CSWGAgent::StatsEndCollecting() {
+    StatsStopCollecting();
+    // The kill only signals; joined here, the thread does not outlive the service's stop.
+    if (m_pServiceStats != nullptr) (void)m_pServiceStats->Wait();
+}
+
 void CSWGAgent::StatsIncrementTotalBypassedHostConnections() {
     if (m_pServiceStats != nullptr) m_pServiceStats->CountBypassedHostConnection();
 }

@@ -25,6 +25,12 @@ TEST(SignalTableTest, FileSizeSignalOfAnyThreadReachesTheHandler) {
     InstallSignalTable();
     std::thread([] { (void)pthread_kill(pthread_self(), SIGXFSZ); }).join();
     EXPECT_TRUE(WaitUntil([&] { return trace.CountPrefix(TRACE, expected) == before + 1; }));
+    // The agent here never started, so the handler ends by queueing QUIT; seen under the
+    // queue's lock, the handler is done with the agent before the process ends.
+    EXPECT_TRUE(WaitUntil([] {
+        boost::recursive_mutex::scoped_lock hold(g_pSWGAgent->m_messageLock);
+        return !g_pSWGAgent->m_messages.empty();
+    }));
 }
 
 }  // namespace
