@@ -12,7 +12,7 @@
 
 #include "foundation/GlobalConst.h"
 
-CSSTrace* g_pTraceObject = nullptr;
+std::atomic<CSSTrace*> g_pTraceObject{nullptr};
 
 namespace {
 constexpr unsigned int kLevelsMask = 0x1FFF;

@@ -73,8 +73,9 @@ public:
     bool m_bInitialized = false;
 };
 
-// The process-wide trace object; null until CSWGAgent::InitializeLogging.
-extern CSSTrace* g_pTraceObject;
+// The process-wide trace object; null until CSWGAgent::InitializeLogging. Atomic: the signal
+// thread may log while the main thread installs it.
+extern std::atomic<CSSTrace*> g_pTraceObject;
 
 // syslog options of the process: LOG_PID|LOG_CONS|LOG_ODELAY|LOG_NDELAY, plus
 // LOG_PERROR when SWG_LOG_STDERR=1 so that every line also reaches standard error.

@@ -107,7 +107,7 @@ TEST(TraceMaskRule, UninitialisedObjectKeepsWarnAndErrAndDropsHighBits) {
 // Before the trace object exists: ERR lost, other levels written, or their arguments computed.
 TEST(TraceWithoutObject, OnlyErrLinesReachSyslog) {
     swg_test::SyslogCapture capture;
-    ASSERT_EQ(g_pTraceObject, nullptr);
+    ASSERT_EQ(g_pTraceObject.load(), nullptr);
     g_evaluations = 0;
     DNTRACE(TRACE, "trace %d", CountEvaluation());
     DNTRACE(WARN, "warn %d", CountEvaluation());
