@@ -34,10 +34,6 @@ std::string ConnectRequest(const std::string& target, const std::string& extraLi
 std::string LoopbackTarget(const swg_test::TestServer& server) {
     return "127.0.0.1:" + std::to_string(swg_test::EndpointPort(server.Address()));
 }
-bool StartsWith(const std::string& text, const std::string& prefix) {
-    return text.rfind(prefix, 0) == 0;
-}
-
 // How a read to the end of a connection finished.
 enum class Ending { Closed, Reset, Timeout };
 
@@ -163,77 +159,5 @@ TEST_F(TestGatewayTest, TunnelsForwardsAndLogsLicences) {
     EXPECT_TRUE(LogHas("result forward"));
     EXPECT_EQ(swg_test::CountLinesWith(LogPath(), "secret"), 0);
 }
-
-// Guards status faults (the gateway integration tests use the others), the control file, 400
-// for bad requests, licences without --key.
-TEST_F(TestGatewayTest, FaultModesAndControlFile) {
-    swg_test::TestServer echo(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
-    const std::string control = m_dir + "/control";
-    std::ofstream(control) << "# per-request faults\n"
-                           << "*.blocked.test:* status=403\n"
-                           << "bad-gateway.test:* status=502\n"
-                           << "slow.test:* slow=1500 status=403\n"
-                           << "127.0.0.1:* pass\n"
-                           << "bad.test:* status=99\n";
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--control", control, "--fault", "status=407"}));
-
-    const std::pair<const char*, std::string> statuses[] = {{"www.blocked.test:443", "403"},
-                                                            {"bad-gateway.test:443", "502"},
-                                                            {"other.test:443", "407"}};
-    for (const auto& [target, status] : statuses) {
-        SCOPED_TRACE(target);
-        const std::string reply = Exchange(ConnectRequest(target));
-        ASSERT_TRUE(StartsWith(reply, "HTTP/1.1 " + status + " ")) << reply;
-        EXPECT_NE(reply.find(kVia), std::string::npos) << reply;
-        const std::size_t bodyAt = reply.find("\r\n\r\n") + 4;
-        EXPECT_NE(reply.find("Content-Length: " + std::to_string(reply.size() - bodyAt) + "\r\n"),
-                  std::string::npos);
-        EXPECT_TRUE(StartsWith(reply.substr(bodyAt), "<html>")) << reply;
-        EXPECT_EQ(reply.find("Proxy-Authenticate: Basic") != std::string::npos, status == "407");
-        EXPECT_TRUE(LogHas("result status " + status));
-    }
-    EXPECT_TRUE(LogHas("control bad: line 6"));
-    {
-        UniqueFd slowed = Send(ConnectRequest("slow.test:443"));
-        EXPECT_FALSE(swg_test::WaitReadable(slowed.Get(), 500ms));
-        std::string reply;
-        EXPECT_EQ(ReadToEnd(slowed.Get(), reply, 10s), Ending::Closed);
-        EXPECT_TRUE(StartsWith(reply, "HTTP/1.1 403 ")) << reply;
-    }
-    {
-        UniqueFd tunnel = Send(ConnectRequest(LoopbackTarget(echo)));
-        std::string reply;
-        ASSERT_TRUE(swg_test::ReadExactly(tunnel.Get(), kConnected.size(), reply, 5s));
-        EXPECT_EQ(reply, kConnected);
-    }
-    Exchange(ConnectRequest("other.test:443", LicenceLines()));
-    EXPECT_TRUE(LogHas("licence bad: gateway has no private key"));
-    EXPECT_EQ(swg_test::CountLinesWith(LogPath(), "licence ok"), 0);
-    EXPECT_TRUE(StartsWith(Exchange("\x16\x03\x01 not a request\r\n\r\n"), "HTTP/1.1 400 "));
-    EXPECT_TRUE(StartsWith(Exchange("CONNECT a.test HTTP/1.1\r\n\r\n"), "HTTP/1.1 400 "));
-    EXPECT_TRUE(LogHas("request bad: bad request line"));
-    EXPECT_TRUE(LogHas("request bad: CONNECT target is not host:port"));
-}
-
-class TestGatewayStopTest : public TestGatewayTest, public ::testing::WithParamInterface<int> {};
-
-// Guards a clean exit (status 0) on the signal with a tunnel open and a request slowed.
-TEST_P(TestGatewayStopTest, SignalEndsOpenTunnelsAndExitsCleanly) {
-    swg_test::TestServer echo(swg_test::Endpoint("127.0.0.1", 0), swg_test::EchoHandler);
-    const std::string control = m_dir + "/control";
-    std::ofstream(control) << "slow.test:* slow=600000 status=403\n";
-    ASSERT_NO_FATAL_FAILURE(StartGateway({"--control", control}));
-    UniqueFd tunnel = Send(ConnectRequest(LoopbackTarget(echo)));
-    std::string reply;
-    ASSERT_TRUE(swg_test::ReadExactly(tunnel.Get(), kConnected.size(), reply, 5s));
-    UniqueFd slowed = Send(ConnectRequest("slow.test:443"));
-    ASSERT_TRUE(LogHas("CONNECT slow.test:443"));
-
-    EXPECT_EQ(m_gateway.Stop(GetParam(), 10s), 0);
-    EXPECT_NE(ReadToEnd(tunnel.Get(), reply), Ending::Timeout);
-    EXPECT_TRUE(LogHas(GetParam() == SIGINT ? "stopped on SIGINT" : "stopped on SIGTERM"));
-}
-
-INSTANTIATE_TEST_SUITE_P(Signals, TestGatewayStopTest, ::testing::Values(SIGTERM, SIGINT));
 
 }  // namespace

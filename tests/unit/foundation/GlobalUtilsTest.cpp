@@ -43,21 +43,6 @@ TEST(GlobalUtilsStrings, TrimRemovesOnlyTheGivenCharactersAtTheEnds) {
     EXPECT_EQ(text, "");
 }
 
-// A wildcard matcher without backtracking, or one that lets a suffix pattern match the
-// bare domain.
-TEST(GlobalUtilsStrings, WildcardComparison) {
-    using Pair = std::pair<const char*, const char*>;  // text, pattern
-    for (const Pair& p :
-         {Pair{"abc", "abc"}, Pair{"abc", "a*c"}, Pair{"", "*"}, Pair{"abcbc", "a*bc"},
-          Pair{"a.example.com", "*.example.com"}, Pair{"xaybzc", "*a*b*c"}, Pair{"abc", "**b**"}}) {
-        EXPECT_TRUE(compareWithWildStr(p.first, p.second)) << p.first << " ~ " << p.second;
-    }
-    for (const Pair& p : {Pair{"abc", "ab"}, Pair{"ab", "abc"}, Pair{"a", ""}, Pair{"abc", "a*d"},
-                          Pair{"example.com", "*.example.com"}, Pair{"xaybz", "*a*b*c"}}) {
-        EXPECT_FALSE(compareWithWildStr(p.first, p.second)) << p.first << " ~ " << p.second;
-    }
-}
-
 // Doubled or missing separators between folder and file name.
 TEST(GlobalUtilsPaths, ConcatenatePathUsesOneSeparator) {
     EXPECT_EQ(ConcatenatePath("/opt/x", "SWGConfig.json", "/"), "/opt/x/SWGConfig.json");
@@ -87,21 +72,6 @@ TEST(GlobalUtilsPaths, DataRootAndProgramDirectory) {
     EXPECT_NE(dir.back(), '/');
     EXPECT_TRUE(DoesFileExist(dir + "/test_foundation"));
     EXPECT_FALSE(DoesFileExist(dir + "/no-such-file.json"));
-}
-
-// HexEncode and HexDecode not inverse, lower-case output, or a bad input half decoded.
-TEST(GlobalUtilsHex, EncodeAndDecodeAreInverse) {
-    const unsigned char data[] = {0x00, 0x1F, 0xA0, 0xFF};
-    std::unique_ptr<char[]> text(HexEncode(data, 4));
-    ASSERT_NE(text, nullptr);
-    EXPECT_STREQ(text.get(), "001FA0FF");
-    std::vector<unsigned char> back;
-    EXPECT_TRUE(HexDecode(reinterpret_cast<const unsigned char*>("001fA0Ff"), 8, back));
-    EXPECT_EQ(back, std::vector<unsigned char>(data, data + 4));
-    EXPECT_EQ(HexEncode(nullptr, 4), nullptr);
-    EXPECT_FALSE(HexDecode(reinterpret_cast<const unsigned char*>("ABC"), 3, back));
-    EXPECT_TRUE(back.empty());
-    EXPECT_FALSE(HexDecode(reinterpret_cast<const unsigned char*>("0z"), 2, back));
 }
 
 // 0.0.0.0 or 255.255.255.255 taken as an address, short forms refused, or a value left
@@ -221,20 +191,11 @@ TEST(GlobalUtilsHttp, HostAndRequestFromUrl) {
     }
 }
 
-// A captive portal domain that keeps case, scheme, www, port, path or query; an ETag
-// header missed in another case or found inside another header's name.
-TEST(GlobalUtilsHttp, DomainFromUrlAndEtag) {
+// A captive portal domain that keeps case, scheme, www, port, path or query.
+TEST(GlobalUtilsHttp, DomainFromUrl) {
     EXPECT_EQ(ExtractDomainFromUrl("HTTP://WWW.Portal.Example:8080/login?x=1"), "portal.example");
     EXPECT_EQ(ExtractDomainFromUrl("https://portal.example?next=http://www.x"), "portal.example");
     EXPECT_EQ(ExtractDomainFromUrl("/relative/path"), "");
-
-    std::string etag = "stale";
-    EXPECT_TRUE(GetEtagFromHTTPHeaders("HTTP/1.1 200 OK\r\nETag: \"abc\"\r\n\r\n", etag));
-    EXPECT_EQ(etag, "\"abc\"");
-    EXPECT_TRUE(GetEtagFromHTTPHeaders("HTTP/1.1 304 Not Modified\nETAG:W/\"v2\"\n", etag));
-    EXPECT_EQ(etag, "W/\"v2\"");
-    EXPECT_FALSE(GetEtagFromHTTPHeaders("HTTP/1.1 200 OK\r\nX-ETag: 1\r\n\r\n", etag));
-    EXPECT_EQ(etag, "");
 }
 
 // A bounded copy that overruns, leaves the destination unterminated or half written, or
