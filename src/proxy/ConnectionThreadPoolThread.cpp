@@ -69,13 +69,16 @@ long CDnConnectionThreadPoolThread::StartThread() {
 }
 
 bool CDnConnectionThreadPoolThread::Kill() {
+    // The pool's own flag first: a request woken by a job this kill ends must not be handed
+    // that thread.
+    const bool own = CDnTimerThread::Kill();
     bool ok = true;
     {
         boost::recursive_mutex::scoped_lock hold(m_lock);
         for (CDnConnectionThread* thread : m_idle) ok = thread->Kill() && ok;
         for (CDnConnectionThread* thread : m_active) ok = thread->Kill() && ok;
     }
-    return CDnTimerThread::Kill() && ok;
+    return own && ok;
 }
 
 long CDnConnectionThreadPoolThread::Wait() {
