@@ -22,8 +22,7 @@ bool GetSWGConfigFolder(std::string& folder) {
     return true;
 }
 
-ConfigReadResult ReadConfigText(const std::string& path, std::string& text,
-                                std::string& refusal) {
+ConfigReadResult ReadConfigText(const std::string& path, std::string& text, std::string& refusal) {
     text.clear();
     refusal.clear();
     std::string root;

@@ -31,5 +31,4 @@ enum class ConfigReadResult {
 // OpenTrustedFile from the data root (GetAllUsersAppDataPath) down. Never blocks on a FIFO
 // or device put in the file's place. `text` is empty unless the result is Read; `refusal`
 // is set to the log line that names the path and the reason when the result is Untrusted.
-ConfigReadResult ReadConfigText(const std::string& path, std::string& text,
-                                std::string& refusal);
+ConfigReadResult ReadConfigText(const std::string& path, std::string& text, std::string& refusal);

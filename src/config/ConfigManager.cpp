@@ -138,8 +138,7 @@ bool FolderHoldsFile(const std::string& folder, const std::string& name, int& er
     error = 0;
     boost::system::error_code failure;
     boost::filesystem::directory_iterator entry(folder, failure);
-    for (; !failure && entry != boost::filesystem::directory_iterator();
-         entry.increment(failure)) {
+    for (; !failure && entry != boost::filesystem::directory_iterator(); entry.increment(failure)) {
         if (StringNocaseCompare(entry->path().filename().string(), name) == 0) return true;
     }
     error = failure.value();

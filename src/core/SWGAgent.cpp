@@ -2,9 +2,9 @@
 // The agent object's lifecycle: start, main loop, stop, signals.
 #include "core/SWGAgent.h"
 
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -194,9 +194,9 @@ void CSWGAgent::RunStopSequence() {
     ServiceEvent.notify();
     boost::interprocess::named_semaphore::remove(g_szSERVICE_MUTEX_NAME);
     DNTRACE(TRACE, "%s", kStopRule);
-    DNTRACE(TRACE, "Service stopped. %s",
-            boost::posix_time::to_simple_string(boost::posix_time::second_clock::local_time())
-                .c_str());
+    DNTRACE(
+        TRACE, "Service stopped. %s",
+        boost::posix_time::to_simple_string(boost::posix_time::second_clock::local_time()).c_str());
     DNTRACE(TRACE, "%s", kStopRule);
 }
 
@@ -306,7 +306,8 @@ void TerminationHandler(int signal) {
     CSWGAgent* agent = g_pSWGAgent;
     const AgentRunState state = agent->m_serviceState;
     if (state == Starting || state == Running) {
-        DNTRACE(TRACE, "TerminationHandler with signal %d, posting QUIT message to mobile connector",
+        DNTRACE(TRACE,
+                "TerminationHandler with signal %d, posting QUIT message to mobile connector",
                 signal);
         // Set first: the start order stops at its next step, even while the close below
         // waits for a redirector start to finish.
@@ -333,7 +334,8 @@ namespace {
 // handler that interrupts a thread inside syslog or holding those locks would deadlock on.
 // Faults raised by the process itself (SIGILL, SIGABRT, SIGFPE, SIGSYS) cannot be taken
 // that way and keep the handler installed by signal().
-const int kExternalSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXCPU, SIGXFSZ, SIGVTALRM, SIGPROF};
+const int kExternalSignals[] = {SIGHUP,  SIGINT,  SIGQUIT,   SIGTERM,
+                                SIGXCPU, SIGXFSZ, SIGVTALRM, SIGPROF};
 
 pthread_t g_signalThread;
 
@@ -358,9 +360,9 @@ void InstallSignalTable() {
         bool ignore;
     };
     static const Entry table[] = {
-        {SIGHUP, false},  {SIGINT, false},  {SIGQUIT, false}, {SIGILL, false},
-        {SIGABRT, false}, {SIGFPE, false},  {SIGKILL, false}, {SIGSYS, false},
-        {SIGPIPE, true},  {SIGALRM, true},  {SIGTERM, false}, {SIGURG, true},
+        {SIGHUP, false},  {SIGINT, false},  {SIGQUIT, false},   {SIGILL, false},
+        {SIGABRT, false}, {SIGFPE, false},  {SIGKILL, false},   {SIGSYS, false},
+        {SIGPIPE, true},  {SIGALRM, true},  {SIGTERM, false},   {SIGURG, true},
         {SIGXCPU, false}, {SIGXFSZ, false}, {SIGVTALRM, false}, {SIGPROF, false},
     };
     for (const Entry& entry : table) {

@@ -383,7 +383,7 @@ public:
     IClock* m_pCacheClock = nullptr;  // null: SystemClock()
 
     // State reporting, under m_stateLock.
-    std::string m_lastSWGState;          // the last word a plug-in got; empty at start
+    std::string m_lastSWGState;           // the last word a plug-in got; empty at start
     int64_t m_cloudUnavailableSince = 0;  // monotonic ns; 0: no quiet period runs
     std::function<int64_t()> m_stateClock;
 

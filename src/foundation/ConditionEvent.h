@@ -104,15 +104,15 @@ public:
     // manual-reset. WaitForMultipleObjects passes a fresh one; a group signalled by no member
     // gives the empty wake-up described above. Subscribes `group` to every non-null entry and
     // unsubscribes it on every way out, exceptions included.
-    static long WaitWithGroup(condition_event& group, unsigned long count,
-                              condition_event** events, bool waitAll, unsigned long timeoutMs);
+    static long WaitWithGroup(condition_event& group, unsigned long count, condition_event** events,
+                              bool waitAll, unsigned long timeoutMs);
 
     // Any-of scan. Sets `index` to 0, then to the first entry that is null or signalled
     // (resetting it if automatic-reset) and returns true; failing that, to the position of
     // group.last_signaller() among the entries (a member that woke the group but whose flag a
     // competing waiter took) and returns true. Otherwise false. Count 0 gives false.
-    static bool find_signaled(condition_event& group, unsigned long count,
-                              condition_event** events, unsigned long& index);
+    static bool find_signaled(condition_event& group, unsigned long count, condition_event** events,
+                              unsigned long& index);
 
     // All-of scan. Sets `index` to 0; every entry that is null or signalled gets its bit set
     // in `bits` (grown to `count` if shorter), moves `index` to its position, and is reset if

@@ -57,7 +57,8 @@ unsigned CCommunicator::Start() {
     try {
         m_mainThread = boost::thread([this] { MainThread(); });
     } catch (const boost::thread_resource_error& e) {
-        DNTRACE(ERR, "Comm : Failed to create main communicator thread. Errno : %d", e.code().value());
+        DNTRACE(ERR, "Comm : Failed to create main communicator thread. Errno : %d",
+                e.code().value());
         return static_cast<unsigned>(SWG_E_FAIL);
     } catch (const std::exception& e) {
         DNTRACE(ERR, "Comm : Failed to create main communicator thread. Exception: %s", e.what());
@@ -156,7 +157,8 @@ std::string CCommunicator::GetMessageTypeText(eCOMM_MESSAGE_ID id) { return Comm
 
 bool CCommunicator::GetClientData(void* buffer, unsigned int& size) {
     const bool fits = buffer != nullptr && size >= m_clientData.size();
-    if (fits && !m_clientData.empty()) std::memcpy(buffer, m_clientData.data(), m_clientData.size());
+    if (fits && !m_clientData.empty())
+        std::memcpy(buffer, m_clientData.data(), m_clientData.size());
     size = static_cast<unsigned int>(m_clientData.size());
     return fits;
 }

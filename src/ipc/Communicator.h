@@ -97,10 +97,10 @@ public:
     std::unordered_map<uint32_t, unsigned short> m_peerSessionIds;  // under m_peerSessionLock
     std::atomic<bool> m_bInitialized{false};
     unsigned int m_setupParam;
-    std::shared_ptr<CMsgQueue> m_pMainQueue;  // "SWG$COMMUNICATOR"; std::atomic_load/store
-    boost::thread m_senderThread;             // under m_sndRcvLock
-    boost::thread m_receiverThread;           // under m_sndRcvLock
-    std::shared_ptr<COMM_THREAD_DATA> m_pSenderData;    // std::atomic_load/store
+    std::shared_ptr<CMsgQueue> m_pMainQueue;          // "SWG$COMMUNICATOR"; std::atomic_load/store
+    boost::thread m_senderThread;                     // under m_sndRcvLock
+    boost::thread m_receiverThread;                   // under m_sndRcvLock
+    std::shared_ptr<COMM_THREAD_DATA> m_pSenderData;  // std::atomic_load/store
     std::shared_ptr<COMM_THREAD_DATA> m_pReceiverData;  // std::atomic_load/store
     boost::thread m_mainThread;
     boost_ext::condition_event m_mainThreadDone{false};

@@ -59,10 +59,10 @@ bool WriteAll(int fd, const std::string& text) {
 bool ReplaceFile(const std::string& path, const std::string& text) {
     static std::atomic<unsigned> serial{0};
     for (int attempt = 0; attempt < kTemporaryAttempts; ++attempt) {
-        const std::string temporary = path + ".tmp." + std::to_string(getpid()) + "." +
-                                      std::to_string(serial.fetch_add(1));
-        const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                            0644);
+        const std::string temporary =
+            path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(serial.fetch_add(1));
+        const int fd =
+            open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
         if (fd < 0 && errno == EEXIST) continue;
         if (fd < 0) return false;
         // The service's umask must not narrow what readers of the state may see.
@@ -140,7 +140,8 @@ int CSWGAgent::sendStateToUI(const std::string& state) {
         DNTRACE(ERR, "CSWGAgent: %s", "Invalid SWG state.");
         return -2;
     }
-    if (!BuildStateMessageJson(state, stateText) || !BuildStateReportJson(word->second, reportText)) {
+    if (!BuildStateMessageJson(state, stateText) ||
+        !BuildStateReportJson(word->second, reportText)) {
         DNTRACE(ERR, "CSWGAgent: %s", "Failed to create cjson object");
         return -2;
     }
@@ -150,7 +151,8 @@ int CSWGAgent::sendStateToUI(const std::string& state) {
     (void)communicator->PostMessage(&stateMessage);
     DNTRACE(TRACE, "CSWGAgent: Report cjson object is %s", reportText.c_str());
     MSG_QUEUE_MSG reportMessage(COMM_MSG_SWG_REPORT, 0, 1, 0);
-    (void)reportMessage.SetData(reportText.c_str(), static_cast<unsigned int>(reportText.size() + 1));
+    (void)reportMessage.SetData(reportText.c_str(),
+                                static_cast<unsigned int>(reportText.size() + 1));
     (void)communicator->PostMessage(&reportMessage);
     m_lastSWGState = state;
     return UpdateSWGStateFile();

@@ -45,8 +45,8 @@ CServerSideCommunicator::~CServerSideCommunicator() {
 
 long CServerSideCommunicator::CreateCommunicatingSocket() {
     LM_STATUSCODE status = 0;
-    IIPCServer* server = CIPCFactory::CreateIPCServer(IPC_IDENTITY_SERVICE, &m_secureIpcCallback,
-                                                      status, m_port);
+    IIPCServer* server =
+        CIPCFactory::CreateIPCServer(IPC_IDENTITY_SERVICE, &m_secureIpcCallback, status, m_port);
     if (m_pSecureIPCInstance != nullptr) m_pSecureIPCInstance->Release();
     m_pSecureIPCInstance = server;
     if (server == nullptr) {
@@ -106,7 +106,8 @@ long CServerSideCommunicator::EstablishCommunication() {
                 DNTRACE(ERR, "ServerComm : Failed to create new IPC thread. Errno : %d",
                         e.code().value());
             } catch (const std::exception& e) {
-                DNTRACE(ERR, "ServerComm : Failed to create new IPC thread. Exception: %s, Errno : %d",
+                DNTRACE(ERR,
+                        "ServerComm : Failed to create new IPC thread. Exception: %s, Errno : %d",
                         e.what(), errno);
             }
         }
@@ -143,18 +144,24 @@ void CServerSideCommunicator::ProcessMessages() {
             switch (message->msg_id) {
                 case COMM_MSG_PEER_DC:
                     DNTRACE(IPC, "ServerComm - ProcessMessages: Client disconnected");
-                    DNTRACE(IPC, "ServerComm - COMM_MSG_PEER_DC received hence stopping snd/rcv threads");
+                    DNTRACE(
+                        IPC,
+                        "ServerComm - COMM_MSG_PEER_DC received hence stopping snd/rcv threads");
                     StopSendRcvThreads();
                     SetConnectedState(false);
                     break;
                 case COMM_MSG_DMN_CONNECT: {
                     if (IsConnected()) break;
-                    DNTRACE(IPC, "ServerComm - ProcessMessages : Client connected, starting snd/rcv threads");
+                    DNTRACE(IPC,
+                            "ServerComm - ProcessMessages : Client connected, starting snd/rcv "
+                            "threads");
                     const long code = StartSendRcvThreads();
                     if (code == 0) {
                         SetConnectedState(true);
                     } else {
-                        DNTRACE(ERR, "ServerComm - ProcessMessages : Failed to start communicator threads. Code : %d",
+                        DNTRACE(ERR,
+                                "ServerComm - ProcessMessages : Failed to start communicator "
+                                "threads. Code : %d",
                                 static_cast<int>(code));
                     }
                     break;
@@ -164,7 +171,8 @@ void CServerSideCommunicator::ProcessMessages() {
                     quit = true;
                     break;
                 default: {
-                    const std::shared_ptr<COMM_THREAD_DATA> sender = std::atomic_load(&m_pSenderData);
+                    const std::shared_ptr<COMM_THREAD_DATA> sender =
+                        std::atomic_load(&m_pSenderData);
                     if (sender && sender->queue) sender->queue->MQPostMessage(message);
                     break;
                 }
@@ -190,10 +198,12 @@ long CServerSideCommunicator::SendRcvProc(COMM_THREAD_DATA* data) {
             DNTRACE(IPC, "ServerComm : Sender thread started");
             const AgentRunState state = g_pSWGAgent->m_serviceState;
             MSG_QUEUE_MSG status(state == Starting || state == Running ? COMM_MSG_SRVC_STARTED
-                                                                      : COMM_MSG_SRVC_STOPPED,
+                                                                       : COMM_MSG_SRVC_STOPPED,
                                  0, 1, 0);
             if (SendMessageToPeer(&status, true) != 0) {
-                DNTRACE(ERR, "ServerComm : Failed to inform client about svc status, client not accessible.");
+                DNTRACE(ERR,
+                        "ServerComm : Failed to inform client about svc status, client not "
+                        "accessible.");
                 const MSG_QUEUE_MSG gone(COMM_MSG_PEER_DC, 0, 1, 0);
                 PostMessage(&gone);
             }

@@ -55,7 +55,9 @@ void CServiceStats::SendStatsNow() {
     if (m_msgHistoryLog == stats.msgHistoryLog) m_msgHistoryLog.clear();
 }
 
-void CServiceStats::CountBypassedHostConnection() { m_bypassed.fetch_add(1, std::memory_order_relaxed); }
+void CServiceStats::CountBypassedHostConnection() {
+    m_bypassed.fetch_add(1, std::memory_order_relaxed);
+}
 void CServiceStats::CountHTTPConnection() { m_http.fetch_add(1, std::memory_order_relaxed); }
 void CServiceStats::CountHTTPSConnection() { m_https.fetch_add(1, std::memory_order_relaxed); }
 

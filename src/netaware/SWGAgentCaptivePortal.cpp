@@ -53,13 +53,11 @@ void CSWGAgent::DetectCaptivePortalPresence(long timeoutSeconds) {
     int found = DetectCaptivePortalPresenceBasedOnURL(info.strSWGEchoService, timeoutSeconds);
     // The echo service could not be asked: the fallback decides, and its failure is a portal.
     if (found == 2)
-        found = DetectCaptivePortalPresenceBasedOnURL(g_szCaptivePortalFallbackURL,
-                                                      timeoutSeconds);
+        found = DetectCaptivePortalPresenceBasedOnURL(g_szCaptivePortalFallbackURL, timeoutSeconds);
     SetCaptivePortalMode(found != 0);
 }
 
-int CSWGAgent::DetectCaptivePortalPresenceBasedOnURL(const std::string& url,
-                                                     long timeoutSeconds) {
+int CSWGAgent::DetectCaptivePortalPresenceBasedOnURL(const std::string& url, long timeoutSeconds) {
     const uint16_t family = getBestInterface(AF_INET).empty() ? AF_INET6 : AF_INET;
     CaptivePortalDownloader download;
     {
@@ -70,13 +68,12 @@ int CSWGAgent::DetectCaptivePortalPresenceBasedOnURL(const std::string& url,
     std::string headers;
     std::string body;
     // The lock is not held here: the probe blocks for up to its timeouts.
-    const long fetched = download ? download(url, headers, body, timeoutSeconds, family)
-                                  : CWebClient::DownloadHTTPURL(url, headers, body,
-                                                                timeoutSeconds, family);
+    const long fetched =
+        download ? download(url, headers, body, timeoutSeconds, family)
+                 : CWebClient::DownloadHTTPURL(url, headers, body, timeoutSeconds, family);
     if (fetched != 0) {
         if (fallback) {
-            DNTRACE(TRACE, "Unable to download %s. Possibly behind a Captive Portal.",
-                    url.c_str());
+            DNTRACE(TRACE, "Unable to download %s. Possibly behind a Captive Portal.", url.c_str());
             return 1;
         }
         // The text names the handshake whichever step failed.
@@ -90,8 +87,8 @@ int CSWGAgent::DetectCaptivePortalPresenceBasedOnURL(const std::string& url,
     const int status =
         GetStatusCodeFromHTTPHeader(headers.c_str(), static_cast<int>(headers.size()));
     if (status == 200 && body == expected) {
-        DNTRACE(TRACE, "Able to reach %s, with text response %s, no Captive Portal.",
-                url.c_str(), body.c_str());
+        DNTRACE(TRACE, "Able to reach %s, with text response %s, no Captive Portal.", url.c_str(),
+                body.c_str());
         return 0;
     }
     // A 200 with another body is a portal that rewrote the page instead of redirecting.

@@ -277,7 +277,8 @@ long CWebClient::DownloadHTTPURL(const std::string& url, bool useExplicitPeer,
             DNTRACE(WARN, "WebClient : Body over %d bytes, the rest is not read", kBodyLimit);
             return 0;
         }
-        const int received = client.ReceiveData(buffer, room < kReceiveChunk ? room : kReceiveChunk);
+        const int received =
+            client.ReceiveData(buffer, room < kReceiveChunk ? room : kReceiveChunk);
         if (received == -1) {
             DNTRACE(ERR, "WebClient : Failed to Receive Data");
             return -1;

@@ -74,7 +74,8 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     swg_fuzz::QuietLogging();
     // Held for the whole run: a proxy client's job looks the manager up, and creating it
     // anew for every input would cost a key generation each time.
-    static PublicProxyManager* const s_proxyManager = PublicProxyManager::AcquireSingletonInstance();
+    static PublicProxyManager* const s_proxyManager =
+        PublicProxyManager::AcquireSingletonInstance();
     (void)s_proxyManager;
     return 0;
 }

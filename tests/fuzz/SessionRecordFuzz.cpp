@@ -69,10 +69,10 @@ const std::set<std::string>& OwnAddresses() {
             const int family = it->ifa_addr->sa_family;
             if (family != AF_INET && family != AF_INET6) continue;
             char text[INET6_ADDRSTRLEN] = {};
-            const void* address =
-                family == AF_INET
-                    ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(it->ifa_addr)->sin_addr)
-                    : &reinterpret_cast<sockaddr_in6*>(it->ifa_addr)->sin6_addr;
+            const void* address = family == AF_INET
+                                      ? static_cast<const void*>(
+                                            &reinterpret_cast<sockaddr_in*>(it->ifa_addr)->sin_addr)
+                                      : &reinterpret_cast<sockaddr_in6*>(it->ifa_addr)->sin6_addr;
             if (::inet_ntop(family, address, text, sizeof(text)) != nullptr) out.insert(text);
         }
         ::freeifaddrs(list);
@@ -90,11 +90,10 @@ bool NamesListener(const CDnConnectionThread& thread, bool ipv6) {
     ::inet_ntop(ipv6 ? AF_INET6 : AF_INET, address, text, sizeof(text));
     std::string name = text;
     const std::string mapped = "::ffff:";
-    if (ipv6 && name.compare(0, mapped.size(), mapped) == 0 &&
-        name.find('.') != std::string::npos)
+    if (ipv6 && name.compare(0, mapped.size(), mapped) == 0 && name.find('.') != std::string::npos)
         name = name.substr(mapped.size());
-    return name.compare(0, 4, "127.") == 0 || name == "0.0.0.0" || name == "::1" ||
-           name == "::" || OwnAddresses().count(name) != 0;
+    return name.compare(0, 4, "127.") == 0 || name == "0.0.0.0" || name == "::1" || name == "::" ||
+           OwnAddresses().count(name) != 0;
 }
 
 }  // namespace

@@ -6,8 +6,9 @@
 //   agent namespace (the test's main thread, unshared): lo with the listener on 127.0.0.1:5002,
 //     an nftables rule that diverts curl's connections to the origin there (the agent's own
 //     marked sockets pass), curl; routes 198.18.1.0/24 to the gateway and 198.18.2.0/24 to the
-//     origin, forwards between them, and has 198.18.3.0/24 unreachable. Its own /etc/hosts (mount namespace): gateway.swg.test
-//     198.18.1.2, gateway-down.swg.test 198.18.3.9, origin.swg.test 198.18.2.2; no DNS.
+//     origin, forwards between them, and has 198.18.3.0/24 unreachable. Its own /etc/hosts (mount
+//     namespace): gateway.swg.test 198.18.1.2, gateway-down.swg.test 198.18.3.9, origin.swg.test
+//     198.18.2.2; no DNS.
 //   gateway namespace: swg-test-gateway on 198.18.1.2 and 198.18.1.3, ports 443 and 80.
 //   origin namespace: openssl s_server -WWW on 198.18.2.2:443, a small HTTP server on :80.
 #include <fcntl.h>

@@ -4,11 +4,11 @@
 // what a local user could try.
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,15 +53,17 @@ std::string Next(CIpcClient& plugin, std::chrono::milliseconds wait = 3s) {
     MSG_QUEUE_MSG message(COMM_MSG_NONE, 0, 1, 0);
     if (plugin.Receive(message, wait) != CIpcClient::Received::Message) return "";
     return CommMessageText(message.msg_id) +
-           (message.msg_data != nullptr ? " " + std::string(reinterpret_cast<char*>(message.msg_data))
-                                        : "");
+           (message.msg_data != nullptr
+                ? " " + std::string(reinterpret_cast<char*>(message.msg_data))
+                : "");
 }
 
 std::string Stats(int http, int https, int bypassed) {
-    return "COMM_MSG_SERVICE_STATS {\"version\":1,\"web_connections_info\":{\"http_connections\":\"" +
+    return "COMM_MSG_SERVICE_STATS "
+           "{\"version\":1,\"web_connections_info\":{\"http_connections\":\"" +
            std::to_string(http) + "\",\"https_connections\":\"" + std::to_string(https) +
-           "\",\"bypassed_connections\":\"" + std::to_string(bypassed) + "\"},\"tarnwall_proxy\":\"" +
-           kGateway + "\"}";
+           "\",\"bypassed_connections\":\"" + std::to_string(bypassed) +
+           "\"},\"tarnwall_proxy\":\"" + kGateway + "\"}";
 }
 
 // Each test unshares the network namespace of its process: the agent, the test gateway and
@@ -69,7 +71,8 @@ std::string Stats(int http, int https, int bypassed) {
 class IpcIntegrationTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (::geteuid() != 0) GTEST_SKIP() << "needs root: the agent runs in a namespace of its own";
+        if (::geteuid() != 0)
+            GTEST_SKIP() << "needs root: the agent runs in a namespace of its own";
         if (::unshare(CLONE_NEWNET) != 0)
             GTEST_SKIP() << "unshare(CLONE_NEWNET) failed: " << std::strerror(errno);
         ASSERT_EQ(std::system("ip link set lo up && ip addr add 198.18.0.10/32 dev lo && "
@@ -80,7 +83,8 @@ protected:
         m_root = pattern;
         m_folder = m_root + "/trevo/trevoclient/tarnwall/SWG";
         boost::filesystem::create_directories(m_folder);
-        std::string config = swg_test::ReadTextFile(SWG_SOURCE_DIR "/packaging/sample/SWGConfig.json");
+        std::string config =
+            swg_test::ReadTextFile(SWG_SOURCE_DIR "/packaging/sample/SWGConfig.json");
         const std::string domain = "\"swgDomain\": \"gateway.swg.test\"";
         ASSERT_NE(config.find(domain), std::string::npos);
         config.replace(config.find(domain), domain.size(), "\"swgDomain\": \"198.18.0.10\"");
@@ -112,7 +116,8 @@ protected:
         char* argv[] = {const_cast<char*>(program.c_str()), const_cast<char*>("-console"), nullptr};
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 2, Log().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 2, Log().c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
         ASSERT_EQ(posix_spawn(&m_agent, program.c_str(), &actions, nullptr, argv, environ), 0);
         posix_spawn_file_actions_destroy(&actions);
         ASSERT_TRUE(WaitForLog("Service started successfully"));
@@ -188,17 +193,20 @@ TEST_F(IpcIntegrationTest, PlugInFollowsStateAndCountersOverTheAgentsLife) {
     CIpcClient plugin;
     ConnectPlugIn(plugin, true);
     Command(plugin, COMM_MSG_COLLECT_DATA_START);
-    EXPECT_EQ(Next(plugin), "COMM_MSG_SWG_STATE {\"version\":1,\"swg_protection_state\":\"protected\"}");
+    EXPECT_EQ(Next(plugin),
+              "COMM_MSG_SWG_STATE {\"version\":1,\"swg_protection_state\":\"protected\"}");
     EXPECT_EQ(Next(plugin), "COMM_MSG_SWG_REPORT {\"ver\":1,\"state\":1}");
     ASSERT_TRUE(WaitForLog("CSWGAgent: SWG state written to"));
     const std::string protectedFile =
         "{\n\t\"version\":\t1,\n\t\"swg_protection_state\":\t\"protected\",\n"
-        "\t\"swg_proxy_fqdn\":\t\"198.18.0.10\",\n\t\"exception_list\":\t[\"intranet.corp.test\"],\n"
+        "\t\"swg_proxy_fqdn\":\t\"198.18.0.10\",\n\t\"exception_list\":\t[\"intranet.corp.test\"],"
+        "\n"
         "\t\"inclusion_list\":\t[]\n}";
     EXPECT_EQ(StateFile(), protectedFile);
 
     swg_test::TestServer origin(swg_test::Endpoint(kOrigin, 0), swg_test::EchoHandler);
-    const std::string hostPort = std::string(kOrigin) + ":" + std::to_string(swg_test::EndpointPort(origin.Address()));
+    const std::string hostPort =
+        std::string(kOrigin) + ":" + std::to_string(swg_test::EndpointPort(origin.Address()));
     WaitForStats(plugin, Stats(0, 0, 0));
     Connection(origin, "GET /count HTTP/1.1\r\nHost: " + hostPort + "\r\n\r\n");
     WaitForStats(plugin, Stats(1, 0, 0));
@@ -229,9 +237,10 @@ TEST_F(IpcIntegrationTest, PlugInFollowsStateAndCountersOverTheAgentsLife) {
     for (std::string next = Next(plugin, 10s); !next.empty(); next = Next(plugin, 10s)) {
         if (next.rfind("COMM_MSG_SERVICE_STATS", 0) != 0) last.push_back(next);
     }
-    EXPECT_EQ(last, (std::vector<std::string>{
-                        "COMM_MSG_SWG_STATE {\"version\":1,\"swg_protection_state\":\"unprotected\"}",
-                        "COMM_MSG_SWG_REPORT {\"ver\":1,\"state\":2}"}));
+    EXPECT_EQ(last,
+              (std::vector<std::string>{
+                  "COMM_MSG_SWG_STATE {\"version\":1,\"swg_protection_state\":\"unprotected\"}",
+                  "COMM_MSG_SWG_REPORT {\"ver\":1,\"state\":2}"}));
     EXPECT_EQ(StopAgent(), 0);
     std::string unprotectedFile = protectedFile;
     unprotectedFile.replace(unprotectedFile.find("\"protected\""), 11, "\"unprotected\"");
@@ -250,7 +259,8 @@ TEST_F(IpcIntegrationTest, MalformedPlugInIsDroppedAndTheNextIsServed) {
     CIpcClient plugin;
     ConnectPlugIn(plugin, false);
     Command(plugin, COMM_MSG_COLLECT_DATA_START);
-    EXPECT_EQ(Next(plugin), "COMM_MSG_SWG_STATE {\"version\":1,\"swg_protection_state\":\"protected\"}");
+    EXPECT_EQ(Next(plugin),
+              "COMM_MSG_SWG_STATE {\"version\":1,\"swg_protection_state\":\"protected\"}");
     EXPECT_EQ(Next(plugin), "COMM_MSG_SWG_REPORT {\"ver\":1,\"state\":1}");
     WaitForStats(plugin, Stats(0, 0, 0));
     EXPECT_EQ(swg_test::CountLinesWith(Log(), "SecureIPC : dropped peer"), 1);

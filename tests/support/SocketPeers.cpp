@@ -105,8 +105,7 @@ void SocketPeerTest::SetUp() {
     m_sock = std::move(pair.agentSide);
     m_peer = std::move(pair.peer);
     const timeval limit{5, 0};
-    ASSERT_EQ(::setsockopt(m_sock->GetSocket(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)),
-              0);
+    ASSERT_EQ(::setsockopt(m_sock->GetSocket(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
 }
 
 void SocketPeerTest::PeerSends(const std::string& bytes) {

@@ -89,11 +89,12 @@ std::string FormatLine(const AgentStatus& status) {
     char clock[16] = "";
     const std::time_t now = std::time(nullptr);
     std::tm local{};
-    if (localtime_r(&now, &local) != nullptr) std::strftime(clock, sizeof(clock), "%H:%M:%S", &local);
+    if (localtime_r(&now, &local) != nullptr)
+        std::strftime(clock, sizeof(clock), "%H:%M:%S", &local);
     std::ostringstream out;
-    out << clock << "  " << status.state << "  gateway " << (status.gateway.empty() ? "-" : status.gateway)
-        << "  http " << status.http << "  https " << status.https << "  bypassed " << status.bypassed
-        << "\n";
+    out << clock << "  " << status.state << "  gateway "
+        << (status.gateway.empty() ? "-" : status.gateway) << "  http " << status.http << "  https "
+        << status.https << "  bypassed " << status.bypassed << "\n";
     return out.str();
 }
 

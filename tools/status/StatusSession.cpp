@@ -57,8 +57,8 @@ bool CStatusSession::RequestStatistics() {
 CStatusSession::Outcome CStatusSession::ReadUntilReport(milliseconds wait) {
     const auto deadline = std::chrono::steady_clock::now() + wait;
     for (;;) {
-        const auto left = std::chrono::duration_cast<milliseconds>(
-            deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) return Outcome::Silent;
         MSG_QUEUE_MSG message(COMM_MSG_NONE, 0, 1, 0);
         switch (m_client.Receive(message, left)) {
@@ -71,9 +71,11 @@ CStatusSession::Outcome CStatusSession::ReadUntilReport(milliseconds wait) {
             case CIpcClient::Received::Message:
                 break;
         }
-        if (message.msg_id == COMM_MSG_SWG_STATE) (void)ReadStateJson(PayloadText(message), m_status);
+        if (message.msg_id == COMM_MSG_SWG_STATE)
+            (void)ReadStateJson(PayloadText(message), m_status);
         if (message.msg_id == COMM_MSG_SRVC_STOPPED) m_stopping = true;
-        if (message.msg_id == COMM_MSG_SERVICE_STATS && ReadStatsJson(PayloadText(message), m_status))
+        if (message.msg_id == COMM_MSG_SERVICE_STATS &&
+            ReadStatsJson(PayloadText(message), m_status))
             return Outcome::Report;
     }
 }

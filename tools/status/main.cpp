@@ -27,12 +27,14 @@ int Fail(const char* what, const std::string& detail = std::string()) {
 int Explain(CStatusSession::Outcome outcome, const std::string& error) {
     switch (outcome) {
         case CStatusSession::Outcome::NoAgent:
-            return Fail("no agent is listening on 127.0.0.1:5004 (is tsc_swgagent running?)", error);
+            return Fail("no agent is listening on 127.0.0.1:5004 (is tsc_swgagent running?)",
+                        error);
         case CStatusSession::Outcome::Silent:
             return Fail("the agent accepted the connection but sent no report");
         case CStatusSession::Outcome::Closed:
-            return Fail("the agent closed the connection (it is stopping, or another status "
-                        "client or plug-in took over)");
+            return Fail(
+                "the agent closed the connection (it is stopping, or another status "
+                "client or plug-in took over)");
         case CStatusSession::Outcome::Malformed:
             return Fail("the agent sent something that is not a message of its channel");
         case CStatusSession::Outcome::Report:
@@ -42,7 +44,9 @@ int Explain(CStatusSession::Outcome outcome, const std::string& error) {
 }
 
 void Print(const AgentStatus& status, bool json, bool watch) {
-    const std::string text = json ? FormatJson(status) : watch ? FormatLine(status) : FormatBlock(status);
+    const std::string text = json    ? FormatJson(status)
+                             : watch ? FormatLine(status)
+                                     : FormatBlock(status);
     std::fputs(text.c_str(), stdout);
     std::fflush(stdout);
 }

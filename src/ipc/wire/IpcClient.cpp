@@ -17,7 +17,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 int RemainingMs(Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
@@ -101,13 +102,15 @@ bool CIpcClient::Send(const MSG_QUEUE_MSG& message, std::chrono::milliseconds ti
     return SendBytes(EncodeIpcFrame(BuildPacket(message)), timeout);
 }
 
-CIpcClient::Received CIpcClient::Receive(MSG_QUEUE_MSG& message, std::chrono::milliseconds timeout) {
+CIpcClient::Received CIpcClient::Receive(MSG_QUEUE_MSG& message,
+                                         std::chrono::milliseconds timeout) {
     const Clock::time_point deadline = Clock::now() + timeout;
     for (;;) {
         const unsigned char* data = reinterpret_cast<const unsigned char*>(m_pending.data());
         std::size_t size = m_pending.size();
         CIpcFrameReader::Status status = CIpcFrameReader::NeedMore;
-        while (size > 0 && status == CIpcFrameReader::NeedMore) status = m_reader.Consume(data, size);
+        while (size > 0 && status == CIpcFrameReader::NeedMore)
+            status = m_reader.Consume(data, size);
         m_pending.erase(0, m_pending.size() - size);
         if (status == CIpcFrameReader::FrameDone) {
             const std::vector<unsigned char>& frame = m_reader.FrameBytes();

@@ -15,8 +15,8 @@
 
 // Who is at the other end of a connection.
 enum IPC_IDENTITY : uint32_t {
-    IPC_IDENTITY_SERVICE = 9,     // the agent's own side
-    IPC_IDENTITY_SWG_CLIENT = 10, // the UI plug-in, "SWG_CLIENT" in the logs
+    IPC_IDENTITY_SERVICE = 9,      // the agent's own side
+    IPC_IDENTITY_SWG_CLIENT = 10,  // the UI plug-in, "SWG_CLIENT" in the logs
 };
 
 constexpr uint16_t kSwgIpcPort = 5004;
@@ -28,11 +28,11 @@ constexpr uint32_t kMaxIpcFrameBytes = 1u << 20;
 class CIpcFrameReader {
 public:
     enum Status {
-        NeedMore,  // everything given was taken; no unit is complete
+        NeedMore,      // everything given was taken; no unit is complete
         IdentityDone,  // Identity() holds the peer's identity
         FrameDone,     // FrameBytes() holds one packet
-        TooLong,   // the frame's length is over kMaxIpcFrameBytes (DeclaredLength())
-        NoMagic,   // the frame is shorter than the magic or does not start with it
+        TooLong,       // the frame's length is over kMaxIpcFrameBytes (DeclaredLength())
+        NoMagic,       // the frame is shorter than the magic or does not start with it
     };
 
     explicit CIpcFrameReader(bool identityFirst) : m_needIdentity(identityFirst) {}

@@ -27,7 +27,8 @@ std::vector<unsigned char> BuildPacket(const MSG_QUEUE_MSG& message) {
     std::memcpy(packet.data() + 8, message.startTag, sizeof(message.startTag));
     Put(packet, 16, message.msg_size);
     Put(packet, 20, static_cast<uint32_t>(message.msg_id));
-    if (payload) std::memcpy(packet.data() + kPacketHeaderBytes, message.msg_data, message.msg_size);
+    if (payload)
+        std::memcpy(packet.data() + kPacketHeaderBytes, message.msg_data, message.msg_size);
     return packet;
 }
 

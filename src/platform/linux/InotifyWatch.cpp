@@ -149,6 +149,4 @@ private:
 };
 }  // namespace
 
-std::unique_ptr<IFileWatch> CreateSystemFileWatch() {
-    return std::make_unique<CInotifyWatch>();
-}
+std::unique_ptr<IFileWatch> CreateSystemFileWatch() { return std::make_unique<CInotifyWatch>(); }

@@ -253,9 +253,9 @@ bool CLoopbackIpcServer::Admit(const std::string& address, uint32_t ipv4) {
         }
         return false;
     }
-    const std::size_t waiting = static_cast<std::size_t>(std::count_if(
-        m_peers.begin(), m_peers.end(),
-        [](const PeerPtr& peer) { return !peer->identified && !peer->closed; }));
+    const std::size_t waiting = static_cast<std::size_t>(
+        std::count_if(m_peers.begin(), m_peers.end(),
+                      [](const PeerPtr& peer) { return !peer->identified && !peer->closed; }));
     if (waiting >= m_limits.maxWaiting) {
         DNTRACE(ERR, "SecureIPC : refused peer %s: %zu connections already wait for their identity",
                 address.c_str(), waiting);
@@ -343,8 +343,8 @@ void CLoopbackIpcServer::TakeIdentity(const PeerPtr& peer) {
         std::lock_guard<std::mutex> hold(m_sessionLock);
         m_sessions[session] = peer;
     }
-    DNTRACE(IPC, "SecureIPC : peer %s is session %u of identity %u", peer->address.c_str(),
-            session, identity);
+    DNTRACE(IPC, "SecureIPC : peer %s is session %u of identity %u", peer->address.c_str(), session,
+            identity);
     m_callback->OnPeerStateChanged(peer->identity, session, IPC_CONN_CONNECTED);
 }
 
@@ -384,7 +384,8 @@ void CLoopbackIpcServer::Close(const PeerPtr& peer, bool report) {
         std::lock_guard<std::mutex> hold(m_sessionLock);
         m_sessions.erase(peer->session);
     }
-    if (report) m_callback->OnPeerStateChanged(peer->identity, peer->session, IPC_CONN_DISCONNECTED);
+    if (report)
+        m_callback->OnPeerStateChanged(peer->identity, peer->session, IPC_CONN_DISCONNECTED);
 }
 
 unsigned short CLoopbackIpcServer::NextSession() {

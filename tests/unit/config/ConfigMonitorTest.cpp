@@ -158,7 +158,8 @@ TEST_F(ConfigMonitorTest, LaterFileRewritesAndBadFiles) {
 
 // Guards the stop, idle (false) and in the middle of a quiet period (true): the wake-up
 // ends the thread at once, and the pending reload is dropped.
-class ConfigMonitorStopTest : public ConfigMonitorTest, public ::testing::WithParamInterface<bool> {};
+class ConfigMonitorStopTest : public ConfigMonitorTest,
+                              public ::testing::WithParamInterface<bool> {};
 
 TEST_P(ConfigMonitorStopTest, StopEndsTheThreadAndDropsAPendingReload) {
     StartWatching();

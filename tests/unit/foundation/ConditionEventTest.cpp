@@ -209,8 +209,9 @@ TEST(WaitForMultipleObjectsTest, AllOfWaitsForAWakeUpAndEveryEvent) {
         a.notify();
         b.notify();
         EXPECT_EQ(Wait({&a, &b}, true, 30), WAIT_TIMEOUT_CODE);
-        auto waiter =
-            std::async(std::launch::async, [&] { return Wait({&a, &b}, true, kGuardMs); });
+        auto waiter = std::async(std::launch::async, [&] {
+            return Wait({&a, &b}, true, kGuardMs);
+        });
         ASSERT_TRUE(WaitUntil([&] { return a.subscriber_count() == 1; }));
         a.notify();  // the wake-up: both are found signalled
         ASSERT_TRUE(Ready(waiter));

@@ -13,10 +13,10 @@
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
-#include "support/ThreadTestSupport.h"
 #include "foundation/DnEventThread.h"
 #include "foundation/DnTimerThread.h"
 #include "foundation/Trace.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

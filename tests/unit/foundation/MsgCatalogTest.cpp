@@ -6,9 +6,9 @@
 
 #include <string>
 
-#include "support/ThreadTestSupport.h"
 #include "foundation/MsgCatalog.h"
 #include "support/MoFile.h"
+#include "support/ThreadTestSupport.h"
 
 namespace {
 

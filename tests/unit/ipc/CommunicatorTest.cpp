@@ -20,8 +20,9 @@ std::string Next(CIpcClient& client, std::chrono::milliseconds wait = 2s) {
     MSG_QUEUE_MSG message(COMM_MSG_NONE, 0, 1, 0);
     if (client.Receive(message, wait) != CIpcClient::Received::Message) return "";
     return CommMessageText(message.msg_id) +
-           (message.msg_data != nullptr ? " " + std::string(reinterpret_cast<char*>(message.msg_data))
-                                        : "");
+           (message.msg_data != nullptr
+                ? " " + std::string(reinterpret_cast<char*>(message.msg_data))
+                : "");
 }
 
 void Post(CCommunicator& communicator, const std::string& text) {

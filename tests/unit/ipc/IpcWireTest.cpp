@@ -29,12 +29,12 @@ MSG_QUEUE_MSG Message(eCOMM_MESSAGE_ID id, const std::string& payload = std::str
 // as a little-endian host writes it.
 const Bytes kStatePacket = [] {
     Bytes packet = {
-        0xEF, 0xBE, 0xAD, 0xDE,                          // packetMagic
-        0x01, 0x00,                                      // headerWordA 1
-        0x00, 0x00,                                      // headerWordB 0
-        'S',  'T',  'A',  'R',  'T',  'M',  'S',  'G',   // startTag, no zero
-        0x31, 0x00, 0x00, 0x00,                          // msg_size 49
-        0x01, 0x04, 0x00, 0x00,                          // msg_id 0x401
+        0xEF, 0xBE, 0xAD, 0xDE,                      // packetMagic
+        0x01, 0x00,                                  // headerWordA 1
+        0x00, 0x00,                                  // headerWordB 0
+        'S',  'T',  'A',  'R',  'T', 'M', 'S', 'G',  // startTag, no zero
+        0x31, 0x00, 0x00, 0x00,                      // msg_size 49
+        0x01, 0x04, 0x00, 0x00,                      // msg_id 0x401
     };
     const std::string text = "{\"version\":1,\"swg_protection_state\":\"protected\"}";
     packet.insert(packet.end(), text.begin(), text.end());
@@ -69,8 +69,10 @@ TEST(IpcPacketTest, ParsesEachLengthAsTheReceiverDoes) {
     } rows[] = {
         {Bytes(), PacketStatus::Empty, 0, false},
         {Bytes(kStatePacket.begin(), kStatePacket.begin() + 20), PacketStatus::NoHeader, 0, false},
-        {Bytes(kStatePacket.begin(), kStatePacket.begin() + 21), PacketStatus::NoMessageId, 49, false},
-        {Bytes(kStatePacket.begin(), kStatePacket.begin() + 23), PacketStatus::NoMessageId, 49, false},
+        {Bytes(kStatePacket.begin(), kStatePacket.begin() + 21), PacketStatus::NoMessageId, 49,
+         false},
+        {Bytes(kStatePacket.begin(), kStatePacket.begin() + 23), PacketStatus::NoMessageId, 49,
+         false},
         {BuildPacket(Message(COMM_MSG_COLLECT_DATA_START)), PacketStatus::Ok, 0, false},
         {overstated, PacketStatus::Ok, 49, false},
         {wrongMagic, PacketStatus::Ok, 49, true},
@@ -78,7 +80,8 @@ TEST(IpcPacketTest, ParsesEachLengthAsTheReceiverDoes) {
     };
     for (const auto& row : rows) {
         MSG_QUEUE_MSG out(COMM_MSG_NONE, 0, 1, 0);
-        EXPECT_EQ(ParsePacket(row.bytes.data(), row.bytes.size(), out), row.status) << row.bytes.size();
+        EXPECT_EQ(ParsePacket(row.bytes.data(), row.bytes.size(), out), row.status)
+            << row.bytes.size();
         EXPECT_EQ(out.msg_size, row.size) << row.bytes.size();
         ASSERT_EQ(out.msg_data != nullptr, row.payload) << row.bytes.size();
         if (row.payload) {
@@ -103,9 +106,12 @@ TEST(IpcFrameTest, ReadsIdentityAndFramesSplitAtEveryByte) {
             std::size_t size = chunk.size();
             while (size > 0) {
                 const CIpcFrameReader::Status status = reader.Consume(data, size);
-                if (status == CIpcFrameReader::IdentityDone) seen.push_back(std::to_string(reader.Identity()));
-                if (status == CIpcFrameReader::FrameDone) seen.push_back(std::to_string(reader.FrameBytes().size()));
-                ASSERT_TRUE(status != CIpcFrameReader::TooLong && status != CIpcFrameReader::NoMagic);
+                if (status == CIpcFrameReader::IdentityDone)
+                    seen.push_back(std::to_string(reader.Identity()));
+                if (status == CIpcFrameReader::FrameDone)
+                    seen.push_back(std::to_string(reader.FrameBytes().size()));
+                ASSERT_TRUE(status != CIpcFrameReader::TooLong &&
+                            status != CIpcFrameReader::NoMagic);
             }
         }
         EXPECT_EQ(seen, (std::vector<std::string>{"10", "73", "24"})) << "cut at " << cut;
@@ -126,7 +132,8 @@ TEST(IpcFrameTest, RejectsOversizedShortAndForeignFrames) {
         {std::string(reinterpret_cast<const char*>(&three), 4) + "abc", CIpcFrameReader::NoMagic},
         // 30 bytes announced, 4 wrong ones sent: refused without waiting for the other 26.
         {std::string(reinterpret_cast<const char*>(&thirty), 4) + "GET ", CIpcFrameReader::NoMagic},
-        {std::string(reinterpret_cast<const char*>(&thirty), 4) + "\xEF\xBE\xAD\xDE", CIpcFrameReader::NeedMore},
+        {std::string(reinterpret_cast<const char*>(&thirty), 4) + "\xEF\xBE\xAD\xDE",
+         CIpcFrameReader::NeedMore},
     };
     for (const auto& row : rows) {
         CIpcFrameReader reader(false);
@@ -157,7 +164,8 @@ TEST(MsgQueueTest, KeepsOrderWaitsBoundedAndEndsAReaderOnQuit) {
             MSG_QUEUE_MSG* message = queue.MQGetMessage(true, 200);
             if (message == nullptr) continue;
             const bool quit = message->msg_id == COMM_MSG_QUIT;
-            read.push_back(CommMessageText(message->msg_id) + ":" + std::to_string(message->msg_size) +
+            read.push_back(CommMessageText(message->msg_id) + ":" +
+                           std::to_string(message->msg_size) +
                            (message->msg_data != nullptr ? ":data" : ""));
             delete message;
             if (quit) return;

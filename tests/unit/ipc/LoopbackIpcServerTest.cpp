@@ -134,15 +134,20 @@ const std::string kPacket = [] {
 INSTANTIATE_TEST_SUITE_P(
     Peers, BadPeerTest,
     ::testing::Values(
-        BadPeer{"WrongMagic", Frame(24, "GET / HTTP/1.1\r\nHost: x\r\n"), false, "without the packet magic"},
-        BadPeer{"Oversized", Frame(kMaxIpcFrameBytes + 1, kPacket), false, "over the limit of 1048576"},
+        BadPeer{"WrongMagic", Frame(24, "GET / HTTP/1.1\r\nHost: x\r\n"), false,
+                "without the packet magic"},
+        BadPeer{"Oversized", Frame(kMaxIpcFrameBytes + 1, kPacket), false,
+                "over the limit of 1048576"},
         BadPeer{"Truncated", Frame(24, kPacket.substr(0, 10)), true, "closed inside a frame"},
-        BadPeer{"Stalled", Frame(24, kPacket.substr(0, 10)), false, "frame not complete within 150 ms"},
-        BadPeer{"Flood", [] {
+        BadPeer{"Stalled", Frame(24, kPacket.substr(0, 10)), false,
+                "frame not complete within 150 ms"},
+        BadPeer{"Flood",
+                [] {
                     std::string frames;
                     for (int i = 0; i < 65; ++i) frames += Frame(24, kPacket);
                     return frames;
-                }(), false, "more than 64 frames within a second"},
+                }(),
+                false, "more than 64 frames within a second"},
         // The client's identity went out first; these bytes follow as a garbage frame length.
         BadPeer{"Garbage", "\xff\xff\xff\x7f garbage", false, "over the limit"}),
     [](const ::testing::TestParamInfo<BadPeer>& row) { return std::string(row.param.name); });

@@ -97,7 +97,8 @@ TEST_F(SWGStateTest, SendsOnlyTheWordsThatShouldReachThePlugIn) {
         {"config_error", SWG_STATE_UPDATE_NORMAL, true, true, 1 * kSecond, -1, none},
         {"disabled", SWG_STATE_UPDATE_FORCED, true, true, 1 * kSecond, 0, Word("disabled", 3)},
         {"cloud_service_unavailable", SWG_STATE_UPDATE_NORMAL, false, true, 2 * kSecond, 0, none},
-        {"cloud_service_unavailable", SWG_STATE_UPDATE_NORMAL, false, true, 7 * kSecond - 1, 0, none},
+        {"cloud_service_unavailable", SWG_STATE_UPDATE_NORMAL, false, true, 7 * kSecond - 1, 0,
+         none},
         {"cloud_service_unavailable", SWG_STATE_UPDATE_NORMAL, false, true, 7 * kSecond, 0,
          Word("cloud_service_unavailable", 7)},
         // Being sent ends the quiet period: a repeat starts a new one, and after it is "same".
@@ -109,7 +110,8 @@ TEST_F(SWGStateTest, SendsOnlyTheWordsThatShouldReachThePlugIn) {
         {"cloud_service_unavailable", SWG_STATE_UPDATE_NORMAL, false, true, 21 * kSecond, 0, none},
         {"bogus", SWG_STATE_UPDATE_NORMAL, false, true, 22 * kSecond, -2, none},
         {"config_error", SWG_STATE_UPDATE_NORMAL, false, false, 22 * kSecond, -1, none},
-        {"config_error", SWG_STATE_UPDATE_NORMAL, false, true, 22 * kSecond, 0, Word("config_error", 6)},
+        {"config_error", SWG_STATE_UPDATE_NORMAL, false, true, 22 * kSecond, 0,
+         Word("config_error", 6)},
     };
     int index = 0;
     for (const auto& row : rows) {
@@ -147,7 +149,8 @@ TEST_F(SWGStateTest, ReplacesTheStateFileWholeWithoutFollowingALink) {
     EXPECT_EQ(info.st_mode & 0777, 0644u);
     // No temporary file is left beside it.
     EXPECT_EQ(std::distance(boost::filesystem::directory_iterator(m_folder),
-                            boost::filesystem::directory_iterator()), 1);
+                            boost::filesystem::directory_iterator()),
+              1);
 }
 
 // The statistics text: key order, counters as exact decimal strings (also past 2^53, where a

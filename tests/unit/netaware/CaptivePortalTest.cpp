@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "unit/proxy/GatewayTestSupport.h"
 #include "support/TraceRecorder.h"
+#include "unit/proxy/GatewayTestSupport.h"
 
 namespace {
 
@@ -67,19 +67,47 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         Case{"Exact", kEcho, "", kSuccess, kFails, false,
              "Able to reach " + kEcho + ", with text response Success, no Captive Portal.", "", 1},
-        Case{"Redirect", kEcho, "",
-             {0, "HTTP/1.1 302 Found\r\nLocation: http://WWW.Hotel.Example:8080/login?r=1\r\n\r\n", ""},
-             kFails, true, "Captive Portal Detected via hotel.example with redirect code 302 ",
-             "hotel.example", 1},
-        Case{"Html", kEcho, "", {0, kHtml, "<html>sign in</html>"}, kFails, true,
-             "via client-side redirection with redirect code 200 ", "", 1},
-        Case{"TrailingNewline", kEcho, "", {0, "HTTP/1.1 200 OK\r\n\r\n", "Success\n"}, kFails,
-             true, "via client-side redirection with redirect code 200 ", "", 1},
-        Case{"ServerError", kEcho, "", {0, "HTTP/1.1 503 Unavailable\r\n\r\n", ""}, kFallbackOk,
-             true, "with redirect code 503 ", "", 1},
+        Case{"Redirect",
+             kEcho,
+             "",
+             {0, "HTTP/1.1 302 Found\r\nLocation: http://WWW.Hotel.Example:8080/login?r=1\r\n\r\n",
+              ""},
+             kFails,
+             true,
+             "Captive Portal Detected via hotel.example with redirect code 302 ",
+             "hotel.example",
+             1},
+        Case{"Html",
+             kEcho,
+             "",
+             {0, kHtml, "<html>sign in</html>"},
+             kFails,
+             true,
+             "via client-side redirection with redirect code 200 ",
+             "",
+             1},
+        Case{"TrailingNewline",
+             kEcho,
+             "",
+             {0, "HTTP/1.1 200 OK\r\n\r\n", "Success\n"},
+             kFails,
+             true,
+             "via client-side redirection with redirect code 200 ",
+             "",
+             1},
+        Case{"ServerError",
+             kEcho,
+             "",
+             {0, "HTTP/1.1 503 Unavailable\r\n\r\n", ""},
+             kFallbackOk,
+             true,
+             "with redirect code 503 ",
+             "",
+             1},
         Case{"EchoFailsFallbackAnswers", kEcho, "", kFails, kFallbackOk, false,
              "CP detection failed with " + kEcho +
-                 " [Reason: TCP handshake failed], retrying with MSFT url", "", 2},
+                 " [Reason: TCP handshake failed], retrying with MSFT url",
+             "", 2},
         Case{"BothFail", kEcho, "", kFails, kFails, true,
              "Unable to download " + kFallback + ". Possibly behind a Captive Portal.", "", 2},
         Case{"EchoIsTheFallback", kFallback, "", kFails, kFails, true, "Unable to download", "", 1},

@@ -97,11 +97,12 @@ TEST(WebClientTest, RepliesComeBackAsReceived) {
          After::WaitForClientClose, -1, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n", "part"},
         {"silent server", "", After::WaitForClientClose, -1, "", "stale"},
         // A portal must not be able to make the probe hold without bound what it streams.
-        {"body past the limit", "HTTP/1.1 200 OK\r\n\r\n" + big + big, After::WaitForClientClose,
-         0, "HTTP/1.1 200 OK\r\n\r\n", (big + big).substr(0, CWebClient::kBodyLimit)},
+        {"body past the limit", "HTTP/1.1 200 OK\r\n\r\n" + big + big, After::WaitForClientClose, 0,
+         "HTTP/1.1 200 OK\r\n\r\n", (big + big).substr(0, CWebClient::kBodyLimit)},
         {"headers past the limit", "HTTP/1.1 200 OK\r\nX: " + std::string(big.size(), 'x'),
          After::WaitForClientClose, -1,
-         ("HTTP/1.1 200 OK\r\nX: " + std::string(big.size(), 'x')).substr(0, CWebClient::kHeaderLimit),
+         ("HTTP/1.1 200 OK\r\nX: " + std::string(big.size(), 'x'))
+             .substr(0, CWebClient::kHeaderLimit),
          "stale"},
     };
     for (const auto& c : cases) {

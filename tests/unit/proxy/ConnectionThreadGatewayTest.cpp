@@ -203,8 +203,8 @@ TEST_F(GatewayExchangeTest, ConnectRequestBytesFollowTheBracketRule) {
         m_thread.m_bIPv6 = c.ipv6;
         m_thread.m_bIPv6ViaIPv4 = c.ipv6ViaIPv4;
         EXPECT_EQ(m_thread.DoProxyConnect(c.host, 8443, "", false), 0);
-        expected += std::string("CONNECT ") + c.target + " HTTP/1.1\r\nContent-Length: 0\r\nHost: " +
-                    c.target + "\r\n\r\n";
+        expected += std::string("CONNECT ") + c.target +
+                    " HTTP/1.1\r\nContent-Length: 0\r\nHost: " + c.target + "\r\n\r\n";
     }
     m_thread.CloseConnection();
     EXPECT_EQ(swg_test::ReadToEnd(m_gateway.Get()), expected);
@@ -241,7 +241,6 @@ TEST_F(GatewayAddressTest, IPv6PickStartsAtTheByteIndex) {
     EXPECT_EQ(std::memcmp(picked, &expected, 16), 0);
     EXPECT_EQ(CDnConnectionThread::sm_usNextIPV6Index.load(), 4);
 }
-
 
 // IPv4 picks go round the list and the shared 16-bit counter wraps to 0; an IPv4 literal is the
 // address, an IPv6 one sends the caller to the anycast fallback.

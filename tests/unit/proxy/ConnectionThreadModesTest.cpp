@@ -332,10 +332,9 @@ TEST_F(ModeSelectionTest, LicenceLinesFollowTheClientsAndNameTheOutgoingAddress)
     EXPECT_EQ(headers.m_lines.back().substr(headers.m_lines.back().size() - 2), "\r\n");
     LicenceIdentity identity;
     std::string error;
-    ASSERT_TRUE(DecodeLicenceHeader(headers.HeaderValue(kLicenceKeyIdHeader),
-                                    headers.HeaderValue(kLicencePayloadHeader),
-                                    swg_test::ReadTextFile(samples + "licence-test-private.pem"),
-                                    identity, error))
+    ASSERT_TRUE(DecodeLicenceHeader(
+        headers.HeaderValue(kLicenceKeyIdHeader), headers.HeaderValue(kLicencePayloadHeader),
+        swg_test::ReadTextFile(samples + "licence-test-private.pem"), identity, error))
         << error;
     EXPECT_EQ(identity.strOrgId, "org-4711");  // the field mapping is the licence code's own
     EXPECT_EQ(identity.strInterfaceAddress, "127.0.0.1");

@@ -24,8 +24,10 @@ TEST(SessionRecordTest, OnlyAnotherOriginalDestinationCountsAsRedirected) {
         std::uint16_t port;
         const char* local;
         bool redirected;
-    } cases[] = {{"127.0.0.1", 5002, "127.0.0.1", false}, {"127.0.0.1", 8080, "127.0.0.1", true},
-                 {"198.18.0.1", 5002, "127.0.0.1", true}, {"::1", 5002, "::1", false},
+    } cases[] = {{"127.0.0.1", 5002, "127.0.0.1", false},
+                 {"127.0.0.1", 8080, "127.0.0.1", true},
+                 {"198.18.0.1", 5002, "127.0.0.1", true},
+                 {"::1", 5002, "::1", false},
                  {"::1", 443, "::1", true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.original) + " " + std::to_string(c.port));

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The relay end to end: a client and a server over loopback TCP, CSocketPair between them.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
