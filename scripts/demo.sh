@@ -47,11 +47,8 @@ world_start_gateway "$bin/tools/test-gateway/swg-test-gateway" "$root/packaging/
 
 step "Starting the agent in $(world_client) with the sample configuration"
 data="$WORLD_WORK/data"
-mkdir -p "$data/trevo/trevoclient/tarnwall/SWG"
+world_agent_data "$data" "$bin"
 cp packaging/sample/SWGConfig.json "$data/trevo/trevoclient/tarnwall/SWG/"
-if [ -d "$bin/data/trevo/trevoclient" ]; then
-    cp -r "$bin/data/trevo/trevoclient/." "$data/trevo/trevoclient/"
-fi
 world_start_agent "$bin/src/tsc_swgagent" "$data"
 echo "the agent is up; its nftables table in $(world_client):"
 ip netns exec "$(world_client)" nft list table inet tsc_swg | sed 's/^/    /'

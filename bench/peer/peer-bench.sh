@@ -48,16 +48,15 @@ W=$(mktemp -d /tmp/peer-bench.XXXXXX)
 chmod 755 "$W"  # nginx workers run as an unprivileged user
 ORIGIN=198.18.2.2
 GATEWAY=198.18.0.10
-PIDS=""
+# world_spawn, world_wait_for and world_stop_spawned; the namespaces here are the bench's own.
+. "$root/scripts/lib/world.sh"
 
 SETUPS="direct agent redsocks"
 [ -n "$BASE" ] && SETUPS="direct agent base redsocks"
 
 cleanup() {
     set +e
-    for p in $PIDS; do kill -TERM "$p" 2>/dev/null; done
-    sleep 0.5
-    for p in $PIDS; do kill -KILL "$p" 2>/dev/null; done
+    world_stop_spawned 0.5
     for n in origin gw direct agent redsocks base; do
         ip netns del "$P-$n" 2>/dev/null
         rm -rf "/etc/netns/$P-$n"
@@ -76,23 +75,11 @@ in_ns() {
 # spawn NS LOG COMMAND...: runs COMMAND in the background in namespace NS.
 spawn() {
     n=$1
-    log=$2
-    shift 2
-    ip netns exec "$P-$n" "$@" >"$log" 2>&1 &
-    LAST=$!
-    PIDS="$PIDS $LAST"
+    shift
+    world_spawn "$P-$n" "$@"
+    LAST=$WORLD_LAST_PID
 }
-wait_for() {
-    i=0
-    while [ $i -lt $(($3 * 10)) ]; do
-        grep -q "$2" "$1" 2>/dev/null && return 0
-        sleep 0.1
-        i=$((i + 1))
-    done
-    echo "peer-bench: timed out waiting for '$2' in $1" >&2
-    tail -n 20 "$1" >&2
-    return 1
-}
+wait_for() { world_wait_for "$@"; }
 
 build() {
     say "building (release)"
@@ -176,13 +163,10 @@ start_gateway() {
 # pointed at the bench gateway and at the default log level (the sample's is the most verbose).
 start_agent() {
     data="$W/data-$1"
-    mkdir -p "$data/trevo/trevoclient/tarnwall/SWG"
+    world_agent_data "$data" "$root/build/release"
     sed -e "s/\"swgDomain\": \"[^\"]*\"/\"swgDomain\": \"$GATEWAY\"/" \
         -e "s/\"198.18.0.10\"/\"$GATEWAY\"/" -e "s/\"logLevel\": \"1\"/\"logLevel\": \"0\"/" \
         "$root/packaging/sample/SWGConfig.json" >"$data/trevo/trevoclient/tarnwall/SWG/SWGConfig.json"
-    if [ -d "$root/build/release/data/trevo/trevoclient" ]; then
-        cp -r "$root/build/release/data/trevo/trevoclient/." "$data/trevo/trevoclient/"
-    fi
     spawn "$1" "$W/$1.log" sh -c "ulimit -n 65536; exec env SWG_DATA_ROOT='$data' SWG_LOG_STDERR=1 '$2' -console"
     eval "RELAY_$1=$LAST"
     wait_for "$W/$1.log" "Redirector: table inet tsc_swg in force" 30

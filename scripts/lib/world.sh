@@ -59,11 +59,15 @@ world_destroy_namespaces() {
 
 # Stops everything started through world_spawn, then removes the namespaces.
 world_destroy() {
+    world_stop_spawned
+    world_destroy_namespaces
+}
+
+world_stop_spawned() {
     for p in $WORLD_PIDS; do kill -TERM "$p" 2>/dev/null; done
-    sleep 0.3
+    sleep "${1:-0.3}"
     for p in $WORLD_PIDS; do kill -KILL "$p" 2>/dev/null; done
     WORLD_PIDS=""
-    world_destroy_namespaces
 }
 
 # world_spawn NAMESPACE LOGFILE COMMAND...: runs COMMAND in the background in NAMESPACE.
@@ -116,6 +120,15 @@ world_start_gateway() {
         --listen 198.18.0.10:80 --key "$key" --log "$WORLD_WORK/gateway.log" "$@"
     WORLD_GATEWAY_PID=$WORLD_LAST_PID
     world_wait_for "$WORLD_WORK/gateway.out" "ready" 10
+}
+
+# world_agent_data DATA_ROOT BUILD_DIR: the agent's configuration folder below DATA_ROOT, with
+# the build's message catalogues beside it; the configuration file itself is the caller's.
+world_agent_data() {
+    mkdir -p "$1/trevo/trevoclient/tarnwall/SWG"
+    if [ -d "$2/data/trevo/trevoclient" ]; then
+        cp -r "$2/data/trevo/trevoclient/." "$1/trevo/trevoclient/"
+    fi
 }
 
 # world_start_agent AGENT_BINARY DATA_ROOT: the agent in the laptop, logging to agent.log.

@@ -15,23 +15,16 @@
 set -u
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
+export SWG_SOURCE_DIR="$src"
+. "$src/tests/scripts/lib/checks.sh"
 
 if [ "${1:-}" != --inside ]; then
     [ $# -eq 3 ] || { echo "usage: $0 OLD.deb NEW.deb BUILD_DIR" >&2; exit 2; }
-    for tool in nft curl openssl python3 unshare; do
-        command -v "$tool" >/dev/null 2>&1 || { echo "SKIP: needs $tool"; exit 77; }
-    done
-    [ "$(id -u)" -eq 0 ] || { echo "SKIP: needs root for namespaces and mounts"; exit 77; }
-    grep -qw overlay /proc/filesystems || modprobe overlay 2>/dev/null ||
-        { echo "SKIP: needs overlayfs"; exit 77; }
-    WORLD=swgpkg$$
-    WORLD_WORK=$(mktemp -d)
-    . "$src/scripts/lib/world.sh"
-    trap 'world_destroy; rm -rf "$WORLD_WORK"' EXIT
-    world_create || exit 1
-    world_start_origins "$src" || exit 1
-    world_start_gateway "$3/tools/test-gateway/swg-test-gateway" \
-        "$src/packaging/sample/licence-test-private.pem" || exit 1
+    need_tools unshare
+    need_root "namespaces and mounts"
+    grep -qw overlay /proc/filesystems || modprobe overlay 2>/dev/null || skip "needs overlayfs"
+    SWG_BINARY_DIR=$3
+    world_test swgpkg
     # PID 1 of the new PID namespace is the inner run: when it ends, every process the
     # package started ends with it.
     ip netns exec "$(world_client)" unshare --mount --pid --fork --mount-proc \
@@ -43,14 +36,6 @@ old=$2
 new=$3
 work=$4
 root=$work/root
-. "$src/scripts/lib/world.sh"
-failures=0
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-check() {  # description, command...
-    what=$1
-    shift
-    if "$@"; then echo "ok: $what"; else fail "$what"; fi
-}
 in_root() {
     chroot "$root" env PATH=/usr/local/sbin:/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive "$@"
 }
@@ -116,7 +101,7 @@ mkfifo "$work/held.in"
 openssl s_client -brief -connect secure.demo.test:443 <"$work/held.in" >"$work/held.out" 2>&1 &
 held=$!
 exec 3>"$work/held.in"
-check "a TLS connection is open through the agent" world_wait_for "$work/held.out" "CONNECTION ESTABLISHED" 10
+check "a TLS connection is open through the agent" wait_for "$work/held.out" "CONNECTION ESTABLISHED" 10
 (
     i=0
     while [ ! -e "$work/probe.stop" ] && [ $i -lt 1000 ]; do
@@ -126,7 +111,7 @@ check "a TLS connection is open through the agent" world_wait_for "$work/held.ou
     done
 ) &
 prober=$!
-world_wait_for "$work/probe.rc" . 10 >/dev/null
+wait_for "$work/probe.rc" . 10 >/dev/null
 mark=$(wc -l <"$log")
 started=$(date +%s)
 in_root dpkg -i /tmp/new.deb >>"$work/dpkg.log" 2>&1
@@ -170,9 +155,4 @@ check "purge leaves nothing of the package" test ! -s "$work/leftovers"
 sed 's/^/  left: /' "$work/leftovers"
 check "the configuration stays" test -f "$conf/SWGConfig.json"
 
-if [ $failures -ne 0 ]; then
-    report
-    echo "$failures check(s) failed"
-    exit 1
-fi
-echo "PASS"
+finish "PASS" report

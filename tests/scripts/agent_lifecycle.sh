@@ -3,10 +3,8 @@
 # SIGTERM: it must start with both listeners taking connections, stop in order, ignore a
 # second signal while stopping, and exit 0. Needs root (unshare -n); exits 77 (skipped) otherwise.
 set -u
-if [ "$(id -u)" -ne 0 ]; then
-    echo "SKIP: needs root for a network namespace"
-    exit 77
-fi
+. "$SWG_SOURCE_DIR/tests/scripts/lib/checks.sh"
+need_root "a network namespace"
 agent="$SWG_BINARY_DIR/src/tsc_swgagent"
 tmp=$(mktemp -d)
 pid=""
@@ -16,12 +14,11 @@ cleanup() {
 }
 trap cleanup EXIT
 
-confdir="$tmp/trevo/trevoclient/tarnwall/SWG"
-mkdir -p "$confdir"
-cp "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" "$confdir/" \
+agent_data "$tmp"
+cp "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" "$conf/" \
     || { echo "FAIL: cannot copy the sample configuration"; exit 1; }
-
-wait_for() {  # pattern, limit in 20 ms steps
+# Polls every 20 ms: the second signal below must land while the agent is still stopping.
+logged() {  # pattern, limit in 20 ms steps
     i=0
     while [ $i -lt "$2" ]; do
         grep -q "$1" "$tmp/err" 2>/dev/null && return 0
@@ -38,7 +35,7 @@ SWG_LOG_STDERR=1 SWG_DATA_ROOT="$tmp" unshare -n sh -c 'ip link set lo up; exec 
 pid=$!
 # The signal lands while the start is still finishing (the configuration monitor's first
 # reload logs on the main thread): the handler runs on its own thread and cannot block.
-wait_for "Service started successfully" 750
+logged "Service started successfully" 750
 # The sample configuration was read at start.
 grep -qF "SWG : Fail open policy has been set." "$tmp/err" \
     || { echo "FAIL: the sample configuration was not read"; cat "$tmp/err"; exit 1; }
@@ -63,7 +60,7 @@ done
 kill -TERM "$pid"
 # "Stopping components..." reaches the log a moment before the state says so (the line also
 # goes to syslog after standard error); by the first listener's line the service is stopped.
-wait_for "Stopping IPv4 Listener" 500
+logged "Stopping IPv4 Listener" 500
 kill -INT "$pid" 2>/dev/null
 wait "$pid"; rc=$?
 pid=""

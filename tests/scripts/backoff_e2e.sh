@@ -9,32 +9,12 @@
 # 5 s after it settles and returns the agent to protected; the route back backs off again.
 # Needs root, nft, python3, curl and openssl; exits 77 (skipped) otherwise.
 set -u
-for tool in nft python3 curl openssl; do
-    command -v "$tool" >/dev/null 2>&1 || { echo "SKIP: needs $tool"; exit 77; }
-done
-if [ "$(id -u)" -ne 0 ]; then echo "SKIP: needs root for network namespaces"; exit 77; fi
-
+. "$SWG_SOURCE_DIR/tests/scripts/lib/checks.sh"
 src=$SWG_SOURCE_DIR
-bin=$SWG_BINARY_DIR
-gateway="$bin/tools/test-gateway/swg-test-gateway"
-agent="$bin/src/tsc_swgagent"
-status="$bin/tools/status/swg-status"
-for program in "$gateway" "$status"; do
-    [ -x "$program" ] || { echo "SKIP: $program is not built"; exit 77; }
-done
+status="$SWG_BINARY_DIR/tools/status/swg-status"
+need_built "$status"
+world_test swgbo
 
-WORLD=swgbo$$
-WORLD_WORK=$(mktemp -d)
-. "$src/scripts/lib/world.sh"
-trap 'world_destroy; rm -rf "$WORLD_WORK"' EXIT
-
-failures=0
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-check() {  # description, command...
-    what=$1
-    shift
-    if "$@"; then echo "ok: $what"; else fail "$what"; fi
-}
 log="$WORLD_WORK/agent.log"
 client=$(world_client)
 gateway_saw() { grep -q "$1" "$WORLD_WORK/gateway.log"; }
@@ -53,8 +33,7 @@ count() { grep -c "$1" "$log"; }
 
 # The configuration, as the laptop's management and VPN client would write it.
 data="$WORLD_WORK/data"
-conf="$data/trevo/trevoclient/tarnwall/SWG"
-mkdir -p "$conf"
+agent_data "$data"
 write_config() {  # JSON object of settings: orgConfig keys, "vpn4": [state, type]
     python3 - "$src/packaging/sample/SWGConfig.json" "$conf/SWGConfig.json.new" "$1" <<'PY'
 import json, sys
@@ -78,11 +57,7 @@ reload_config() {
     done
 }
 write_config '{}'
-[ -d "$bin/data/trevo/trevoclient" ] && cp -r "$bin/data/trevo/trevoclient/." "$data/trevo/trevoclient/"
 
-world_create || exit 1
-world_start_origins "$src" || exit 1
-world_start_gateway "$gateway" "$src/packaging/sample/licence-test-private.pem" || exit 1
 # The trusted server, reachable from the laptop only over the organisation's route.
 inet=$(world_inet)
 ip -n "$inet" addr add 198.18.0.40/32 dev lo
@@ -91,7 +66,7 @@ openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "/CN=trusted.corp.test" 
 fingerprint=$(openssl x509 -in "$WORLD_WORK/trusted.crt" -noout -fingerprint -sha256 | sed 's/.*=//; s/://g')
 world_spawn "$inet" "$WORLD_WORK/trusted.log" openssl s_server -accept 198.18.0.40:8443 -naccept 100 \
     -cert "$WORLD_WORK/trusted.crt" -key "$WORLD_WORK/trusted.key" -quiet
-world_start_agent "$agent" "$data" || { cat "$log"; exit 1; }
+world_start_agent "$SWG_BINARY_DIR/src/tsc_swgagent" "$data" || { cat "$log"; exit 1; }
 
 check "the plug-in is told protected" state_is protected
 check "the table diverts" diverting
@@ -154,11 +129,9 @@ i=0
 while diverting && [ $i -lt 300 ]; do sleep 0.05; i=$((i + 1)); done
 check "back on the trusted network the agent stands aside again" stands_aside
 
-if [ $failures -ne 0 ]; then
+show_logs() {
     echo "---- agent log (network and backoff)"
     grep -E "Primary interface|IPAddr change|TakeActionOnAddrChange|OnBackoffStateChange|CSSLClient|CustomerTrustedNetwork|ListenForOSEvents" "$log"
     echo "---- agent log (tail)"; tail -n 40 "$log"
-    echo "$failures check(s) failed"
-    exit 1
-fi
-echo "all backoff checks passed"
+}
+finish "all backoff checks passed" show_logs

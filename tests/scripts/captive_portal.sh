@@ -8,30 +8,13 @@
 # host; and with the gateway back, new connections go through it again.
 # Needs root, nft, python3 and curl; exits 77 (skipped) otherwise.
 set -u
-for tool in nft python3 curl openssl; do
-    command -v "$tool" >/dev/null 2>&1 || { echo "SKIP: needs $tool"; exit 77; }
-done
-if [ "$(id -u)" -ne 0 ]; then echo "SKIP: needs root for network namespaces"; exit 77; fi
-src=$SWG_SOURCE_DIR
-bin=$SWG_BINARY_DIR
-[ -x "$bin/tools/test-gateway/swg-test-gateway" ] || { echo "SKIP: no test gateway"; exit 77; }
-
-WORLD=swgcp$$
-WORLD_WORK=$(mktemp -d)
-. "$src/scripts/lib/world.sh"
-trap 'world_destroy; rm -rf "$WORLD_WORK"' EXIT
-failures=0
-check() {  # description, command...
-    what=$1
-    shift
-    if "$@"; then echo "ok: $what"; else echo "FAIL: $what"; failures=$((failures + 1)); fi
-}
+. "$SWG_SOURCE_DIR/tests/scripts/lib/checks.sh"
+world_test swgcp no-gateway
 log_count() { grep -c "$2" "$WORLD_WORK/$1.log"; }
 
 data="$WORLD_WORK/data"
-conf="$data/trevo/trevoclient/tarnwall/SWG"
-mkdir -p "$conf"
-python3 - "$src/packaging/sample/SWGConfig.json" "$conf/SWGConfig.json" <<'PY'
+agent_data "$data"
+python3 - "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" "$conf/SWGConfig.json" <<'PY'
 import json, sys
 config = json.load(open(sys.argv[1]))
 config["orgConfig"]["failOpen"] = "0"
@@ -39,7 +22,6 @@ config["orgConfig"]["swgEchoService"] = "http://portal.demo.test/echo"
 json.dump(config, open(sys.argv[2], "w"), indent=2)
 PY
 
-world_create || exit 1
 inet=$(world_inet)
 ip -n "$inet" addr add 198.18.0.40/32 dev lo
 # The laptop's only way out is the test internet, which routes nowhere further; the gateway
@@ -64,8 +46,7 @@ class Portal(http.server.BaseHTTPRequestHandler):
 print("ready", flush=True)
 http.server.ThreadingHTTPServer(("198.18.0.40", 80), Portal).serve_forever()' "$WORLD_WORK/answer"
 world_wait_for "$WORLD_WORK/portal.log" ready 10 || exit 1
-world_start_origins "$src" || exit 1
-world_start_agent "$bin/src/tsc_swgagent" "$data" || { cat "$WORLD_WORK/agent.log"; exit 1; }
+world_start_agent "$SWG_BINARY_DIR/src/tsc_swgagent" "$data" || { cat "$WORLD_WORK/agent.log"; exit 1; }
 
 refused() { world_curl -i "http://www.demo.test/$1" | grep -q "499 Fail close"; }
 # The page arrived, and the origin saw the laptop's address, not the gateway's.
@@ -92,12 +73,12 @@ check "in portal mode the next connection goes straight to the origin" direct cp
 check "... without a gateway attempt" grep -q "CP detected already. Bypassing connection" "$WORLD_WORK/agent.log"
 echo success >"$WORLD_WORK/answer"
 ip -n "$(world_client)" route del unreachable 198.18.0.10/32
-world_start_gateway "$bin/tools/test-gateway/swg-test-gateway" "$src/packaging/sample/licence-test-private.pem" || exit 1
+world_start_gateway "$gateway" "$SWG_SOURCE_DIR/packaging/sample/licence-test-private.pem" || exit 1
 world_curl http://www.demo.test/cp-back >/dev/null
 check "portal gone, gateway back: through the gateway" grep -q "HTTP GET www.demo.test/cp-back" "$WORLD_WORK/gateway.log"
 
-if [ "$failures" -ne 0 ]; then
+show_logs() {
     echo "---- agent log (tail)"; tail -n 60 "$WORLD_WORK/agent.log"
     echo "---- portal log"; cat "$WORLD_WORK/portal.log"
-fi
-[ "$failures" -eq 0 ]
+}
+finish "all captive portal checks passed" show_logs

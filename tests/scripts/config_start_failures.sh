@@ -5,13 +5,11 @@
 # system log (seen on standard error through SWG_LOG_STDERR=1) and exit status 0. Needs no
 # root: the agent stops before any network.
 set -u
+. "$SWG_SOURCE_DIR/tests/scripts/lib/checks.sh"
 agent="$SWG_BINARY_DIR/src/tsc_swgagent"
 umask 022
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-failures=0
-
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
 # In a namespace where it can: an agent that wrongly starts then diverts nothing of the host's.
 netns=""
@@ -59,9 +57,4 @@ chmod 0644 "$confdir/SWGConfig.json"
 chmod 0777 "$tmp/trevo"
 run_case "folder writable" \
     "SWG: Refused to read '$confdir/SWGConfig.json': '$tmp/trevo' is writable by others"
-
-if [ $failures -ne 0 ]; then
-    echo "$failures check(s) failed"
-    exit 1
-fi
-echo "all configuration start checks passed"
+finish "all configuration start checks passed"

@@ -9,38 +9,16 @@
 # the laptop reaches the hosts directly.
 # Needs root, nft, python3, curl and openssl; exits 77 (skipped) otherwise.
 set -u
-for tool in nft python3 curl openssl; do
-    command -v "$tool" >/dev/null 2>&1 || { echo "SKIP: needs $tool"; exit 77; }
-done
-if [ "$(id -u)" -ne 0 ]; then echo "SKIP: needs root for network namespaces"; exit 77; fi
-
-src=$SWG_SOURCE_DIR
-bin=$SWG_BINARY_DIR
-gateway="$bin/tools/test-gateway/swg-test-gateway"
-agent="$bin/src/tsc_swgagent"
-[ -x "$gateway" ] || { echo "SKIP: $gateway is not built"; exit 77; }
-
-WORLD=swge2e$$
-WORLD_WORK=$(mktemp -d)
-. "$src/scripts/lib/world.sh"
-trap 'world_destroy; rm -rf "$WORLD_WORK"' EXIT
-
-failures=0
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
-check() {  # description, command...
-    what=$1
-    shift
-    if "$@"; then echo "ok: $what"; else fail "$what"; fi
-}
+. "$SWG_SOURCE_DIR/tests/scripts/lib/checks.sh"
+world_test swge2e
 gateway_saw() { grep -q "$1" "$WORLD_WORK/gateway.log"; }
 origin_saw_laptop() { grep "from 198.18.1.2" "$WORLD_WORK/origin-$1.log" | grep -q "$2"; }
 
 # The sample configuration with an excepted host, written by the laptop's "management".
 data="$WORLD_WORK/data"
-conf="$data/trevo/trevoclient/tarnwall/SWG"
-mkdir -p "$conf"
+agent_data "$data"
 write_config() {  # extra monitored ports as a JSON array
-    python3 - "$src/packaging/sample/SWGConfig.json" "$conf/SWGConfig.json.new" "$1" <<'PY'
+    python3 - "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" "$conf/SWGConfig.json.new" "$1" <<'PY'
 import json, sys
 config = json.load(open(sys.argv[1]))
 config["orgConfig"]["exceptionList"] = ["198.18.0.30", "late.demo.test"]
@@ -50,12 +28,7 @@ PY
     mv "$conf/SWGConfig.json.new" "$conf/SWGConfig.json"
 }
 write_config '[]'
-[ -d "$bin/data/trevo/trevoclient" ] && cp -r "$bin/data/trevo/trevoclient/." "$data/trevo/trevoclient/"
-
-world_create || exit 1
-world_start_origins "$src" || exit 1
-world_start_gateway "$gateway" "$src/packaging/sample/licence-test-private.pem" || exit 1
-world_start_agent "$agent" "$data" || { cat "$WORLD_WORK/agent.log"; exit 1; }
+world_start_agent "$SWG_BINARY_DIR/src/tsc_swgagent" "$data" || { cat "$WORLD_WORK/agent.log"; exit 1; }
 
 # Through the gateway.
 out=$(world_curl http://www.demo.test/e2e-http)
@@ -122,10 +95,8 @@ check "the table is gone after SIGTERM" sh -c "! ip netns exec $(world_client) n
 world_curl http://www.demo.test/e2e-after-stop >/dev/null
 check "after the stop the laptop reaches the host directly" origin_saw_laptop www e2e-after-stop
 
-if [ $failures -ne 0 ]; then
+show_logs() {
     echo "---- agent log (tail)"; tail -n 60 "$WORLD_WORK/agent.log"
     echo "---- gateway log"; cat "$WORLD_WORK/gateway.log"
-    echo "$failures check(s) failed"
-    exit 1
-fi
-echo "all end-to-end checks passed"
+}
+finish "all end-to-end checks passed" show_logs

@@ -9,15 +9,13 @@
 # ends within 5 s of a SIGTERM. The unit's ExecStopPost removes a table left behind.
 # Needs root (unshare -n), nft and python3; exits 77 (skipped) otherwise.
 set -u
-if [ "$(id -u)" -ne 0 ] || ! command -v nft >/dev/null 2>&1 || ! command -v python3 >/dev/null 2>&1; then
-    echo "SKIP: needs root, nft and python3 for a network namespace with nftables"
-    exit 77
-fi
+. "$SWG_SOURCE_DIR/tests/scripts/lib/checks.sh"
+need_tools nft python3
+need_root "a network namespace with nftables"
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-confdir="$tmp/trevo/trevoclient/tarnwall/SWG"
-mkdir -p "$confdir"
-cp "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" "$confdir/" 2>/dev/null || true
+agent_data "$tmp"
+cp "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" "$conf/" 2>/dev/null || true
 unit=$(mktemp -d)
 DESTDIR="$unit" cmake --install "$SWG_BINARY_DIR" --prefix /usr --component Unspecified >/dev/null 2>&1
 stoppost=$(sed -n 's/^ExecStopPost=-//p' "$unit/usr/lib/systemd/system/tsc_swgagent.service")

@@ -2,12 +2,10 @@
 # Argument handling of the built tsc_swgagent: exit codes, standard error and the
 # syslog copy (seen on standard error through SWG_LOG_STDERR=1).
 set -u
+. "$SWG_SOURCE_DIR/tests/scripts/lib/checks.sh"
 agent="$SWG_BINARY_DIR/src/tsc_swgagent"
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-failures=0
-
-fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
 expect_exit0() {
     if [ "$1" -ne 0 ]; then fail "$2: exit status $1, expected 0"; fi
@@ -41,9 +39,4 @@ grep "tsc_swgagent" "$tmp/err" | grep -q "preceded by a dash" && fail "syslog co
 # The trailing blank line after the text.
 "$agent" -bar >"$tmp/out" 2>"$tmp/err"
 [ "$(tail -c 2 "$tmp/err" | od -An -c | tr -d ' ')" = '\n\n' ] || fail "-bar: text not followed by two line feeds"
-
-if [ $failures -ne 0 ]; then
-    echo "$failures check(s) failed"
-    exit 1
-fi
-echo "all argument checks passed"
+finish "all argument checks passed"

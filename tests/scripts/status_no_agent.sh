@@ -3,10 +3,8 @@
 # Runs the command in a network namespace of its own, where no agent can answer. Needs root
 # (unshare -n); exits 77 (skipped) otherwise.
 set -u
-if [ "$(id -u)" -ne 0 ]; then
-    echo "SKIP: needs root for a network namespace"
-    exit 77
-fi
+. "$SWG_SOURCE_DIR/tests/scripts/lib/checks.sh"
+need_root "a network namespace"
 status="$SWG_BINARY_DIR/tools/status/swg-status"
 out=$(unshare -n sh -c 'ip link set lo up; exec "$0" 2>&1' "$status")
 rc=$?

@@ -7,10 +7,9 @@
 #   own copy, which ip netns exec mounts over the host's).
 # Needs root, nft and curl; exits 77 (skipped) otherwise.
 set -u
-for tool in nft curl; do
-    command -v "$tool" >/dev/null 2>&1 || { echo "SKIP: needs $tool"; exit 77; }
-done
-if [ "$(id -u)" -ne 0 ]; then echo "SKIP: needs root for a network namespace"; exit 77; fi
+. "$SWG_SOURCE_DIR/tests/scripts/lib/checks.sh"
+need_tools nft curl
+need_root "a network namespace"
 
 agent="$SWG_BINARY_DIR/src/tsc_swgagent"
 ns=swgproxy$$
@@ -22,56 +21,50 @@ cleanup() {
     rm -rf "/etc/netns/$ns" "$tmp"
 }
 trap cleanup EXIT
-fail() { echo "FAIL: $*"; echo "--- agent log"; cat "$tmp/err"; exit 1; }
+die() { echo "FAIL: $*"; echo "--- agent log"; cat "$tmp/err"; exit 1; }
 
-confdir="$tmp/trevo/trevoclient/tarnwall/SWG"
-mkdir -p "$confdir"
+agent_data "$tmp"
 sed 's/"webTrafficMonitorPorts": \[\]/"webTrafficMonitorPorts": ["3128"]/' \
-    "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" >"$confdir/SWGConfig.json"
-grep -q '"3128"' "$confdir/SWGConfig.json" || { echo "FAIL: port 3128 not configured"; exit 1; }
+    "$SWG_SOURCE_DIR/packaging/sample/SWGConfig.json" >"$conf/SWGConfig.json"
+grep -q '"3128"' "$conf/SWGConfig.json" || { echo "FAIL: port 3128 not configured"; exit 1; }
 
 ip netns add "$ns" || exit 1
 ip -n "$ns" link set lo up
 ip -n "$ns" addr add 198.18.0.40/32 dev lo
 
-wait_for() {  # pattern, limit in 20 ms steps
-    i=0
-    until grep -qF "$1" "$tmp/err"; do
-        i=$((i + 1)); [ $i -gt "$2" ] && fail "timed out waiting for '$1'"; sleep 0.02
-    done
-}
+logged() { wait_for "$tmp/err" "$1" "$2" || die "no '$1'"; }
 start_agent() {  # extra environment assignments
     : >"$tmp/err"
     ip netns exec "$ns" env -u https_proxy -u HTTPS_PROXY "$@" SWG_LOG_STDERR=1 \
         SWG_DATA_ROOT="$tmp" "$agent" -console >/dev/null 2>"$tmp/err" &
     pid=$!
-    wait_for "Service started successfully" 1500
+    logged "Service started successfully" 30
 }
 stop_agent() {
     kill -TERM "$pid"; wait "$pid"; rc=$?; pid=""
-    [ $rc -eq 0 ] || fail "exit status $rc"
+    [ $rc -eq 0 ] || die "exit status $rc"
 }
 
 start_agent https_proxy=http://198.18.0.41:3128
-grep -qF "Proxy detected" "$tmp/err" || fail "the system proxy was not found"
-grep -qF "proxy is 198.18.0.41 and proxy port is 3128" "$tmp/err" || fail "wrong system proxy"
+grep -qF "Proxy detected" "$tmp/err" || die "the system proxy was not found"
+grep -qF "proxy is 198.18.0.41 and proxy port is 3128" "$tmp/err" || die "wrong system proxy"
 
-wait_for "Redirector: table inet tsc_swg in force" 1500
+logged "Redirector: table inet tsc_swg in force" 30
 # In force once one family diverts; the IPv4 rules follow when the IPv4 listener listens.
 i=0
 until ip netns exec "$ns" nft list chain inet tsc_swg divert 2>/dev/null | grep -q "ip daddr"; do
-    i=$((i + 1)); [ $i -gt 500 ] && fail "no IPv4 diversion"; sleep 0.02
+    i=$((i + 1)); [ $i -gt 500 ] && die "no IPv4 diversion"; sleep 0.02
 done
 ip netns exec "$ns" curl -s --max-time 10 -x http://198.18.0.40:3128 https://secure.demo.test/ \
     >/dev/null 2>&1
-wait_for "Connection : Proxy = 198.18.0.40 : 3128" 500
-grep -qF "Request made via Proxy 198.18.0.40:3128" "$tmp/err" || fail "CONNECT not seen as a proxy"
+logged "Connection : Proxy = 198.18.0.40 : 3128" 10
+grep -qF "Request made via Proxy 198.18.0.40:3128" "$tmp/err" || die "CONNECT not seen as a proxy"
 stop_agent
 
 mkdir -p "/etc/netns/$ns"
 printf '# proxy of the site\nexport https_proxy="http://198.18.0.42:8080"' >"/etc/netns/$ns/environment"
 start_agent
 grep -qF "proxy is 198.18.0.42 and proxy port is 8080" "$tmp/err" \
-    || fail "the proxy of /etc/environment was not found"
+    || die "the proxy of /etc/environment was not found"
 stop_agent
 echo "system proxy checks passed"
