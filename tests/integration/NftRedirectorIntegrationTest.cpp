@@ -370,6 +370,12 @@ TEST_F(NftRedirectorIntegrationTest, NamesAreFollowedThroughTheLookupService) {
     FakeClock clock;
     CDnsLookupThread resolver(1, 4, names, clock);
     ASSERT_TRUE(resolver.Initialize());
+    // The redirector's name thread calls into the resolver: it must end before the resolver
+    // does, on every way out of this body (TearDown comes too late).
+    struct EndRedirectorFirst {
+        std::unique_ptr<CNftRedirector>& redirector;
+        ~EndRedirectorFirst() { redirector.reset(); }
+    } endRedirectorFirst{m_redirector};
     names.SetAddresses("blocked.test", {}, EAI_AGAIN);
     NftRedirectorOptions options = FastOptions();
     options.lookup = [&resolver](const std::string& name, unsigned int timeoutMs,
