@@ -14,10 +14,11 @@
 # or more is --duration 3600. The binaries come from SWG_BINARY_DIR (default build/debug).
 # The table is made without owner (a stand-in preloaded into the agent, as on kernels before
 # 5.12) so that deleting it is a fault the agent must recover from; SWG_SOAK_OWNED=1 keeps
-# the owned table, whose deletion the kernel refuses. SWG_SOAK_WORKERS (12) concurrent
-# clients, SWG_SOAK_BURST (700) connections per burst, one burst every SWG_SOAK_BURST_EVERY
-# (40) seconds, SWG_SOAK_RSS_SLACK_KIB (the memory bound). Needs root, nft, ip, python3 and
-# openssl; exits 77 (skipped) otherwise.
+# the owned table, whose deletion the kernel refuses. SWG_SOAK_WORKERS (12) workers for
+# clients that must be answered (and half as many for hostile ones), SWG_SOAK_BURST (700)
+# connections per burst, one burst every SWG_SOAK_BURST_EVERY (40) seconds,
+# SWG_SOAK_RSS_SLACK_KIB (the memory bound). docs/testing.md tells the rest. Needs root, nft,
+# ip, python3 and openssl; exits 77 (skipped) otherwise.
 set -u
 duration=100
 out=""

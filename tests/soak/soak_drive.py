@@ -223,7 +223,7 @@ class Faults:
         steps = self.schedule()
         i = 0
         time.sleep(gap)
-        while time.time() + 20 < until and not self.agent.lost:
+        while time.time() + 12 < until and not self.agent.lost:
             kind, action, seconds = steps[i % len(steps)]
             start = time.time()
             note = action(seconds)
@@ -311,7 +311,7 @@ def main():
     main_start = time.time()
     process, results_path = run_load(c, "load", c["duration"], c["burst"])
     faults = Faults(c, agent)
-    fault_thread = threading.Thread(target=faults.run, args=(main_start + c["duration"], 4))
+    fault_thread = threading.Thread(target=faults.run, args=(main_start + c["duration"], 3))
     fault_thread.start()
     fault_thread.join()
     try:
