@@ -103,7 +103,7 @@ cat >"$WORLD_WORK/drive.json" <<EOF
  "workers": ${SWG_SOAK_WORKERS:-12}, "burst": ${SWG_SOAK_BURST:-700}, "burst_every": ${SWG_SOAK_BURST_EVERY:-40},
  "gateway_cmd": ["$gateway", "--listen", "198.18.0.10:443", "--listen", "198.18.0.10:80", "--key", "$key",
                  "--max-connections", "1024"],
- "config": "$conf/SWGConfig.json", "peers": "$here/soak_peers.py", "settle_s": 8,
+ "config": "$conf/SWGConfig.json", "agent_log": "$WORLD_WORK/agent.log", "peers": "$here/soak_peers.py", "settle_s": 8,
  "fd_slack": 4, "thread_slack": 2, "rss_slack_kib": ${SWG_SOAK_RSS_SLACK_KIB:-0}}
 EOF
 python3 "$here/soak_drive.py" "$WORLD_WORK/drive.json"
