@@ -54,16 +54,22 @@ if [ ! -f build/debug/compile_commands.json ]; then
     exit 1
 fi
 # Only what the debug build compiles (the fuzz targets are built by the fuzz preset alone).
-known=$(sed -n 's|^ *"file": "'"$(pwd)"'/\(.*\)",*$|\1|p' build/debug/compile_commands.json |
+# CMake writes the resolved path of the tree, so the match is on that too.
+known=$(sed -n 's|^ *"file": "'"$(pwd -P)"'/\(.*\)",*$|\1|p' build/debug/compile_commands.json |
     grep -E '^(src|tools|tests|bench)/' | sort -u)
 if [ "$mode" = "--all" ]; then
     sources=$known
 else
-    changed=$( (git diff --name-only "$base" -- '*.cpp'; git ls-files --others --exclude-standard '*.cpp') |
+    changed=$( (git diff --name-only "$base" -- '*.cpp' '*.c'
+        git ls-files --others --exclude-standard '*.cpp' '*.c') |
         sort -u)
     sources=$(printf '%s\n' "$changed" | grep -xF "$known" || true)
 fi
 if [ -z "$sources" ]; then
+    if [ "$mode" = "--all" ]; then
+        echo "lint: build/debug/compile_commands.json names no file of this tree" >&2
+        exit 1
+    fi
     echo "==== clang-tidy: no changed source files"
     exit 0
 fi
@@ -71,6 +77,11 @@ echo "==== clang-tidy ($(printf '%s\n' "$sources" | wc -l) files)"
 status=0
 for file in $sources; do
     [ -f "$file" ] || continue
-    clang-tidy -p build/debug --quiet "$file" 2>/dev/null || status=1
+    # Its standard error only counts warnings; the file is named on any failure, so that one
+    # without a finding on standard output (a crash) is not silent.
+    if ! clang-tidy -p build/debug --quiet "$file" 2>/dev/null; then
+        echo "lint: clang-tidy failed on $file" >&2
+        status=1
+    fi
 done
 exit $status

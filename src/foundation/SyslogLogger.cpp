@@ -31,8 +31,9 @@ long CSyslogLogger::Log(Logging::Severity severity, const char* text, const char
                         Logging::MessageID /*id*/, Logging::DebugImportance importance) {
     if (text == nullptr) return SWG_E_MODULE_INVALID_ARG;
     const int priority = PriorityFor(severity, importance);
-    // setlogmask is the syslog form of "is this type enabled".
-    if ((setlogmask(0) & LOG_MASK(priority)) == 0) return 0;
+    // setlogmask is the syslog form of "is this type enabled"; a zero argument only reads
+    // the mask, which nothing in the agent changes.
+    if ((setlogmask(0) & LOG_MASK(priority)) == 0) return 0;  // NOLINT(concurrency-mt-unsafe)
     for (const std::string& piece : SplitText(text)) WritePiece(priority, piece.c_str());
     return 0;
 }

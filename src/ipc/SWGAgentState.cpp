@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 
 #include "config/ConfigFiles.h"
 #include "core/SWGAgent.h"
@@ -175,7 +174,7 @@ int CSWGAgent::UpdateSWGStateFile() {
     }
     if (!ReplaceFile(path, text)) {
         const int error = errno;
-        const std::string what = path + " (" + strerror(error) + ")";
+        const std::string what = path + " (" + ErrnoText(error) + ")";
         DNTRACE(ERR, "CSWGAgent: Failed to open JSON file for writing: %s", what.c_str());
         return -2;
     }

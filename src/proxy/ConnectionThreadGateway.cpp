@@ -440,7 +440,8 @@ long CDnConnectionThread::ReadProxyResponseBody(CDnHttpHeaders& response, bool& 
     long long received = 0;
     while (received < length && !exit_requested) {
         const std::size_t at = drop ? 0 : static_cast<std::size_t>(received);
-        const long long want = std::min<long long>(length - received, held - at);
+        const long long want =
+            std::min<long long>(length - received, static_cast<long long>(held - at));
         const int count = m_pExternalSocket->Receive(body.get() + at, static_cast<int>(want), 0);
         const int error = errno;
         if (count >= 1) {

@@ -5,7 +5,7 @@
  *   owner  tables owned by a socket ("flags owner"), as on kernels before 5.12
  *   nat    the NAT chain type ("type nat")
  */
-#define _GNU_SOURCE
+#define _GNU_SOURCE /* NOLINT(bugprone-reserved-identifier): glibc asks for it, for RTLD_NEXT */
 #include <dlfcn.h>
 #include <stdlib.h>
 #include <string.h>

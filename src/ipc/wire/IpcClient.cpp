@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
+#include "foundation/GlobalUtils.h"
 #include "ipc/wire/IpcPacket.h"
 
 namespace {
@@ -48,7 +48,7 @@ bool CIpcClient::Connect(uint16_t port, uint32_t identity, std::chrono::millisec
     const Clock::time_point deadline = Clock::now() + timeout;
     m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (m_fd < 0) {
-        error = std::strerror(errno);
+        error = ErrnoText(errno);
         return false;
     }
     sockaddr_in agent{};
@@ -68,7 +68,7 @@ bool CIpcClient::Connect(uint16_t port, uint32_t identity, std::chrono::millisec
         result = soError == 0 ? 0 : -1;
     }
     if (result != 0) {
-        error = std::strerror(errno);
+        error = ErrnoText(errno);
         Close();
         return false;
     }

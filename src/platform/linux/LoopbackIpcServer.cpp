@@ -16,11 +16,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <new>
 #include <system_error>
 
 #include "foundation/GlobalConst.h"
+#include "foundation/GlobalUtils.h"
 #include "foundation/Trace.h"
 
 namespace {
@@ -128,7 +128,8 @@ long CLoopbackIpcServer::Setup(const std::list<IPC_IDENTITY>& peers, unsigned in
         }
     }
     if (error != 0) {
-        DNTRACE(ERR, "SecureIPC : cannot listen on 127.0.0.1:%u: %s", m_port, strerror(error));
+        DNTRACE(ERR, "SecureIPC : cannot listen on 127.0.0.1:%u: %s", m_port,
+                ErrnoText(error).c_str());
         TearDown();
         return error;
     }
@@ -168,7 +169,7 @@ long CLoopbackIpcServer::Send(const IPC_MESSAGE& message, unsigned short session
     const int error = SendAll(peer->fd, parts, 2, Clock::now() + m_limits.sendWait);
     if (error == 0) return 0;
     DNTRACE(IPC, "SecureIPC : send to session %u of peer %s failed: %s", session,
-            peer->address.c_str(), strerror(error));
+            peer->address.c_str(), ErrnoText(error).c_str());
     // Part of a frame may be out: the stream is broken. The poll thread sees the shutdown,
     // closes the connection and reports it gone.
     shutdown(peer->fd, SHUT_RDWR);
@@ -187,7 +188,7 @@ void CLoopbackIpcServer::Run() {
         const int ready = poll(waits.data(), waits.size(), NextTimeoutMs(now));
         if (ready < 0 && errno != EINTR) {
             const int error = errno;
-            DNTRACE(ERR, "SecureIPC : poll failed: %s", strerror(error));
+            DNTRACE(ERR, "SecureIPC : poll failed: %s", ErrnoText(error).c_str());
             m_acceptPausedUntil = Clock::now() + kAcceptPause;
             std::this_thread::sleep_for(kAcceptPause);
             continue;
@@ -229,7 +230,7 @@ void CLoopbackIpcServer::Accept(Clock::time_point now) {
             if (error == EAGAIN || error == EWOULDBLOCK) return;
             if (error == EINTR || error == ECONNABORTED || error == EPROTO) continue;
             // Out of descriptors or memory: the listener would stay readable and the loop spin.
-            DNTRACE(ERR, "SecureIPC : accept failed: %s", strerror(error));
+            DNTRACE(ERR, "SecureIPC : accept failed: %s", ErrnoText(error).c_str());
             m_acceptPausedUntil = now + kAcceptPause;
             return;
         }
@@ -270,7 +271,7 @@ void CLoopbackIpcServer::Read(const PeerPtr& peer, Clock::time_point now) {
     if (got < 0) {
         const int error = errno;
         if (error != EAGAIN && error != EWOULDBLOCK && error != EINTR) {
-            Drop(peer, std::string("receive failed: ") + strerror(error));
+            Drop(peer, std::string("receive failed: ") + ErrnoText(error));
         }
         return;
     }

@@ -12,8 +12,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <utility>
+
+#include "foundation/GlobalUtils.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ constexpr int kTransientErrors[] = {ENOMEM, ENOBUFS, EMFILE, ENFILE,
                                     EINTR,  EAGAIN,  EBUSY,  ETIMEDOUT};
 
 bool Names(const std::string& text, int error) {
-    return text.find(std::strerror(error)) != std::string::npos;
+    return text.find(ErrnoText(error)) != std::string::npos;
 }
 
 }  // namespace
@@ -44,7 +45,7 @@ std::unique_ptr<CNftContext> CNftContext::Open(std::string& why) {
     // nft_ctx_new calls exit() when its netlink socket cannot be had; try one first.
     const int probe = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER);
     if (probe < 0) {
-        why = std::string("no netlink socket: ") + std::strerror(errno);
+        why = std::string("no netlink socket: ") + ErrnoText(errno);
         return nullptr;
     }
     ::close(probe);

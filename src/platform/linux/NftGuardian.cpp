@@ -15,9 +15,9 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <thread>
 
+#include "foundation/GlobalUtils.h"
 #include "platform/linux/NftRuleset.h"
 
 namespace {
@@ -75,7 +75,7 @@ pid_t Spawn(int input) {
 std::unique_ptr<CNftGuardian> CNftGuardian::Start(std::string& why) {
     int link[2] = {-1, -1};
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, link) != 0) {
-        why = std::string("no socket pair: ") + std::strerror(errno);
+        why = std::string("no socket pair: ") + ErrnoText(errno);
         return nullptr;
     }
     const pid_t pid = Spawn(link[1]);
@@ -83,7 +83,7 @@ std::unique_ptr<CNftGuardian> CNftGuardian::Start(std::string& why) {
     ::close(link[1]);
     if (pid < 0) {
         ::close(link[0]);
-        why = std::string("cannot start /bin/sh: ") + std::strerror(error);
+        why = std::string("cannot start /bin/sh: ") + ErrnoText(error);
         return nullptr;
     }
     return std::unique_ptr<CNftGuardian>(new CNftGuardian(pid, link[0]));
