@@ -285,8 +285,9 @@ protected:
     void FillBacklog(swg_test::LoopbackListener& listener) {
         for (int i = 0; i < 8; ++i) {
             UniqueFd filler(::socket(Family(), SOCK_STREAM | SOCK_NONBLOCK, 0));
-            ::connect(filler.Get(), reinterpret_cast<sockaddr*>(&listener.address),
-                      listener.length);
+            // Non-blocking: it answers EINPROGRESS; the state below is what counts.
+            (void)::connect(filler.Get(), reinterpret_cast<sockaddr*>(&listener.address),
+                            listener.length);
             const int state = CDnVSocket::IsSocketAvailable(filler.Get(), 2, 0, 200000);
             m_fillers.push_back(std::move(filler));
             if (state == SWG_SOCKET_TIMEOUT) return;

@@ -150,7 +150,9 @@ protected:
         m_child = ::fork();
         if (m_child == 0) {
             const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-            ::connect(fd, reinterpret_cast<sockaddr*>(&m_listener.address), m_listener.length);
+            // The child cannot report; the parent's accept below is what sees the connection.
+            (void)::connect(fd, reinterpret_cast<sockaddr*>(&m_listener.address),
+                            m_listener.length);
             char byte = 0;
             ::close(m_release[1]);
             (void)::read(m_release[0], &byte, 1);
