@@ -4,6 +4,7 @@
 #include <netdb.h>
 
 #include <atomic>
+#include <chrono>
 #include <list>
 #include <string>
 #include <thread>
@@ -219,6 +220,12 @@ TEST_F(DnsLookupTest, ConcurrentLookupsEachGetTheirOwnAnswer) {
                               {"198.18.1." + std::to_string(i)});
     }
     CDnsLookupThread& service = Service(30);
+    // A pause while every worker is taken lets time and the pool's tick pass, as they would
+    // on the real clock; on the fake one the nine pauses would otherwise run out at once.
+    clock.OnSleep([this](std::size_t) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        lookups->Pool()->PurgeIdleThreads();
+    });
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
