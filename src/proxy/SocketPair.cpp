@@ -2,15 +2,20 @@
 // CSocketPair: select() relay between the diverted client and its outgoing socket.
 #include "proxy/SocketPair.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "foundation/Trace.h"
+#include "proxy/DnSocket.h"
 #include "proxy/VSocket.h"
 
 std::atomic<std::uint32_t> g_SockId{0};
@@ -23,9 +28,82 @@ constexpr long kSelectTimeoutUs = 500000;
 constexpr long kSingleByteHoldUs = 200000;
 constexpr std::uint32_t kCallbackThreshold = 512;
 
+constexpr long kNoProgress = -2;
+constexpr unsigned kSpliceFlags = SPLICE_F_MOVE | SPLICE_F_NONBLOCK;
+
 void ResetBuff(SL_BUFF& buff) {
     buff.cur_len = 0;
     buff.cur_ptr = buff.data;
+}
+
+// Pipes that a finished relay left empty, kept for the next relay on the same thread: a pool
+// thread relays connection after connection, and making and closing two pipes costs each
+// one six system calls.
+class PipeStock {
+public:
+    PipeStock() = default;
+    PipeStock(const PipeStock&) = delete;
+    PipeStock& operator=(const PipeStock&) = delete;
+    ~PipeStock() {
+        for (int i = 0; i < m_count; ++i) {
+            ::close(m_ends[i][0]);
+            ::close(m_ends[i][1]);
+        }
+    }
+
+    // False when no pipe can be had (out of descriptors, say).
+    bool Take(int& readEnd, int& writeEnd) {
+        if (m_count > 0) {
+            --m_count;
+            readEnd = m_ends[m_count][0];
+            writeEnd = m_ends[m_count][1];
+            return true;
+        }
+        int ends[2];
+        if (::pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0) return false;
+        readEnd = ends[0];
+        writeEnd = ends[1];
+        return true;
+    }
+
+    // Keeps an empty pipe, or closes it when two are kept already.
+    void Give(int readEnd, int writeEnd) {
+        if (m_count < kKept) {
+            m_ends[m_count][0] = readEnd;
+            m_ends[m_count][1] = writeEnd;
+            ++m_count;
+            return;
+        }
+        ::close(readEnd);
+        ::close(writeEnd);
+    }
+
+private:
+    static constexpr int kKept = 2;
+    int m_ends[kKept][2] = {};
+    int m_count = 0;
+};
+
+thread_local PipeStock t_pipes;
+
+// A splice into a socket whose peer has gone raises SIGPIPE (there is no MSG_NOSIGNAL for
+// it), so splicing is only for a process that ignores the signal, as the agent does.
+bool SigPipeIgnored() {
+    struct sigaction current {};
+    return ::sigaction(SIGPIPE, nullptr, &current) == 0 &&
+           (current.sa_flags & SA_SIGINFO) == 0 && current.sa_handler == SIG_IGN;
+}
+
+// A side can be spliced when it is a plain socket whose Recv and Send would add nothing:
+// no receive prefix left and no deadline.
+bool Spliceable(CDnVSocket& socket) {
+    return dynamic_cast<CDnSocket*>(&socket) != nullptr && socket.UnreadPrefixLength() == 0 &&
+           !socket.HasDeadline() && CFdSet::InRange(socket.GetSocket());
+}
+
+// Errors that say splice cannot serve these descriptors at all, rather than that a side failed.
+bool SpliceRefused(int error) {
+    return error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == ESPIPE;
 }
 
 }  // namespace
@@ -49,6 +127,29 @@ CSocketPair::CSocketPair(CDnVSocket& remote, CDnVSocket& local, const std::atomi
     }
 }
 
+CSocketPair::~CSocketPair() {
+    for (Lane* lane : {&m_up, &m_down}) {
+        if (!lane->Active()) continue;
+        if (lane->queued == 0) {
+            t_pipes.Give(lane->readEnd, lane->writeEnd);
+        } else {
+            ::close(lane->readEnd);
+            ::close(lane->writeEnd);
+        }
+    }
+}
+
+void CSocketPair::OpenLanes() {
+    if (!SigPipeIgnored() || !Spliceable(*m_local) || !Spliceable(*m_remote)) return;
+    for (Lane* lane : {&m_up, &m_down})
+        if (!t_pipes.Take(lane->readEnd, lane->writeEnd)) lane->readEnd = lane->writeEnd = -1;
+}
+
+bool CSocketPair::CanRead(const Lane& lane, const BuffList& freeList) {
+    if (!lane.Active()) return !freeList.empty();
+    return lane.queued < kReadAhead && !lane.slotsFull;
+}
+
 int CSocketPair::ProxyLoop() {
     if (m_local->SendCompleteFromInternalBuffer(m_remote, 0, *m_exit) == -1) {
         const int saved = errno;
@@ -57,6 +158,7 @@ int CSocketPair::ProxyLoop() {
                 m_sockId, static_cast<unsigned>(saved));
         return -1;
     }
+    OpenLanes();
     while (!m_exit->load() && !IsSocketExitConditions()) {
         int result = WaitOnSocketsSelect();
         if (result != 0) return result;
@@ -76,12 +178,12 @@ bool CSocketPair::IsSocketExitConditions() {
                 m_sockId);
         return true;
     }
-    if (m_local_sk == -1 && m_to_remote.empty()) {
+    if (m_local_sk == -1 && !Queued(m_up, m_to_remote)) {
         DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  (m_local_sk == INVALID_SOCKET) && (m_to_remote.cur_len==0)\n",
                 m_sockId);
         return true;
     }
-    if (m_remote_sk == -1 && m_to_local.empty()) {
+    if (m_remote_sk == -1 && !Queued(m_down, m_to_local)) {
         DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  (m_remote_sk == INVALID_SOCKET) && (m_to_local.cur_len==0)\n",
                 m_sockId);
         return true;
@@ -99,11 +201,17 @@ void CSocketPair::EnterWrite(int fd, int& maxFd) {
 }
 
 bool CSocketPair::IsSingleByteHeld() const {
-    if (m_to_local.empty()) return false;
-    const SL_BUFF* front = m_to_local.front();
-    if (front->cur_len != 1 || front->recv_time.is_special()) return false;
+    boost::posix_time::ptime since;
+    if (m_down.Active()) {
+        if (m_down.queued != 1) return false;
+        since = m_down.loneTime;
+    } else {
+        if (m_to_local.empty() || m_to_local.front()->cur_len != 1) return false;
+        since = m_to_local.front()->recv_time;
+    }
+    if (since.is_special()) return false;
     const boost::posix_time::time_duration age =
-        boost::posix_time::microsec_clock::universal_time() - front->recv_time;
+        boost::posix_time::microsec_clock::universal_time() - since;
     // A clock stepped back gives a negative age: release rather than hold without bound.
     return !age.is_negative() && age.total_microseconds() < kSingleByteHoldUs;
 }
@@ -117,10 +225,11 @@ int CSocketPair::WaitOnSocketsSelect() {
         // Only descriptors actually entered count towards nfds: one of 8192 or more is left
         // out, and the kernel must not read bits past the 1024-byte sets.
         int maxFd = -1;
-        if (!m_free_from_local.empty() && m_local_sk != -1) EnterRead(m_local_sk, maxFd);
-        if (!m_to_remote.empty() && m_remote_sk != -1) EnterWrite(m_remote_sk, maxFd);
-        if (!m_free_from_remote.empty() && m_remote_sk != -1) EnterRead(m_remote_sk, maxFd);
-        if (!m_to_local.empty() && m_local_sk != -1) {
+        if (CanRead(m_up, m_free_from_local) && m_local_sk != -1) EnterRead(m_local_sk, maxFd);
+        if (Queued(m_up, m_to_remote) && m_remote_sk != -1) EnterWrite(m_remote_sk, maxFd);
+        if (CanRead(m_down, m_free_from_remote) && m_remote_sk != -1)
+            EnterRead(m_remote_sk, maxFd);
+        if (Queued(m_down, m_to_local) && m_local_sk != -1) {
             if (IsSingleByteHeld())
                 timeoutUs = kSingleByteHoldUs;
             else
@@ -151,8 +260,8 @@ int CSocketPair::SideGoneUnread() {
         int fd;
         bool unread;
         const char* name;
-    } sides[] = {{m_local_sk, m_free_from_local.empty(), "local"},
-                 {m_remote_sk, m_free_from_remote.empty(), "remote"}};
+    } sides[] = {{m_local_sk, !CanRead(m_up, m_free_from_local), "local"},
+                 {m_remote_sk, !CanRead(m_down, m_free_from_remote), "remote"}};
     for (const auto& side : sides) {
         if (side.fd == -1 || !side.unread) continue;
         pollfd entry{side.fd, 0, 0};
@@ -167,20 +276,75 @@ int CSocketPair::SideGoneUnread() {
     return 0;
 }
 
-int CSocketPair::RecvFromLocal() {
-    if (m_free_from_local.empty() || m_local_sk == -1 || !m_read_set.IsSet(m_local_sk)) return 0;
-    SL_BUFF* buff = m_free_from_local.front();
-    const int received = m_local->Recv(buff->data, static_cast<int>(buff->max_len), 0);
-    if (received > 0) {
-        buff->cur_len = static_cast<std::size_t>(received);
+long CSocketPair::SpliceIn(Lane& lane, int fd, BuffList& freeList, BuffList& toSend) {
+    const ssize_t moved =
+        ::splice(fd, nullptr, lane.writeEnd, nullptr, kReadAhead - lane.queued, kSpliceFlags);
+    if (moved > 0) {
+        lane.queued += static_cast<std::size_t>(moved);
+        return static_cast<long>(moved);
+    }
+    if (moved == 0) return 0;
+    const int saved = errno;
+    if (saved == EINTR) return kNoProgress;
+    if (saved == EAGAIN) {
+        // The pipe ran out of slots (small segments take one each) before kReadAhead bytes:
+        // stop reading until a send has made room, or select would return at once for ever.
+        if (lane.queued != 0) lane.slotsFull = true;
+        return kNoProgress;
+    }
+    if (SpliceRefused(saved)) {
+        FallBackToBuffs(lane, freeList, toSend);
+        return kNoProgress;
+    }
+    // As CDnSocket::Recv reports a failed read.
+    if (saved != ECONNRESET)
+        DNTRACE(ERR, "Socket : socket(%d) receive error. Code : %d", fd, saved);
+    errno = saved;
+    return -1;
+}
+
+void CSocketPair::FallBackToBuffs(Lane& lane, BuffList& freeList, BuffList& toSend) {
+    // At most kReadAhead bytes are in the pipe, and every buffer of the direction is free
+    // while it is spliced, so they all fit.
+    while (lane.queued != 0 && !freeList.empty()) {
+        SL_BUFF* buff = freeList.front();
+        const ssize_t got = ::read(lane.readEnd, buff->data,
+                                   std::min<std::size_t>(lane.queued, buff->max_len));
+        if (got <= 0) break;
+        buff->cur_len = static_cast<std::size_t>(got);
         buff->cur_ptr = buff->data;
-        m_to_remote.splice(m_to_remote.end(), m_free_from_local, m_free_from_local.begin());
+        buff->recv_time = lane.loneTime;
+        lane.queued -= static_cast<std::size_t>(got);
+        toSend.splice(toSend.end(), freeList, freeList.begin());
+    }
+    ::close(lane.readEnd);
+    ::close(lane.writeEnd);
+    lane = Lane{};
+}
+
+int CSocketPair::RecvFromLocal() {
+    if (!CanRead(m_up, m_free_from_local) || m_local_sk == -1 || !m_read_set.IsSet(m_local_sk))
         return 0;
+    int received = 0;
+    if (m_up.Active()) {
+        const long moved = SpliceIn(m_up, m_local_sk, m_free_from_local, m_to_remote);
+        if (moved > 0) return 0;
+        if (moved == kNoProgress) return 0;  // a fallen-back lane reads on the next pass
+        received = static_cast<int>(moved);
+    } else {
+        SL_BUFF* buff = m_free_from_local.front();
+        received = m_local->Recv(buff->data, static_cast<int>(buff->max_len), 0);
+        if (received > 0) {
+            buff->cur_len = static_cast<std::size_t>(received);
+            buff->cur_ptr = buff->data;
+            m_to_remote.splice(m_to_remote.end(), m_free_from_local, m_free_from_local.begin());
+            return 0;
+        }
+        ResetBuff(*buff);
     }
     const int saved = errno;
-    ResetBuff(*buff);
     m_local_sk = -1;
-    if (!m_to_remote.empty()) return 0;
+    if (Queued(m_up, m_to_remote)) return 0;
     if (received == 0)
         DNTRACE(BRIDGE,
                 "(%u)Exiting on socket condition:  RecvFromLocal(), normal connection close\n",
@@ -192,7 +356,22 @@ int CSocketPair::RecvFromLocal() {
 }
 
 int CSocketPair::RecvFromRemote() {
-    if (m_free_from_remote.empty() || m_remote_sk == -1 || !m_read_set.IsSet(m_remote_sk)) return 0;
+    if (!CanRead(m_down, m_free_from_remote) || m_remote_sk == -1 ||
+        !m_read_set.IsSet(m_remote_sk))
+        return 0;
+    if (m_down.Active()) {
+        const bool wasEmpty = m_down.queued == 0;
+        const long moved = SpliceIn(m_down, m_remote_sk, m_free_from_remote, m_to_local);
+        if (moved == kNoProgress) return 0;
+        if (moved > 0) {
+            NoteRemoteBytes(static_cast<int>(moved));
+            // Bytes behind a held lone byte join it in the pipe and go out with it.
+            if (wasEmpty && moved == 1)
+                m_down.loneTime = boost::posix_time::microsec_clock::universal_time();
+            return 0;
+        }
+        return RemoteEnded(static_cast<int>(moved), errno);
+    }
     const bool append = !m_to_local.empty() && m_to_local.back()->cur_len == 1;
     SL_BUFF* buff = append ? m_to_local.back() : m_free_from_remote.front();
     if (append && buff->cur_ptr != buff->data) {
@@ -208,18 +387,7 @@ int CSocketPair::RecvFromRemote() {
     if (received <= 0) {
         const int saved = errno;
         if (!append) ResetBuff(*buff);
-        m_remote_sk = -1;
-        if (!m_to_local.empty()) return 0;
-        // Log texts stay whole, so that they can be searched for.
-        // clang-format off
-        if (received == 0)
-            DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  RecvFromRemote(), exit on normal connection close\n",
-                    m_sockId);
-        else
-            DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  RecvFromRemote(), error=%u\n",
-                    m_sockId, static_cast<unsigned>(saved));
-        // clang-format on
-        return SWG_RELAY_SIDE_FINISHED;
+        return RemoteEnded(received, saved);
     }
 
     NoteRemoteBytes(received);
@@ -234,6 +402,21 @@ int CSocketPair::RecvFromRemote() {
     return 0;
 }
 
+int CSocketPair::RemoteEnded(int received, int saved) {
+    m_remote_sk = -1;
+    if (Queued(m_down, m_to_local)) return 0;
+    // Log texts stay whole, so that they can be searched for.
+    // clang-format off
+    if (received == 0)
+        DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  RecvFromRemote(), exit on normal connection close\n",
+                m_sockId);
+    else
+        DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  RecvFromRemote(), error=%u\n",
+                m_sockId, static_cast<unsigned>(saved));
+    // clang-format on
+    return SWG_RELAY_SIDE_FINISHED;
+}
+
 void CSocketPair::NoteRemoteBytes(int count) {
     if (m_bCallbackDone) return;
     m_remoteBytes += static_cast<std::uint32_t>(count);
@@ -243,16 +426,35 @@ void CSocketPair::NoteRemoteBytes(int count) {
 }
 
 int CSocketPair::SendToRemote() {
-    return SendFront(m_to_remote, m_free_from_local, *m_remote, m_remote_sk, m_to_local, true);
+    return SendFront(m_up, m_to_remote, m_free_from_local, *m_remote, m_remote_sk,
+                     Queued(m_down, m_to_local), true);
 }
 
 int CSocketPair::SendToLocal() {
-    return SendFront(m_to_local, m_free_from_remote, *m_local, m_local_sk, m_to_remote, false);
+    return SendFront(m_down, m_to_local, m_free_from_remote, *m_local, m_local_sk,
+                     Queued(m_up, m_to_remote), false);
 }
 
-int CSocketPair::SendFront(BuffList& toSend, BuffList& freeList, CDnVSocket& target, int& targetSk,
-                           const BuffList& opposite, bool toRemote) {
-    if (toSend.empty() || targetSk == -1 || !m_write_set.IsSet(targetSk)) return 0;
+int CSocketPair::SendFront(Lane& lane, BuffList& toSend, BuffList& freeList, CDnVSocket& target,
+                           int& targetSk, bool oppositeQueued, bool toRemote) {
+    if (!Queued(lane, toSend) || targetSk == -1 || !m_write_set.IsSet(targetSk)) return 0;
+    if (lane.Active()) {
+        // All the pipe holds in one call, as a buffer's bytes go in one send.
+        const ssize_t moved =
+            ::splice(lane.readEnd, nullptr, targetSk, nullptr, lane.queued, kSpliceFlags);
+        if (moved > 0) {
+            lane.queued -= static_cast<std::size_t>(moved);
+            lane.slotsFull = false;
+            return 0;
+        }
+        const int saved = errno;
+        if (moved == -1 && (saved == EINTR || saved == EAGAIN)) return 0;
+        if (moved == -1 && SpliceRefused(saved)) {
+            FallBackToBuffs(lane, freeList, toSend);
+            return 0;  // the buffers go out on the next writable pass
+        }
+        return TargetEnded(targetSk, oppositeQueued, toRemote, saved);
+    }
     SL_BUFF* buff = toSend.front();
     if (buff->cur_len == 0) {
         ResetBuff(*buff);
@@ -266,15 +468,7 @@ int CSocketPair::SendFront(BuffList& toSend, BuffList& freeList, CDnVSocket& tar
         // nothing sends from that list again.
         ResetBuff(*buff);
         freeList.push_back(buff);
-        targetSk = -1;
-        if (!opposite.empty()) return 0;
-        if (toRemote)
-            DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  SendToRemote(), error=%u\n",
-                    m_sockId, static_cast<unsigned>(saved));
-        else
-            DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  SendToLocal(), error=%u\n", m_sockId,
-                    static_cast<unsigned>(saved));
-        return SWG_RELAY_SIDE_FINISHED;
+        return TargetEnded(targetSk, oppositeQueued, toRemote, saved);
     }
     if (static_cast<std::size_t>(sent) >= buff->cur_len) {
         ResetBuff(*buff);
@@ -284,4 +478,16 @@ int CSocketPair::SendFront(BuffList& toSend, BuffList& freeList, CDnVSocket& tar
         buff->cur_ptr += sent;
     }
     return 0;
+}
+
+int CSocketPair::TargetEnded(int& targetSk, bool oppositeQueued, bool toRemote, int saved) {
+    targetSk = -1;
+    if (oppositeQueued) return 0;
+    if (toRemote)
+        DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  SendToRemote(), error=%u\n", m_sockId,
+                static_cast<unsigned>(saved));
+    else
+        DNTRACE(BRIDGE, "(%u)Exiting on socket condition:  SendToLocal(), error=%u\n", m_sockId,
+                static_cast<unsigned>(saved));
+    return SWG_RELAY_SIDE_FINISHED;
 }

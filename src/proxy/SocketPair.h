@@ -42,9 +42,17 @@ struct SL_BUFF {
 // Relays between a local socket (the diverted client) and a remote one (gateway or original
 // destination) on the calling thread, with one select loop and no further threads.
 //
-// All six buffers are members, so a pair costs about 96 KB of the thread's stack. Buffers
-// move between the lists by splicing their nodes, so the loop allocates nothing (only a
-// failed send adds a node). Neither socket is owned or closed, and neither is ever
+// A direction whose two sides are plain CDnSockets is carried by splice(2) through a pipe,
+// so its bytes never enter user space; the pipe holds at most three buffers' worth (48 KB)
+// and everything else (the hold of a lone byte, the callback, the exit conditions and their
+// log lines) behaves as with the buffers. A direction falls back to the buffers when its
+// pipe cannot be had, splice refuses one of its descriptors, a side still has bytes that
+// only Recv can give (a receive prefix) or a deadline, or SIGPIPE is not ignored (a splice
+// into a socket whose peer has gone raises it, and the agent ignores it).
+//
+// All six buffers are members, so a pair costs about 96 KB of the thread's stack (untouched
+// while a direction is spliced). Buffers move between the lists by splicing their nodes,
+// so the loop allocates nothing (only a failed send adds a node). Neither socket is owned or closed, and neither is ever
 // shut down: when one side ends, the other learns it only when its owner closes it. A side
 // that resets while its direction is full ends the relay, whatever is still queued.
 //
@@ -57,7 +65,8 @@ public:
     // thread, when the remote side has sent more than 512 bytes; its result is ignored.
     CSocketPair(CDnVSocket& remote, CDnVSocket& local, const std::atomic<bool>& exit,
                 boost::function<bool()>& callback);
-    virtual ~CSocketPair() = default;
+    // Keeps empty pipes for the thread's next relay; closes any others.
+    virtual ~CSocketPair();
     CSocketPair(const CSocketPair&) = delete;
     CSocketPair& operator=(const CSocketPair&) = delete;
 
@@ -87,6 +96,34 @@ private:
     using BuffList = std::list<SL_BUFF*>;
 
     static constexpr int kBuffsPerDirection = 3;
+    // Most bytes a direction holds, by either path.
+    static constexpr std::size_t kReadAhead = kBuffsPerDirection * SL_BUFF::kCapacity;
+
+    // One direction's pipe while that direction is spliced (readEnd not -1).
+    struct Lane {
+        int readEnd = -1;
+        int writeEnd = -1;
+        std::size_t queued = 0;  // bytes in the pipe
+        bool slotsFull = false;  // the pipe took no more before kReadAhead; cleared by a send
+        // When a one-byte read went into the empty pipe: the lone byte's hold starts there.
+        boost::posix_time::ptime loneTime;
+        bool Active() const { return readEnd != -1; }
+    };
+
+    // Gives each eligible direction its pipe; called after the sniffed bytes have gone.
+    void OpenLanes();
+    // Reads from `fd` into the lane: the count, 0 at end of stream, -1 with errno on failure,
+    // or kNoProgress when nothing moved and nothing ended (pipe full, interrupted, or the
+    // lane has just fallen back to the buffers).
+    long SpliceIn(Lane& lane, int fd, BuffList& freeList, BuffList& toSend);
+    // Moves what the lane's pipe holds into free buffers at the back of `toSend` and closes
+    // the pipe: the direction goes on by copying.
+    void FallBackToBuffs(Lane& lane, BuffList& freeList, BuffList& toSend);
+    // Room to read into for a direction, and whether anything waits to be sent.
+    static bool CanRead(const Lane& lane, const BuffList& freeList);
+    static bool Queued(const Lane& lane, const BuffList& toSend) {
+        return lane.queued != 0 || !toSend.empty();
+    }
 
     // Enter `fd` in a set unless it is out of range, raising `maxFd` to it when entered.
     void EnterRead(int fd, int& maxFd);
@@ -96,12 +133,18 @@ private:
     int SideGoneUnread();
     // True while the front of m_to_local is a lone byte younger than the hold.
     bool IsSingleByteHeld() const;
+    // The remote side has ended (`received` 0) or failed with `saved`: marks it finished and
+    // returns as RecvFromRemote does.
+    int RemoteEnded(int received, int saved);
+    // A send to `targetSk` failed with `saved`: marks that side finished and returns as
+    // SendToRemote and SendToLocal do.
+    int TargetEnded(int& targetSk, bool oppositeQueued, bool toRemote, int saved);
     // Counts bytes from the remote side and runs the callback once past 512.
     void NoteRemoteBytes(int count);
     // One send from the front of `toSend` to `target`, for either direction; returns as
     // SendToRemote and SendToLocal do.
-    int SendFront(BuffList& toSend, BuffList& freeList, CDnVSocket& target, int& targetSk,
-                  const BuffList& opposite, bool toRemote);
+    int SendFront(Lane& lane, BuffList& toSend, BuffList& freeList, CDnVSocket& target,
+                  int& targetSk, bool oppositeQueued, bool toRemote);
 
     CDnVSocket* m_remote;
     CDnVSocket* m_local;
@@ -114,6 +157,8 @@ private:
     BuffList m_to_remote;
     BuffList m_free_from_remote;
     BuffList m_to_local;
+    Lane m_up;    // local to remote
+    Lane m_down;  // remote to local
     const std::atomic<bool>* m_exit;
     std::uint32_t m_sockId;
     std::uint32_t m_remoteBytes = 0;

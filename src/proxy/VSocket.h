@@ -101,6 +101,8 @@ public:
     void ClearDeadline() { m_bDeadline = false; }
     // True when a Recv or Send failed because the deadline had passed.
     bool TimedOut() const { return m_bTimedOut; }
+    // True while a deadline is set.
+    bool HasDeadline() const { return m_bDeadline; }
 
     // Empties the line buffer and reserves 1024 bytes; a buffer that grew past a few times
     // that gives its memory back.
@@ -176,7 +178,6 @@ protected:
     // Waits for `events` (POLLIN, POLLOUT) on the descriptor until the deadline, when one is
     // set. True when the call may go ahead; false with errno ETIMEDOUT once it has passed.
     bool WaitBeforeDeadline(short events);
-    bool HasDeadline() const { return m_bDeadline; }
 
     std::atomic<int> m_socket;
     std::string m_prefix;

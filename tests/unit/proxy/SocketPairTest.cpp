@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The relay end to end: a client and a server over loopback TCP, CSocketPair between them.
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -9,6 +11,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <optional>
@@ -30,10 +34,14 @@ using swg_test::UniqueFd;
 using swg_test::WriteAll;
 
 // client <-> local ==relay== remote <-> server. The relay runs on its own thread with the
-// pair on that thread's stack, as on a connection thread.
-class SocketPairTest : public ::testing::Test {
+// pair on that thread's stack, as on a connection thread. Every case runs spliced (SIGPIPE
+// ignored, as in the agent) and copied (SIGPIPE left to its default, where the relay must
+// not splice).
+class SocketPairTest : public ::testing::TestWithParam<bool> {
 protected:
     void SetUp() override {
+        m_savedPipe = std::signal(SIGPIPE, GetParam() ? SIG_IGN : SIG_DFL);
+        m_basePipeEnds = OpenPipeEnds();
         swg_test::TcpPair near = swg_test::MakeTcpPair(AF_INET);
         swg_test::TcpPair far = swg_test::MakeTcpPair(AF_INET);
         ASSERT_NE(near.a.Get(), -1);
@@ -53,6 +61,7 @@ protected:
             m_relay.wait();
         }
         ::setrlimit(RLIMIT_NOFILE, &m_savedLimit);
+        std::signal(SIGPIPE, m_savedPipe);
     }
 
     void StartRelay() {
@@ -94,6 +103,38 @@ protected:
         return true;
     }
 
+    // Pipe ends open in this process (the test runner's output may be pipes too).
+    static int OpenPipeEnds() {
+        int count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code error;
+            const auto target = std::filesystem::read_symlink(entry.path(), error);
+            if (target.string().rfind("pipe:", 0) == 0) ++count;
+        }
+        return count;
+    }
+
+    // Sends from the client without blocking until nothing has gone for 300 ms; the count.
+    long FillFromClient() {
+        const std::string chunk = PatternBytes(4096, 10);
+        long total = 0;
+        const auto start = Clock::now();
+        auto lastProgress = start;
+        while (Clock::now() - lastProgress < 300ms && Clock::now() - start < 5s) {
+            const ssize_t sent =
+                ::send(m_client.Get(), chunk.data(), chunk.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (sent > 0) {
+                total += sent;
+                lastProgress = Clock::now();
+            } else {
+                std::this_thread::sleep_for(5ms);
+            }
+        }
+        return total;
+    }
+
+    __sighandler_t m_savedPipe = SIG_DFL;
+    int m_basePipeEnds = 0;
     UniqueFd m_client;
     UniqueFd m_server;
     std::unique_ptr<CDnSocket> m_local;
@@ -108,7 +149,7 @@ protected:
 
 // Lost, doubled or reordered bytes under load in either direction (buffer list bookkeeping),
 // also on descriptors above FD_SETSIZE, where glibc's fd_set would overflow.
-TEST_F(SocketPairTest, MultiMegabyteTransferBothWaysArrivesIntact) {
+TEST_P(SocketPairTest, MultiMegabyteTransferBothWaysArrivesIntact) {
     const bool high = MoveTo(m_local, 2000) && MoveTo(m_remote, 2001);
     if (!high) GTEST_LOG_(WARNING) << "relaying on low descriptors only";
     const std::string up = PatternBytes(6 << 20, 1);
@@ -131,7 +172,7 @@ TEST_F(SocketPairTest, MultiMegabyteTransferBothWaysArrivesIntact) {
 }
 
 // Bytes read while sniffing must reach the remote side before anything read later.
-TEST_F(SocketPairTest, SniffedBytesReachRemoteFirst) {
+TEST_P(SocketPairTest, SniffedBytesReachRemoteFirst) {
     SniffedHeadThenTail();
     StartRelay();
     std::string got;
@@ -140,7 +181,7 @@ TEST_F(SocketPairTest, SniffedBytesReachRemoteFirst) {
 }
 
 // A failed flush of sniffed bytes must end the relay at once, before it reads anything more.
-TEST_F(SocketPairTest, FailedFlushEndsBeforeAnySelect) {
+TEST_P(SocketPairTest, FailedFlushEndsBeforeAnySelect) {
     SniffedHeadThenTail();
     ASSERT_EQ(m_remote->Shutdown(SHUT_WR), 0);
     StartRelay();
@@ -150,7 +191,7 @@ TEST_F(SocketPairTest, FailedFlushEndsBeforeAnySelect) {
 
 // A lone byte from the remote must be held about 200 ms, not sent at once nor kept for good;
 // bytes following a held byte go behind it and reach the client in one write.
-TEST_F(SocketPairTest, LoneRemoteByteIsHeldThenSentWithWhatFollows) {
+TEST_P(SocketPairTest, LoneRemoteByteIsHeldThenSentWithWhatFollows) {
     StartRelay();
     ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
     const auto sent = Clock::now();
@@ -176,7 +217,7 @@ TEST_F(SocketPairTest, LoneRemoteByteIsHeldThenSentWithWhatFollows) {
 
 // The no-redirect exception must be removed once, at the 513th remote byte and not before;
 // local bytes do not count.
-TEST_F(SocketPairTest, CallbackFiresOnceAfter512RemoteBytes) {
+TEST_P(SocketPairTest, CallbackFiresOnceAfter512RemoteBytes) {
     StartRelay();
     std::string got;
     const auto pass = [&](int from, int to, std::size_t count, unsigned seed) {
@@ -194,7 +235,7 @@ TEST_F(SocketPairTest, CallbackFiresOnceAfter512RemoteBytes) {
 }
 
 // A remote that closes right after its data must not cut off what is still queued for the client.
-TEST_F(SocketPairTest, RemoteCloseAfterDataStillDeliversTheData) {
+TEST_P(SocketPairTest, RemoteCloseAfterDataStillDeliversTheData) {
     const std::string reply = PatternBytes(40000, 8);
     ASSERT_TRUE(WriteAll(m_server.Get(), reply, 1s));
     m_server.Reset();
@@ -209,7 +250,7 @@ TEST_F(SocketPairTest, RemoteCloseAfterDataStillDeliversTheData) {
 }
 
 // A local half-close ends the relay (10058) without passing the half-close on: no Shutdown.
-TEST_F(SocketPairTest, LocalHalfCloseEndsRelayWithoutHalfClosingRemote) {
+TEST_P(SocketPairTest, LocalHalfCloseEndsRelayWithoutHalfClosingRemote) {
     StartRelay();
     std::string got;
     ASSERT_TRUE(WriteAll(m_client.Get(), "REQ", 1s));
@@ -221,7 +262,7 @@ TEST_F(SocketPairTest, LocalHalfCloseEndsRelayWithoutHalfClosingRemote) {
 
 // A direction whose buffers are all full must drop its read interest; otherwise the waiting
 // bytes make every select return at once and the relay spins.
-TEST_F(SocketPairTest, FullDirectionDoesNotSpin) {
+TEST_P(SocketPairTest, FullDirectionDoesNotSpin) {
     StartRelay();
     ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
     std::thread writer([&] { (void)WriteAll(m_client.Get(), PatternBytes(16 << 20, 9), 900ms); });
@@ -238,7 +279,7 @@ TEST_F(SocketPairTest, FullDirectionDoesNotSpin) {
 }
 
 // A descriptor of 8192 or more must never be entered in the sets, so that side is never served.
-TEST_F(SocketPairTest, DescriptorOf8192OrMoreIsNeverServed) {
+TEST_P(SocketPairTest, DescriptorOf8192OrMoreIsNeverServed) {
     if (!MoveTo(m_local, 8200)) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE to 8300";
     ASSERT_TRUE(WriteAll(m_client.Get(), "ping", 1s));
     ASSERT_TRUE(WriteAll(m_server.Get(), "pong", 1s));
@@ -249,5 +290,53 @@ TEST_F(SocketPairTest, DescriptorOf8192OrMoreIsNeverServed) {
     m_exit = true;
     EXPECT_EQ(RelayResult(1500ms), SWG_SOCKET_TIMEOUT);
 }
+
+// A direction must hold at most three buffers' worth (48 KB) while its target takes nothing,
+// on either path; bytes not in a socket queue (sent counts once: at the receiver) are in the
+// relay.
+TEST_P(SocketPairTest, StalledDirectionHoldsAtMost48KB) {
+    StartRelay();
+    ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
+    const long written = FillFromClient();
+    if (GetParam()) {
+        EXPECT_EQ(OpenPipeEnds() - m_basePipeEnds, 4) << "the relay did not splice";
+    }
+    int clientOut = 0;
+    int localIn = 0;
+    int remoteOut = 0;
+    int serverIn = 0;
+    ASSERT_EQ(::ioctl(m_client.Get(), SIOCOUTQNSD, &clientOut), 0);
+    ASSERT_EQ(::ioctl(m_local->GetSocket(), SIOCINQ, &localIn), 0);
+    ASSERT_EQ(::ioctl(m_remote->GetSocket(), SIOCOUTQNSD, &remoteOut), 0);
+    ASSERT_EQ(::ioctl(m_server.Get(), SIOCINQ, &serverIn), 0);
+    const long held = written - clientOut - localIn - remoteOut - serverIn;
+    EXPECT_GT(held, 0);
+    EXPECT_LE(held, 3 * 16384);
+}
+
+// Without descriptors for its pipes the relay must carry the bytes by copying.
+TEST_P(SocketPairTest, NoDescriptorsForPipesStillRelays) {
+    const int lowest = ::dup(0);
+    ASSERT_NE(lowest, -1);
+    ::close(lowest);
+    rlimit none = m_savedLimit;
+    none.rlim_cur = static_cast<rlim_t>(lowest);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    StartRelay();
+    std::string got;
+    ASSERT_TRUE(WriteAll(m_client.Get(), PatternBytes(100000, 11), 2s));
+    ASSERT_TRUE(ReadExactly(m_server.Get(), 100000, got, 3s));
+    EXPECT_TRUE(got == PatternBytes(100000, 11));
+    ASSERT_TRUE(WriteAll(m_server.Get(), PatternBytes(100000, 12), 2s));
+    ASSERT_TRUE(ReadExactly(m_client.Get(), 100000, got, 3s));
+    EXPECT_TRUE(got == PatternBytes(100000, 12));
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &m_savedLimit), 0);
+    EXPECT_EQ(OpenPipeEnds(), m_basePipeEnds);
+}
+
+INSTANTIATE_TEST_SUITE_P(Relay, SocketPairTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& param) {
+                             return param.param ? "Spliced" : "Copied";
+                         });
 
 }  // namespace
