@@ -61,6 +61,11 @@ public:
         }
         int ends[2];
         if (::pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0) return false;
+        if (ends[1] >= kDescriptorCeiling) {
+            ::close(ends[0]);
+            ::close(ends[1]);
+            return false;
+        }
         readEnd = ends[0];
         writeEnd = ends[1];
         return true;
@@ -80,6 +85,10 @@ public:
 
 private:
     static constexpr int kKept = 2;
+    // Pipes take only descriptors below this: the two listeners' 1,500 connections then
+    // still find socket numbers below the 8192 that the relay's select sets hold, while
+    // four pipe ends each would not leave them room.
+    static constexpr int kDescriptorCeiling = 4096;
     int m_ends[kKept][2] = {};
     int m_count = 0;
 };
