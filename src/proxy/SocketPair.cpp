@@ -99,8 +99,8 @@ thread_local PipeStock t_pipes;
 // it), so splicing is only for a process that ignores the signal, as the agent does.
 bool SigPipeIgnored() {
     struct sigaction current {};
-    return ::sigaction(SIGPIPE, nullptr, &current) == 0 &&
-           (current.sa_flags & SA_SIGINFO) == 0 && current.sa_handler == SIG_IGN;
+    return ::sigaction(SIGPIPE, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) == 0 &&
+           current.sa_handler == SIG_IGN;
 }
 
 // A side can be spliced when it is a plain socket whose Recv and Send would add nothing:
@@ -236,8 +236,7 @@ int CSocketPair::WaitOnSocketsSelect() {
         int maxFd = -1;
         if (CanRead(m_up, m_free_from_local) && m_local_sk != -1) EnterRead(m_local_sk, maxFd);
         if (Queued(m_up, m_to_remote) && m_remote_sk != -1) EnterWrite(m_remote_sk, maxFd);
-        if (CanRead(m_down, m_free_from_remote) && m_remote_sk != -1)
-            EnterRead(m_remote_sk, maxFd);
+        if (CanRead(m_down, m_free_from_remote) && m_remote_sk != -1) EnterRead(m_remote_sk, maxFd);
         if (Queued(m_down, m_to_local) && m_local_sk != -1) {
             if (IsSingleByteHeld())
                 timeoutUs = kSingleByteHoldUs;
@@ -317,8 +316,8 @@ void CSocketPair::FallBackToBuffs(Lane& lane, BuffList& freeList, BuffList& toSe
     // while it is spliced, so they all fit.
     while (lane.queued != 0 && !freeList.empty()) {
         SL_BUFF* buff = freeList.front();
-        const ssize_t got = ::read(lane.readEnd, buff->data,
-                                   std::min<std::size_t>(lane.queued, buff->max_len));
+        const ssize_t got =
+            ::read(lane.readEnd, buff->data, std::min<std::size_t>(lane.queued, buff->max_len));
         if (got <= 0) break;
         buff->cur_len = static_cast<std::size_t>(got);
         buff->cur_ptr = buff->data;
@@ -365,8 +364,7 @@ int CSocketPair::RecvFromLocal() {
 }
 
 int CSocketPair::RecvFromRemote() {
-    if (!CanRead(m_down, m_free_from_remote) || m_remote_sk == -1 ||
-        !m_read_set.IsSet(m_remote_sk))
+    if (!CanRead(m_down, m_free_from_remote) || m_remote_sk == -1 || !m_read_set.IsSet(m_remote_sk))
         return 0;
     if (m_down.Active()) {
         const bool wasEmpty = m_down.queued == 0;

@@ -52,9 +52,11 @@ struct SL_BUFF {
 //
 // All six buffers are members, so a pair costs about 96 KB of the thread's stack (untouched
 // while a direction is spliced). Buffers move between the lists by splicing their nodes,
-// so the loop allocates nothing (only a failed send adds a node). Neither socket is owned or closed, and neither is ever
-// shut down: when one side ends, the other learns it only when its owner closes it. A side
-// that resets while its direction is full ends the relay, whatever is still queued.
+// so the loop allocates nothing (only a failed send adds a node).
+//
+// Neither socket is owned or closed, and neither is ever shut down: when one side ends, the
+// other learns it only when its owner closes it. A side that resets while its direction is
+// full ends the relay, whatever is still queued.
 //
 // Threading: every member runs on the constructing thread. Another thread may set the exit
 // flag (and close or shut down the descriptors); the loop then ends within about 500 ms.
