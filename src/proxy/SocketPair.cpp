@@ -36,64 +36,24 @@ void ResetBuff(SL_BUFF& buff) {
     buff.cur_ptr = buff.data;
 }
 
-// Pipes that a finished relay left empty, kept for the next relay on the same thread: a pool
-// thread relays connection after connection, and making and closing two pipes costs each
-// one six system calls.
-class PipeStock {
-public:
-    PipeStock() = default;
-    PipeStock(const PipeStock&) = delete;
-    PipeStock& operator=(const PipeStock&) = delete;
-    ~PipeStock() {
-        for (int i = 0; i < m_count; ++i) {
-            ::close(m_ends[i][0]);
-            ::close(m_ends[i][1]);
-        }
+// Pipes take only descriptors below this: the two listeners' 1,500 connections then still
+// find socket numbers below the 8192 that the relay's select sets hold, while four pipe ends
+// each would not leave them room.
+constexpr int kPipeDescriptorCeiling = 4096;
+
+// A pipe for one direction; false when none can be had (out of descriptors, say).
+bool OpenPipe(int& readEnd, int& writeEnd) {
+    int ends[2];
+    if (::pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0) return false;
+    if (ends[1] >= kPipeDescriptorCeiling) {
+        ::close(ends[0]);
+        ::close(ends[1]);
+        return false;
     }
-
-    // False when no pipe can be had (out of descriptors, say).
-    bool Take(int& readEnd, int& writeEnd) {
-        if (m_count > 0) {
-            --m_count;
-            readEnd = m_ends[m_count][0];
-            writeEnd = m_ends[m_count][1];
-            return true;
-        }
-        int ends[2];
-        if (::pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0) return false;
-        if (ends[1] >= kDescriptorCeiling) {
-            ::close(ends[0]);
-            ::close(ends[1]);
-            return false;
-        }
-        readEnd = ends[0];
-        writeEnd = ends[1];
-        return true;
-    }
-
-    // Keeps an empty pipe, or closes it when two are kept already.
-    void Give(int readEnd, int writeEnd) {
-        if (m_count < kKept) {
-            m_ends[m_count][0] = readEnd;
-            m_ends[m_count][1] = writeEnd;
-            ++m_count;
-            return;
-        }
-        ::close(readEnd);
-        ::close(writeEnd);
-    }
-
-private:
-    static constexpr int kKept = 2;
-    // Pipes take only descriptors below this: the two listeners' 1,500 connections then
-    // still find socket numbers below the 8192 that the relay's select sets hold, while
-    // four pipe ends each would not leave them room.
-    static constexpr int kDescriptorCeiling = 4096;
-    int m_ends[kKept][2] = {};
-    int m_count = 0;
-};
-
-thread_local PipeStock t_pipes;
+    readEnd = ends[0];
+    writeEnd = ends[1];
+    return true;
+}
 
 // A splice into a socket whose peer has gone raises SIGPIPE (there is no MSG_NOSIGNAL for
 // it), so splicing is only for a process that ignores the signal, as the agent does.
@@ -139,19 +99,15 @@ CSocketPair::CSocketPair(CDnVSocket& remote, CDnVSocket& local, const std::atomi
 CSocketPair::~CSocketPair() {
     for (Lane* lane : {&m_up, &m_down}) {
         if (!lane->Active()) continue;
-        if (lane->queued == 0) {
-            t_pipes.Give(lane->readEnd, lane->writeEnd);
-        } else {
-            ::close(lane->readEnd);
-            ::close(lane->writeEnd);
-        }
+        ::close(lane->readEnd);
+        ::close(lane->writeEnd);
     }
 }
 
 void CSocketPair::OpenLanes() {
     if (!SigPipeIgnored() || !Spliceable(*m_local) || !Spliceable(*m_remote)) return;
     for (Lane* lane : {&m_up, &m_down})
-        if (!t_pipes.Take(lane->readEnd, lane->writeEnd)) lane->readEnd = lane->writeEnd = -1;
+        if (!OpenPipe(lane->readEnd, lane->writeEnd)) lane->readEnd = lane->writeEnd = -1;
 }
 
 bool CSocketPair::CanRead(const Lane& lane, const BuffList& freeList) {

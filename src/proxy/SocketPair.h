@@ -67,7 +67,7 @@ public:
     // thread, when the remote side has sent more than 512 bytes; its result is ignored.
     CSocketPair(CDnVSocket& remote, CDnVSocket& local, const std::atomic<bool>& exit,
                 boost::function<bool()>& callback);
-    // Keeps empty pipes for the thread's next relay; closes any others.
+    // Closes the pipes.
     virtual ~CSocketPair();
     CSocketPair(const CSocketPair&) = delete;
     CSocketPair& operator=(const CSocketPair&) = delete;
