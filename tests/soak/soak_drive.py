@@ -315,7 +315,10 @@ def main():
     main_start = time.time()
     process, results_path = run_load(c, "load", c["duration"], c["burst"])
     faults = Faults(c, agent)
-    fault_thread = threading.Thread(target=faults.run, args=(main_start + c["duration"], 3))
+    # A short run meets each fault once; a long one leaves clean stretches between them, in
+    # which every client that must be answered is held to it.
+    gap = 3 if c["duration"] <= 300 else 20
+    fault_thread = threading.Thread(target=faults.run, args=(main_start + c["duration"], gap))
     fault_thread.start()
     fault_thread.join()
     try:
