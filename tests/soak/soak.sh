@@ -29,27 +29,23 @@ while [ $# -gt 0 ]; do
         *) echo "usage: soak.sh [--duration SECONDS] [--out DIR]" >&2; exit 2 ;;
     esac
 done
-for tool in nft ip python3 openssl; do
-    command -v "$tool" >/dev/null 2>&1 || { echo "SKIP: needs $tool"; exit 77; }
-done
-if [ "$(id -u)" -ne 0 ]; then echo "SKIP: needs root for network namespaces"; exit 77; fi
-
 here=$(cd "$(dirname "$0")" && pwd)
 src=${SWG_SOURCE_DIR:-$(cd "$here/../.." && pwd)}
 bin=${SWG_BINARY_DIR:-$src/build/debug}
+SWG_SOURCE_DIR=$src SWG_BINARY_DIR=$bin
+. "$src/tests/scripts/lib/checks.sh"
+need_tools nft ip python3 openssl
+need_root "network namespaces"
 agent="$bin/src/tsc_swgagent"
 gateway="$bin/tools/test-gateway/swg-test-gateway"
 status="$bin/tools/status/swg-status"
 standin=${SWG_NFT_STANDIN:-$bin/tests/libswg_nft_standin.so}
-for f in "$agent" "$gateway" "$status"; do
-    [ -x "$f" ] || { echo "SKIP: $f is not built"; exit 77; }
-done
+need_built "$agent" "$gateway" "$status"
 [ -n "$out" ] || out="$bin/soak/$(date +%Y%m%d-%H%M%S)"
 mkdir -p "$out"
 
 WORLD=swgsoak$$
-WORLD_WORK=$(mktemp -d /tmp/swgsoak.XXXXXX)
-. "$src/scripts/lib/world.sh"
+WORLD_WORK=$(mktemp -d /tmp/swgsoak.XXXXXX)  # world.sh came with checks.sh
 cleanup() {
     set +e
     # Everything this run started lives in its two namespaces.
