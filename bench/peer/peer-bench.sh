@@ -90,9 +90,18 @@ build() {
     cmake --build --preset release --target $targets >/dev/null
 }
 
+# Every run of one connection per request leaves tens of thousands of ends in TIME_WAIT (wrk
+# closes first, and so does each relay's outgoing leg); with the default 28,000 ports and no
+# reuse, a namespace ran out of them after a few seconds at 4,000 connections a second, and
+# whichever setup came next was measured waiting for ports.
+wide_ports() {
+    in_ns "$1" sysctl -qw net.ipv4.ip_local_port_range="1024 65535" net.ipv4.tcp_tw_reuse=1
+}
+
 make_namespaces() {
     say "namespaces $P-*"
     for n in origin gw; do ip netns add "$P-$n"; done
+    wide_ports gw
     ip -n "$P-gw" link set lo up
     ip -n "$P-gw" addr add "$GATEWAY/32" dev lo
     in_ns gw sysctl -qw net.ipv4.ip_forward=1
@@ -106,6 +115,7 @@ make_namespaces() {
     k=11
     for s in $SETUPS; do
         ip netns add "$P-$s"
+        wide_ports "$s"
         ip link add c0 netns "$P-$s" type veth peer name "c$k" netns "$P-gw"
         ip -n "$P-$s" link set lo up
         ip -n "$P-$s" addr add "198.18.$k.2/24" dev c0
