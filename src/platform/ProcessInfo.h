@@ -22,7 +22,8 @@ long GetProcessFilePath(unsigned int pid, char* buffer, std::size_t size);
 // the IPv4-mapped form. Returns the pid, or -1 when no such socket or no owner is found
 // (the owner's descriptors may be unreadable, or it closed the socket meanwhile). Finds the
 // socket's inode with one exact sock_diag request, whose cost does not grow with the number of
-// sockets (the /proc/net tables where sock_diag is unavailable), then its holder among the last
-// few owners, and only on a miss in every process's descriptors. Any thread; call it off the
+// sockets (the /proc/net tables where sock_diag is unavailable), then its holder among the
+// sockets that earlier lookups passed and the last few owners, and only on a miss in every
+// process's descriptors. Any thread; call it off the
 // accept path.
 int32_t FindTcpSocketOwner(const sockaddr* local, const sockaddr* remote);

@@ -23,9 +23,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <mutex>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace ServiceUtils {
@@ -280,37 +283,17 @@ SocketFacts FindSocket(const Endpoint& local, const Endpoint& remote, bool ipv4)
     return FindInTables(local, remote, ipv4);
 }
 
-// True when the link `name`, relative to `folder` (AT_FDCWD or an open folder), is the socket
-// `wanted` ("socket:[inode]").
-bool LinkIsInode(int folder, const char* name, const std::string& wanted) {
+// The inode of the socket that the link `name` (relative to `folder`, AT_FDCWD or an open
+// folder) points to; 0 when it is no socket or cannot be read.
+unsigned long SocketInodeOfLink(int folder, const char* name) {
     char target[64];
     const ssize_t length = ::readlinkat(folder, name, target, sizeof(target) - 1);
-    if (length <= 0) return false;
+    constexpr char kPrefix[] = "socket:[";
+    constexpr std::size_t kPrefixLength = sizeof(kPrefix) - 1;
+    if (length <= static_cast<ssize_t>(kPrefixLength)) return 0;
     target[length] = '\0';
-    return wanted == target;
-}
-
-// True when descriptor `fd` of process `pid` is the socket `wanted`.
-bool FdIsInode(const std::string& pid, const char* fd, const std::string& wanted) {
-    return LinkIsInode(AT_FDCWD, ("/proc/" + pid + "/fd/" + fd).c_str(), wanted);
-}
-
-// The descriptor of process `pid` that is the socket `wanted`; -1 when it holds none. Each
-// link is read relative to the open folder: a whole /proc path per descriptor cost the
-// lookup of its four parts again, for every descriptor of a client with many.
-int FindFdOfInode(const std::string& pid, const std::string& wanted) {
-    DIR* fds = ::opendir(("/proc/" + pid + "/fd").c_str());
-    if (fds == nullptr) return -1;
-    int found = -1;
-    while (const dirent* entry = ::readdir(fds)) {
-        if (entry->d_name[0] == '.') continue;
-        if (LinkIsInode(::dirfd(fds), entry->d_name, wanted)) {
-            found = std::atoi(entry->d_name);
-            break;
-        }
-    }
-    ::closedir(fds);
-    return found;
+    if (std::strncmp(target, kPrefix, kPrefixLength) != 0) return 0;
+    return std::strtoul(target + kPrefixLength, nullptr, 10);
 }
 
 // A holder of a socket: process and descriptor.
@@ -319,57 +302,140 @@ struct Holder {
     int fd = -1;
 };
 
-// A client that opened one diverted connection usually opens more, and one that closes a
-// connection before it opens the next usually gets the same descriptor number again: the
-// last few owners are looked at before the whole process table, each first at the descriptor
-// that held its last diverted socket.
-class CRecentOwners {
+bool HolderHas(const Holder& holder, unsigned long inode) {
+    const std::string link = "/proc/" + std::to_string(holder.pid) + "/fd/" +
+                             std::to_string(holder.fd);
+    return SocketInodeOfLink(AT_FDCWD, link.c_str()) == inode;
+}
+
+// The sockets a folder walk saw besides the one it looked for, with where they were.
+using SeenSockets = std::vector<std::pair<unsigned long, Holder>>;
+
+enum class FolderWalk { Found, Absent, Gone };
+
+// Reads the descriptor links of process `pid` until one is socket `wanted` (its number goes to
+// `fd`), adding every other socket it passes to `seen`. Gone when the process has no descriptor
+// folder (it has exited). Each link is read relative to the open folder: a whole /proc path
+// per descriptor cost the lookup of its four parts again, for every descriptor.
+FolderWalk WalkFolder(const char* pid, unsigned long wanted, int& fd, SeenSockets& seen) {
+    fd = -1;
+    DIR* fds = ::opendir(("/proc/" + std::string(pid) + "/fd").c_str());
+    if (fds == nullptr) return errno == ENOENT ? FolderWalk::Gone : FolderWalk::Absent;
+    const auto owner = static_cast<int32_t>(std::strtol(pid, nullptr, 10));
+    while (const dirent* entry = ::readdir(fds)) {
+        if (entry->d_name[0] == '.') continue;
+        const unsigned long inode = SocketInodeOfLink(::dirfd(fds), entry->d_name);
+        if (inode == 0) continue;
+        const int number = std::atoi(entry->d_name);
+        if (inode == wanted) {
+            fd = number;
+            break;
+        }
+        seen.emplace_back(inode, Holder{owner, number});
+    }
+    ::closedir(fds);
+    return fd != -1 ? FolderWalk::Found : FolderWalk::Absent;
+}
+
+// Where diverted sockets were last found. A client that opened one diverted connection
+// usually opens more, and one that closes a connection before it opens the next usually
+// gets the same descriptor number again: the last few owners are looked at before the
+// whole process table, each first at the descriptor that held its last diverted socket.
+// A walk through an owner's descriptors also notes the other sockets it passes: a client
+// that opens many connections at once has the next ones among them, so their lookups take
+// one link read instead of a walk each. An entry is only a hint, confirmed by reading that
+// one link before it is believed (the socket may have moved to another descriptor or
+// process meanwhile).
+class COwnerCache {
 public:
-    Holder Find(const std::string& wanted) {
-        std::array<Holder, kSize> candidates;
+    Holder Find(unsigned long wanted) {
+        std::array<Holder, kOwners> owners;
+        Holder hint;
         {
             std::lock_guard<std::mutex> hold(m_lock);
-            candidates = m_holders;
-        }
-        for (const Holder& known : candidates) {
-            if (known.pid > 0 &&
-                FdIsInode(std::to_string(known.pid), std::to_string(known.fd).c_str(), wanted))
-                return known;
-        }
-        for (const Holder& known : candidates) {
-            if (known.pid <= 0) continue;
-            const int fd = FindFdOfInode(std::to_string(known.pid), wanted);
-            if (fd != -1) return Holder{known.pid, fd};
-        }
-        return Holder{};
-    }
-    void Remember(const Holder& holder) {
-        std::lock_guard<std::mutex> hold(m_lock);
-        for (Holder& known : m_holders) {
-            if (known.pid == holder.pid) {
-                known.fd = holder.fd;
-                return;
+            owners = m_owners;
+            const auto noted = m_seen.find(wanted);
+            if (noted != m_seen.end()) {
+                hint = noted->second;
+                m_seen.erase(noted);
             }
         }
-        m_holders[m_next] = holder;
-        m_next = (m_next + 1) % kSize;
+        if (hint.pid > 0 && HolderHas(hint, wanted)) return hint;
+        for (const Holder& known : owners) {
+            if (known.pid > 0 && HolderHas(known, wanted)) return known;
+        }
+        SeenSockets seen;
+        Holder found;
+        for (const Holder& known : owners) {
+            if (known.pid <= 0) continue;
+            int fd = -1;
+            const FolderWalk walk = WalkFolder(std::to_string(known.pid).c_str(), wanted, fd, seen);
+            if (walk == FolderWalk::Gone) Forget(known.pid);
+            if (walk == FolderWalk::Found) {
+                found = Holder{known.pid, fd};
+                break;
+            }
+        }
+        Note(seen);
+        return found;
+    }
+
+    // Most recent first, so that the busiest client is looked at first.
+    void Remember(const Holder& holder) {
+        std::lock_guard<std::mutex> hold(m_lock);
+        std::size_t at = kOwners - 1;
+        for (std::size_t i = 0; i < kOwners; ++i) {
+            if (m_owners[i].pid == holder.pid) {
+                at = i;
+                break;
+            }
+        }
+        for (std::size_t i = at; i > 0; --i) m_owners[i] = m_owners[i - 1];
+        m_owners[0] = holder;
+    }
+
+    void Note(const SeenSockets& seen) {
+        if (seen.empty()) return;
+        std::lock_guard<std::mutex> hold(m_lock);
+        for (const auto& socket : seen) {
+            if (!m_seen.emplace(socket.first, socket.second).second) continue;
+            m_order.push_back(socket.first);
+        }
+        // Oldest first; an inode that was taken out by a lookup is simply not there any more.
+        while (m_order.size() > kSeenLimit) {
+            m_seen.erase(m_order.front());
+            m_order.pop_front();
+        }
     }
 
 private:
-    static constexpr std::size_t kSize = 8;
+    static constexpr std::size_t kOwners = 8;
+    // A few times the connections a busy client opens at once; about 100 KB at the most.
+    static constexpr std::size_t kSeenLimit = 4096;
+
+    // An owner that has exited is dropped, so that it costs no failed reads any more.
+    void Forget(int32_t pid) {
+        std::lock_guard<std::mutex> hold(m_lock);
+        for (Holder& known : m_owners) {
+            if (known.pid == pid) known = Holder{};
+        }
+    }
+
     std::mutex m_lock;
-    std::array<Holder, kSize> m_holders{};
-    std::size_t m_next = 0;
+    std::array<Holder, kOwners> m_owners{};
+    std::unordered_map<unsigned long, Holder> m_seen;
+    std::deque<unsigned long> m_order;
 };
 
-CRecentOwners g_recentOwners;
+COwnerCache g_owners;
 
 // Scans /proc/*/fd. The processes of the socket's uid are looked at first; the others after,
 // since a descriptor may have been handed on or its holder may have changed uid since.
-Holder ScanForInode(const std::string& wanted, uid_t uid) {
+Holder ScanForInode(unsigned long wanted, uid_t uid) {
     DIR* processes = ::opendir("/proc");
     if (processes == nullptr) return Holder{};
     Holder owner;
+    SeenSockets seen;
     std::vector<std::string> others;
     while (const dirent* entry = ::readdir(processes)) {
         if (entry->d_name[0] < '1' || entry->d_name[0] > '9') continue;
@@ -378,26 +444,32 @@ Holder ScanForInode(const std::string& wanted, uid_t uid) {
             others.emplace_back(entry->d_name);
             continue;
         }
-        owner.fd = FindFdOfInode(entry->d_name, wanted);
-        if (owner.fd != -1) {
+        if (WalkFolder(entry->d_name, wanted, owner.fd, seen) == FolderWalk::Found) {
             owner.pid = static_cast<int32_t>(std::strtol(entry->d_name, nullptr, 10));
             break;
         }
     }
     ::closedir(processes);
     for (std::size_t i = 0; owner.pid == -1 && i < others.size(); ++i) {
-        owner.fd = FindFdOfInode(others[i], wanted);
-        if (owner.fd != -1)
+        if (WalkFolder(others[i].c_str(), wanted, owner.fd, seen) == FolderWalk::Found)
             owner.pid = static_cast<int32_t>(std::strtol(others[i].c_str(), nullptr, 10));
+    }
+    // Only the owner's own sockets are worth noting; the rest of the host's are not diverted
+    // connections waiting for a lookup, most of them.
+    if (owner.pid != -1) {
+        SeenSockets own;
+        for (const auto& socket : seen) {
+            if (socket.second.pid == owner.pid) own.push_back(socket);
+        }
+        g_owners.Note(own);
     }
     return owner;
 }
 
 int32_t FindInodeOwner(const SocketFacts& socket) {
-    const std::string wanted = "socket:[" + std::to_string(socket.inode) + "]";
-    Holder owner = g_recentOwners.Find(wanted);
-    if (owner.pid == -1) owner = ScanForInode(wanted, socket.uid);
-    if (owner.pid != -1) g_recentOwners.Remember(owner);
+    Holder owner = g_owners.Find(socket.inode);
+    if (owner.pid == -1) owner = ScanForInode(socket.inode, socket.uid);
+    if (owner.pid != -1) g_owners.Remember(owner);
     return owner.pid;
 }
 

@@ -104,6 +104,48 @@ TEST(SocketOwnerMappedTest, FindsAnIPv6SocketHoldingAnIPv4Connection) {
               ::getpid());
 }
 
+// A socket passed over on the way to another is remembered where it was; when it has moved
+// to another process since, that process is its owner, not the one it was seen in.
+TEST(SocketOwnerHintTest, ASocketHandedOnIsFoundWithItsNewHolder) {
+    swg_test::LoopbackListener listener = swg_test::ListenOnLoopback(AF_INET, 8);
+    ASSERT_NE(listener.fd.Get(), -1);
+    const auto connect = [&] {
+        swg_test::UniqueFd client(::socket(AF_INET, SOCK_STREAM, 0));
+        EXPECT_EQ(::connect(client.Get(), reinterpret_cast<sockaddr*>(&listener.address),
+                            listener.length),
+                  0);
+        return client;
+    };
+    const auto ownerOf = [](const Ends& ends) {
+        return FindTcpSocketOwner(reinterpret_cast<const sockaddr*>(&ends.local),
+                                  reinterpret_cast<const sockaddr*>(&ends.remote));
+    };
+    // The lowest descriptor of the lot: every walk through this process passes it first.
+    swg_test::UniqueFd handed = connect();
+    const Ends handedEnds = EndsOf(handed.Get());
+    std::vector<swg_test::UniqueFd> others;
+    for (int i = 0; i < 3; ++i) others.push_back(connect());
+    // At most one of them is where this process's last socket was found; the others need
+    // a walk.
+    for (auto it = others.rbegin(); it != others.rend(); ++it)
+        ASSERT_EQ(ownerOf(EndsOf(it->Get())), ::getpid());
+
+    int release[2];
+    ASSERT_EQ(::pipe(release), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        char byte = 0;
+        ::close(release[1]);
+        (void)::read(release[0], &byte, 1);
+        ::_exit(0);
+    }
+    ::close(release[0]);
+    handed.Reset();
+    EXPECT_EQ(ownerOf(handedEnds), child);
+    ::close(release[1]);
+    ::waitpid(child, nullptr, 0);
+}
+
 // Makes socket(AF_NETLINK, ...) fail with EAFNOSUPPORT on the calling thread only, as on a
 // kernel without sock_diag.
 bool RefuseNetlinkOnThisThread() {
