@@ -109,11 +109,16 @@ private:
         bool slotsFull = false;  // the pipe took no more before kReadAhead; cleared by a send
         // When a one-byte read went into the empty pipe: the lone byte's hold starts there.
         boost::posix_time::ptime loneTime;
+        // A read filled a whole buffer: the direction carries bulk and is worth a pipe.
+        bool bulk = false;
+        // A pipe was made (or could not be) once: never again for this direction.
+        bool tried = false;
         bool Active() const { return readEnd != -1; }
     };
 
-    // Gives each eligible direction its pipe; called after the sniffed bytes have gone.
-    void OpenLanes();
+    // Gives a direction that carries bulk its pipe once nothing of it waits in the buffers,
+    // so that no byte can pass one queued before it.
+    void OpenLane(Lane& lane, const BuffList& toSend);
     // Reads from `fd` into the lane: the count, 0 at end of stream, -1 with errno on failure,
     // or kNoProgress when nothing moved and nothing ended (pipe full, interrupted, or the
     // lane has just fallen back to the buffers).

@@ -192,10 +192,20 @@ TEST_P(SocketPairTest, FailedFlushEndsBeforeAnySelect) {
 }
 
 // A lone byte from the remote must be held about 200 ms, not sent at once nor kept for good;
-// bytes following a held byte go behind it and reach the client in one write.
+// bytes following a held byte go behind it and reach the client in one write. Spliced, a
+// download first gives the remote-to-client direction its pipe (short exchanges copy).
 TEST_P(SocketPairTest, LoneRemoteByteIsHeldThenSentWithWhatFollows) {
     StartRelay();
     ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
+    if (GetParam()) {
+        const std::string download = PatternBytes(256 << 10, 13);
+        std::string got;
+        ASSERT_TRUE(WriteAll(m_server.Get(), download, 2s));
+        ASSERT_TRUE(ReadExactly(m_client.Get(), download.size(), got, 3s));
+        ASSERT_TRUE(got == download);
+        ASSERT_TRUE(swg_test::WaitUntil([&] { return OpenPipeEnds() - m_basePipeEnds == 2; }))
+            << "the download did not get a pipe";
+    }
     const auto sent = Clock::now();
     ASSERT_TRUE(WriteAll(m_server.Get(), "X", 1s));
     ASSERT_TRUE(swg_test::WaitReadable(m_client.Get(), 3s));
@@ -299,10 +309,16 @@ TEST_P(SocketPairTest, DescriptorOf8192OrMoreIsNeverServed) {
 TEST_P(SocketPairTest, StalledDirectionHoldsAtMost48KB) {
     StartRelay();
     ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
-    const long written = FillFromClient();
     if (GetParam()) {
-        EXPECT_EQ(OpenPipeEnds() - m_basePipeEnds, 4) << "the relay did not splice";
+        // An upload first, so that the direction stalls on its pipe.
+        const std::string upload = PatternBytes(256 << 10, 14);
+        std::string got;
+        ASSERT_TRUE(WriteAll(m_client.Get(), upload, 2s));
+        ASSERT_TRUE(ReadExactly(m_server.Get(), upload.size(), got, 3s));
+        ASSERT_TRUE(swg_test::WaitUntil([&] { return OpenPipeEnds() - m_basePipeEnds == 2; }))
+            << "the upload did not get a pipe";
     }
+    const long written = FillFromClient();
     int clientOut = 0;
     int localIn = 0;
     int remoteOut = 0;
