@@ -123,7 +123,8 @@ TEST_F(LicenceHeaderTest, RoundTripWithSampleKeyPair) {
     EXPECT_EQ(m_opened.strInterfaceAddress, "");
 }
 
-// Guards against replay: no field of two payloads (but the version) repeats, nor the nonce.
+// Guards against replay: IV, ciphertext, tag and nonce of two payloads differ (the wrapped
+// content key serves a while); and a content key is never carried over to another public key.
 TEST_F(LicenceHeaderTest, TwoBuildsDiffer) {
     std::string keyId1, payload1, keyId2, payload2;
     ASSERT_NO_FATAL_FAILURE(Build(keyId1, payload1));
@@ -133,7 +134,7 @@ TEST_F(LicenceHeaderTest, TwoBuildsDiffer) {
     std::string field1, field2;
     int index = 0;
     while (std::getline(fields1, field1, '.') && std::getline(fields2, field2, '.')) {
-        if (index++ == 0) continue;  // the version
+        if (index++ < 2) continue;  // the version and the wrapped key
         EXPECT_NE(field1, field2) << "field " << index - 1;
     }
     EXPECT_EQ(index, 5);
@@ -141,6 +142,16 @@ TEST_F(LicenceHeaderTest, TwoBuildsDiffer) {
     const std::string nonce = m_opened.strNonce;
     ASSERT_TRUE(Open(keyId2, payload2)) << m_error;
     EXPECT_NE(m_opened.strNonce, nonce);
+
+    EVP_PKEY* other = EVP_RSA_gen(2048);
+    ASSERT_NE(other, nullptr);
+    ASSERT_EQ(EVP_PKEY_up_ref(other), 1);  // KeyPem frees the key it is given
+    const std::string otherPrivate = KeyPem(other, true);
+    m_org.strpKeyPem = KeyPem(other, false);
+    std::string keyId3, payload3;
+    ASSERT_NO_FATAL_FAILURE(Build(keyId3, payload3));
+    EXPECT_TRUE(Open(keyId3, payload3, otherPrivate)) << m_error;
+    EXPECT_FALSE(Open(keyId3, payload3));
 }
 
 // Guards the seal: any changed character, length or key id fails and yields no identity.
