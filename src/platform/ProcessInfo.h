@@ -4,8 +4,10 @@
 
 #include <sys/socket.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace ServiceUtils {
 
@@ -27,3 +29,9 @@ long GetProcessFilePath(unsigned int pid, char* buffer, std::size_t size);
 // process's descriptors. Any thread; call it off the
 // accept path.
 int32_t FindTcpSocketOwner(const sockaddr* local, const sockaddr* remote);
+
+// The local addresses (network order; an IPv4 address in the first 4 bytes) of the TCP
+// sockets of `family` that listen on `port` in the calling thread's network namespace, from
+// one sock_diag dump of listening sockets alone, whose cost does not grow with the number of
+// connections. False when sock_diag cannot answer. Any thread.
+bool FindTcpListeners(int family, uint16_t port, std::vector<std::array<unsigned char, 16>>& out);

@@ -68,4 +68,9 @@ int PendingBytes(int fd);
 // reordered bytes change the content.
 std::string PatternBytes(std::size_t count, unsigned seed);
 
+// Makes socket(AF_NETLINK, ...) fail with EAFNOSUPPORT on the calling thread only, as on a
+// kernel without sock_diag; threads it starts afterwards inherit the filter. False (errno)
+// when the filter cannot be installed.
+bool RefuseNetlinkOnThisThread();
+
 }  // namespace swg_test

@@ -13,9 +13,12 @@
 #include <sys/statfs.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <fstream>
 #include <sstream>
+
+#include "platform/ProcessInfo.h"
 
 namespace {
 
@@ -78,7 +81,36 @@ std::vector<NftAddress> ResolveNftHostAddresses(const std::string& name) {
     return addresses;
 }
 
+namespace {
+
+bool Listed(const std::vector<std::array<unsigned char, 16>>& listeners, int family,
+            bool loopback) {
+    std::array<unsigned char, 16> wanted{};
+    if (loopback && family == AF_INET) wanted[0] = 127, wanted[3] = 1;
+    if (loopback && family == AF_INET6) wanted[15] = 1;
+    return std::find(listeners.begin(), listeners.end(), wanted) != listeners.end();
+}
+
+// From sock_diag; false in `answered` where it cannot tell.
+bool DiagHasListener(int family, uint16_t port, bool& answered) {
+    std::vector<std::array<unsigned char, 16>> v4;
+    std::vector<std::array<unsigned char, 16>> v6;
+    answered = FindTcpListeners(AF_INET6, port, v6) &&
+               (family == AF_INET6 || FindTcpListeners(AF_INET, port, v4));
+    if (!answered) return false;
+    if (family == AF_INET6) return Listed(v6, AF_INET6, true) || Listed(v6, AF_INET6, false);
+    return Listed(v4, AF_INET, true) || Listed(v4, AF_INET, false) ||
+           Listed(v6, AF_INET6, false);
+}
+
+}  // namespace
+
+// The /proc tables list every connection of the namespace, TIME_WAIT included: read every
+// watch period under load they cost tens of milliseconds, so they are only the fallback.
 bool IsLoopbackPortListening(int family, uint16_t port) {
+    bool answered = false;
+    const bool listening = DiagHasListener(family, port, answered);
+    if (answered) return listening;
     const std::vector<std::string> v6 = {ProcAddressOf(AF_INET6, true),
                                          ProcAddressOf(AF_INET6, false)};
     if (family == AF_INET6) return TableHasListener("/proc/thread-self/net/tcp6", v6, port);

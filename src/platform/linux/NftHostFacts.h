@@ -17,7 +17,8 @@ std::vector<NftAddress> ResolveNftHostAddresses(const std::string& name);
 
 // Whether a TCP socket of the calling thread's network namespace listens on `port` of the
 // loopback or the wildcard address of `family` (a wildcard IPv6 listener also counts for
-// IPv4). Reads /proc/thread-self/net/tcp or tcp6; false when they cannot be read.
+// IPv4). Asks sock_diag for the listening sockets, else reads /proc/thread-self/net/tcp or
+// tcp6; false when neither can be read.
 bool IsLoopbackPortListening(int family, uint16_t port);
 
 // The cgroup v2 path ("/a/b") of process `pid`, when it is a cgroup of its own below the

@@ -13,6 +13,7 @@
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -175,6 +176,10 @@ public:
     // returns, so the read never waits. False when either step fails.
     bool Exchange(const inet_diag_req_v2& request, std::uint16_t flags, char* reply,
                   std::size_t size, std::size_t& length) const {
+        return Send(request, flags) && Receive(reply, size, length);
+    }
+
+    bool Send(const inet_diag_req_v2& request, std::uint16_t flags) const {
         if (m_fd == -1) return false;
         struct {
             nlmsghdr header;
@@ -186,9 +191,13 @@ public:
         message.request = request;
         sockaddr_nl kernel{};
         kernel.nl_family = AF_NETLINK;
-        if (::sendto(m_fd, &message, sizeof(message), 0, reinterpret_cast<sockaddr*>(&kernel),
-                     sizeof(kernel)) != static_cast<ssize_t>(sizeof(message)))
-            return false;
+        return ::sendto(m_fd, &message, sizeof(message), 0, reinterpret_cast<sockaddr*>(&kernel),
+                        sizeof(kernel)) == static_cast<ssize_t>(sizeof(message));
+    }
+
+    // The next part of an answer. A dump's next part is made by the read before it, so this
+    // read never waits either.
+    bool Receive(char* reply, std::size_t size, std::size_t& length) const {
         const ssize_t received = ::recv(m_fd, reply, size, MSG_DONTWAIT);
         if (received <= 0) return false;
         length = static_cast<std::size_t>(received);
@@ -284,10 +293,12 @@ SocketFacts FindSocket(const Endpoint& local, const Endpoint& remote, bool ipv4)
 }
 
 // The inode of the socket that the link `name` (relative to `folder`, AT_FDCWD or an open
-// folder) points to; 0 when it is no socket or cannot be read.
-unsigned long SocketInodeOfLink(int folder, const char* name) {
+// folder) points to; 0 when it is no socket or cannot be read, with `refused` set when the
+// process's descriptors are not ours to read.
+unsigned long SocketInodeOfLink(int folder, const char* name, bool* refused = nullptr) {
     char target[64];
     const ssize_t length = ::readlinkat(folder, name, target, sizeof(target) - 1);
+    if (refused != nullptr) *refused = length < 0 && (errno == EACCES || errno == EPERM);
     constexpr char kPrefix[] = "socket:[";
     constexpr std::size_t kPrefixLength = sizeof(kPrefix) - 1;
     if (length <= static_cast<ssize_t>(kPrefixLength)) return 0;
@@ -324,7 +335,11 @@ FolderWalk WalkFolder(const char* pid, unsigned long wanted, int& fd, SeenSocket
     const auto owner = static_cast<int32_t>(std::strtol(pid, nullptr, 10));
     while (const dirent* entry = ::readdir(fds)) {
         if (entry->d_name[0] == '.') continue;
-        const unsigned long inode = SocketInodeOfLink(::dirfd(fds), entry->d_name);
+        bool refused = false;
+        const unsigned long inode = SocketInodeOfLink(::dirfd(fds), entry->d_name, &refused);
+        // Access is granted or refused for a process's descriptors all together: one refusal
+        // spares the reads of the rest (hundreds, for a service manager).
+        if (refused) break;
         if (inode == 0) continue;
         const int number = std::atoi(entry->d_name);
         if (inode == wanted) {
@@ -474,6 +489,34 @@ int32_t FindInodeOwner(const SocketFacts& socket) {
 }
 
 }  // namespace
+
+bool FindTcpListeners(int family, uint16_t port, std::vector<std::array<unsigned char, 16>>& out) {
+    out.clear();
+    inet_diag_req_v2 request = TcpRequest(family);
+    request.idiag_states = 1U << TCP_LISTEN;
+    const CDiagSocket diag;
+    if (!diag.Send(request, NLM_F_REQUEST | NLM_F_DUMP)) return false;
+    alignas(nlmsghdr) char reply[16384];
+    // Bounded: a namespace has few listeners, and a dump that never ends must not hold the
+    // caller.
+    for (int part = 0; part < 1024; ++part) {
+        std::size_t length = 0;
+        if (!diag.Receive(reply, sizeof(reply), length)) return false;
+        for (auto* header = reinterpret_cast<const nlmsghdr*>(reply); NLMSG_OK(header, length);
+             header = NLMSG_NEXT(header, length)) {
+            if (header->nlmsg_type == NLMSG_DONE) return true;
+            if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY ||
+                header->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg)))
+                return false;
+            const auto* found = static_cast<const inet_diag_msg*>(NLMSG_DATA(header));
+            if (ntohs(found->id.idiag_sport) != port) continue;
+            std::array<unsigned char, 16> address{};
+            std::memcpy(address.data(), found->id.idiag_src, family == AF_INET ? 4 : 16);
+            out.push_back(address);
+        }
+    }
+    return false;
+}
 
 int32_t FindTcpSocketOwner(const sockaddr* local, const sockaddr* remote) {
     Endpoint localEnd;

@@ -1,12 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Executable paths, and the owners of TCP sockets among many others.
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <netinet/in.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -146,22 +142,6 @@ TEST(SocketOwnerHintTest, ASocketHandedOnIsFoundWithItsNewHolder) {
     ::waitpid(child, nullptr, 0);
 }
 
-// Makes socket(AF_NETLINK, ...) fail with EAFNOSUPPORT on the calling thread only, as on a
-// kernel without sock_diag.
-bool RefuseNetlinkOnThisThread() {
-    sock_filter code[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_socket, 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_NETLINK, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    sock_fprog program{static_cast<unsigned short>(sizeof(code) / sizeof(code[0])), code};
-    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-           ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
-}
-
 // In a namespace of its own, with thousands of other sockets (half of them in TIME_WAIT), the
 // owner of one connection is found by its ends whether sock_diag answers or is refused.
 class CrowdedSocketOwnerTest : public ::testing::Test {
@@ -250,7 +230,7 @@ TEST_F(CrowdedSocketOwnerTest, FindsTheRightProcessWithAndWithoutSockDiag) {
     ExpectOwners();
     // A thread started here shares the namespace; its filter stays with it.
     std::thread refused([this] {
-        if (!RefuseNetlinkOnThisThread()) {
+        if (!swg_test::RefuseNetlinkOnThisThread()) {
             ADD_FAILURE() << "seccomp: " << std::strerror(errno);
             return;
         }
