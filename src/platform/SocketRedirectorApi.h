@@ -43,6 +43,15 @@ public:
     virtual int Stop() = 0;
     // Forgets the addresses the redirector resolved for host names of the rules.
     virtual int ClearDnsCache() = 0;
+    // Holds back what the calls that follow would change in the kernel (from any thread)
+    // until ApplyHeldChanges, so that a rebuild (Stop, Clear, SetRedirects, Start) reaches it
+    // as one change and never passes through a moment without diversion. Those calls answer
+    // as usual but cannot report a kernel refusal meanwhile. NGC_ERROR_DISCONNECTED when the
+    // plug-in is not open.
+    virtual int HoldChanges() = 0;
+    // Ends the hold and applies what the calls since HoldChanges left, at once; results as
+    // Start. Without a hold it only brings the kernel in line again.
+    virtual int ApplyHeldChanges() = 0;
 };
 
 // Creates a redirector and stores it in `*out`. Returns 0, or an error value with `*out`

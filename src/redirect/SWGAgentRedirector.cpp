@@ -32,6 +32,29 @@ void LogRedirectList(const std::list<redirect_info>& rules) {
     }
 }
 
+// Holds the redirector's kernel changes from construction to Apply, or to the end of the
+// scope on any other way out.
+class CHeldRedirectorChanges {
+public:
+    explicit CHeldRedirectorChanges(ISocketRedirectorApi& redirector) : m_redirector(redirector) {
+        // A plug-in that is not open refuses the calls that follow on its own.
+        (void)m_redirector.HoldChanges();
+    }
+    ~CHeldRedirectorChanges() {
+        if (!m_applied) (void)m_redirector.ApplyHeldChanges();
+    }
+    CHeldRedirectorChanges(const CHeldRedirectorChanges&) = delete;
+    CHeldRedirectorChanges& operator=(const CHeldRedirectorChanges&) = delete;
+    int Apply() {
+        m_applied = true;
+        return m_redirector.ApplyHeldChanges();
+    }
+
+private:
+    ISocketRedirectorApi& m_redirector;
+    bool m_applied = false;
+};
+
 }  // namespace
 
 RedirectorFactory SetDefaultRedirectorFactory(RedirectorFactory factory) {
@@ -102,6 +125,8 @@ bool CSWGAgent::InstallRedirectList(SVC_STARTUP_INFO& info, long& result) {
     std::list<redirect_info> rules;
     SetRedirectList(rules, info);
 
+    // A rebuild that took the diversion away in between would cut the connections it carries.
+    CHeldRedirectorChanges held(*m_pRedirector);
     int status = m_pRedirector->Stop();
     if (status != 0) DNTRACE(ERR, "SocketRedirectorApi->Stop ERROR returned %d", status);
     status = m_pRedirector->Clear(NGC_CLEAR_ALL_RULES);
@@ -120,6 +145,7 @@ bool CSWGAgent::InstallRedirectList(SVC_STARTUP_INFO& info, long& result) {
         return false;
     }
     status = m_pRedirector->Start();
+    if (status == 0) status = held.Apply();
     if (status != 0) {
         DNTRACE(ERR, "SocketRedirectorApi->Start ERROR returned %d.", status);
         return false;

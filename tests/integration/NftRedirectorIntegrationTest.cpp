@@ -43,6 +43,7 @@ constexpr char kPrivateHost[] = "10.0.0.2";     // in the built-in exceptions
 constexpr uint16_t kListenPort = 5002;
 constexpr auto kShort = std::chrono::milliseconds(300);
 const std::string kTable = std::string("inet ") + kNftTableName;
+const std::string kKeepTable = std::string("inet ") + kNftKeepTableName;
 
 UniqueFd Bound(const char* address, uint16_t port, int type) {
     const sockaddr_storage where = Endpoint(address, port);
@@ -64,7 +65,9 @@ std::string OriginalDestination(int fd) {
     return std::string(text) + ":" + std::to_string(ntohs(original.sin_port));
 }
 
-bool TableExists() { return RunNftCommand("list table " + kTable) == 0; }
+bool TableExists(const std::string& table = kTable) {
+    return RunNftCommand("list table " + table) == 0;
+}
 
 std::string Listing() {
     std::string listing;
@@ -249,8 +252,10 @@ TEST_F(NftRedirectorIntegrationTest, StopCloseAndNewRulesTakeEffectAtOnce) {
     m_hosts[0] = Bound(kDivertedHost, 8080, SOCK_STREAM);
     EXPECT_EQ(WhereDoesItLand(kDivertedHost, 0, false, 8080), "agent 198.18.0.2:8080");
 
+    ASSERT_TRUE(TableExists(kKeepTable));
     ASSERT_EQ(m_redirector->ClosePlugin(), 0);
     EXPECT_FALSE(TableExists());
+    EXPECT_FALSE(TableExists(kKeepTable));
     EXPECT_EQ(WhereDoesItLand(kDivertedHost, 0, false, 8080), "host");
     EXPECT_EQ(m_redirector->Stop(), NGC_ERROR_DISCONNECTED);
     EXPECT_EQ(m_redirector->SetRedirects(rules), NGC_ERROR_DISCONNECTED);
@@ -403,6 +408,63 @@ TEST_F(NftRedirectorIntegrationTest, NamesAreFollowedThroughTheLookupService) {
     EXPECT_EQ(send(live.Get(), "x", 1, 0), 1);
     char byte = 0;
     EXPECT_EQ(recv(liveAtAgent.Get(), &byte, 1, 0), 1);
+}
+
+// A byte each way over a diverted connection, within seconds: "" or what went wrong.
+std::string Carries(int client, int atAgent) {
+    char byte = 0;
+    if (send(client, "c", 1, MSG_NOSIGNAL) != 1) return "client send: " + std::string(strerror(errno));
+    if (!WaitReadable(atAgent, std::chrono::seconds(3)) || recv(atAgent, &byte, 1, 0) != 1)
+        return "nothing reached the agent";
+    if (send(atAgent, "a", 1, MSG_NOSIGNAL) != 1) return "agent send: " + std::string(strerror(errno));
+    if (!WaitReadable(client, std::chrono::seconds(3)) || recv(client, &byte, 1, 0) != 1)
+        return "nothing reached the client: " + std::string(strerror(errno));
+    return byte == 'a' ? "" : "wrong byte at the client";
+}
+
+// Guards the connections the diversion already carries: the agent's rebuild of its rules (a
+// changed port list), a backoff and its end must not cut them, though new connections go
+// straight to their host during the backoff.
+TEST_F(NftRedirectorIntegrationTest, DivertedConnectionOutlivesRebuildAndBackoff) {
+    CSWGAgent agent;
+    agent.m_redirectorSeams.ipv6Installed = [] { return true; };
+    agent.m_redirectorSeams.pidOfProcess = [](const std::string&) { return -1; };
+    agent.m_redirectorSeams.create = [](ISocketRedirectorApi** out) {
+        *out = new CNftRedirector(FastOptions());
+        return 0;
+    };
+    agent.m_redirectorSeams.release = [](ISocketRedirectorApi** inout) {
+        delete *inout;
+        *inout = nullptr;
+        return 0;
+    };
+    CSWGAgent::ORGINFO org = agent.GetOrgInfo();
+    org.strWebTrafficMonitorPortList = "80,443";
+    agent.SetOrgInfo(org);
+    ASSERT_EQ(agent.StartKDF(reason_rules_refresh), 0);
+    ASSERT_TRUE(TableExists());
+    const sockaddr_storage where = Endpoint(kDivertedHost, 80);
+    UniqueFd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(
+        connect(client.Get(), reinterpret_cast<const sockaddr*>(&where), EndpointLength(where)), 0);
+    UniqueFd atAgent(accept4(m_agentListener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_GE(atAgent.Get(), 0);
+    EXPECT_EQ(Carries(client.Get(), atAgent.Get()), "");
+
+    org.strWebTrafficMonitorPortList = "80,443,8080";
+    agent.SetOrgInfo(org);
+    ASSERT_TRUE(agent.RestartKDF(reason_rules_refresh));
+    ASSERT_NE(Listing().find("dport 8080"), std::string::npos);
+    EXPECT_EQ(Carries(client.Get(), atAgent.Get()), "") << "after the rebuild";
+
+    ASSERT_TRUE(agent.StopKDF(reason_backoff));
+    ASSERT_FALSE(TableExists());
+    EXPECT_EQ(WhereDoesItLand(kDivertedHost), "host");
+    EXPECT_EQ(Carries(client.Get(), atAgent.Get()), "") << "in the backoff";
+    ASSERT_TRUE(agent.RestartKDF(reason_backoff));
+    ASSERT_TRUE(TableExists());
+    EXPECT_EQ(Carries(client.Get(), atAgent.Get()), "") << "after the backoff";
+    EXPECT_TRUE(agent.CloseRedirectorInterface(reason_rules_refresh));
 }
 
 }  // namespace

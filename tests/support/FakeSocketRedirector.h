@@ -56,6 +56,9 @@ public:
     int Start() override;
     int Stop() override;
     int ClearDnsCache() override;
+    // The fake's state is what the kernel would hold at the end: a hold changes nothing.
+    int HoldChanges() override { return 0; }
+    int ApplyHeldChanges() override { return 0; }
 
 private:
     std::shared_ptr<FakeRedirectorScript> m_script;

@@ -32,8 +32,9 @@ std::string GuardianScript() {
                "IFS= read -r word\n"
                "[ \"$word\" = done ] && exit 0\n"
                "PATH=/usr/sbin:/sbin:/usr/bin:/bin\n"
-               "exec nft delete table ") +
-           kNftTableFamily + " " + kNftTableName + "\n";
+               "nft delete table ") +
+           kNftTableFamily + " " + kNftTableName + "\nexec nft delete table " + kNftTableFamily +
+           " " + kNftKeepTableName + "\n";
 }
 
 // Spawns sh with `input` as its standard input, nothing else inherited, a fresh session and

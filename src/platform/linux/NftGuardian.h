@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A process that removes the diversion table when the agent dies without removing it.
+// A process that removes the diversion tables when the agent dies without removing it.
 #if !defined(__linux__)
 #error "Linux adapter"
 #endif
@@ -13,8 +13,8 @@
 // The fallback for kernels that refuse owned tables: a shell (sh) that holds one end of a
 // socket pair on its standard input, ignores the termination signals and sits in its own
 // session. When the agent's end closes without the word "done" (the agent died: SIGKILL,
-// abort, out-of-memory kill) it runs `nft delete table inet tsc_swg` in the namespace it
-// was started in, well within a second. Destroyed on any thread; not shared.
+// abort, out-of-memory kill) it runs `nft delete table inet tsc_swg`, then the same for the
+// companion `inet tsc_swg_keep`, in the namespace it was started in, well within a second. Destroyed on any thread; not shared.
 class CNftGuardian {
 public:
     // Starts a guardian in the calling thread's network namespace; null with the reason in

@@ -146,8 +146,11 @@ int CNftRedirector::OpenPlugin(IKdfApiCB* callback) {
             return EIO;
         }
         // A table of that name left by a crashed run of the fallback; an owned one of a
-        // dead process is gone already, one of a live process refuses.
-        const NftOutcome stale = m_context->Run(RenderNftTableRemoval(false));
+        // dead process is gone already, one of a live process refuses. The companion of this
+        // context is kept over a reopen.
+        std::string staleScript = RenderNftTableRemoval(false);
+        if (!m_keepInstalled) staleScript += RenderNftTableRemoval(false, kNftKeepTableName);
+        const NftOutcome stale = m_context->Run(staleScript);
         if (stale.result != 0) {
             DNTRACE(ERR, "Redirector: table %s %s belongs to another process: %s", kNftTableFamily,
                     kNftTableName, FirstNftLine(stale.error).c_str());
@@ -163,6 +166,7 @@ int CNftRedirector::OpenPlugin(IKdfApiCB* callback) {
                         why.c_str());
             }
         }
+        InstallKeepTableLocked();
         ResetLocked();
         m_callback = callback;
         m_open = true;
@@ -174,8 +178,23 @@ int CNftRedirector::OpenPlugin(IKdfApiCB* callback) {
     return 0;
 }
 
+// The companion table lives from the open to the close: a change or removal of the diversion
+// table, a backoff, a stop, then never strands the connections that it diverted.
+void CNftRedirector::InstallKeepTableLocked() {
+    if (m_keepInstalled) return;
+    const NftOutcome kept = m_context->Run(RenderNftKeepTable(m_options.owned));
+    m_keepInstalled = kept.result == 0;
+    if (!m_keepInstalled) {
+        DNTRACE(WARN,
+                "Redirector: no table %s %s (%s); a change of the diversion may break the "
+                "connections it diverted",
+                kNftTableFamily, kNftKeepTableName, FirstNftLine(kept.error).c_str());
+    }
+}
+
 void CNftRedirector::ResetLocked() {
     m_open = false;
+    m_holding = false;
     m_started = false;
     m_callback = nullptr;
     m_rules.clear();
@@ -193,7 +212,9 @@ int CNftRedirector::ClosePlugin() {
     {
         std::lock_guard<std::mutex> hold(m_lock);
         if (m_context) {
-            const NftOutcome removed = m_context->Run(RenderNftTableRemoval(m_options.owned));
+            const NftOutcome removed =
+                m_context->Run(RenderNftTableRemoval(m_options.owned) +
+                               RenderNftTableRemoval(m_options.owned, kNftKeepTableName));
             if (removed.result != 0) {
                 DNTRACE(ERR, "Redirector: could not remove the table: %s",
                         FirstNftLine(removed.error).c_str());
@@ -202,6 +223,7 @@ int CNftRedirector::ClosePlugin() {
         // Freeing the context closes its socket: the kernel removes an owned table in any case.
         m_context.reset();
         m_guardian.reset();
+        m_keepInstalled = false;
         ResetLocked();
     }
     StopWatcher();
@@ -302,6 +324,20 @@ int CNftRedirector::Stop() {
     return ApplyLocked();
 }
 
+int CNftRedirector::HoldChanges() {
+    std::lock_guard<std::mutex> hold(m_lock);
+    if (!m_open) return NGC_ERROR_DISCONNECTED;
+    m_holding = true;
+    return 0;
+}
+
+int CNftRedirector::ApplyHeldChanges() {
+    std::lock_guard<std::mutex> hold(m_lock);
+    m_holding = false;
+    if (!m_open) return NGC_ERROR_DISCONNECTED;
+    return ApplyLocked();
+}
+
 int CNftRedirector::ClearDnsCache() {
     std::lock_guard<std::mutex> hold(m_lock);
     m_names.DueAll(SteadyClock::now());
@@ -354,8 +390,9 @@ NftBuildInputs CNftRedirector::GatherInputsLocked(bool& waiting) {
 
 // Brings the kernel in line with the recorded rules: nothing when the table would not
 // change, the set elements alone when only they differ, else the whole table in one
-// transaction.
+// transaction. While changes are held, nothing: ApplyHeldChanges comes.
 int CNftRedirector::ApplyLocked() {
+    if (m_holding) return 0;
     NftRuleset desired;
     bool waiting = false;
     if (m_open && m_started) desired = BuildNftRuleset(m_rules, GatherInputsLocked(waiting));

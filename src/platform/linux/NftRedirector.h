@@ -50,10 +50,12 @@ struct NftRedirectorOptions {
     std::function<std::string(int32_t pid)> cgroupOf;
 };
 
-// Owns the table `inet tsc_swg` of the network namespace it was opened in, and nothing
-// else of the ruleset. The table exists only while the plug-in is open and started, a
-// redirect rule is in force and its listener takes connections; rules wait for their
-// listener so that no connection is diverted to a closed port.
+// Owns the table `inet tsc_swg` of the network namespace it was opened in, and its companion
+// `inet tsc_swg_keep`, and nothing else of the ruleset. The table exists only while the
+// plug-in is open and started, a redirect rule is in force and its listener takes
+// connections; rules wait for their listener so that no connection is diverted to a closed
+// port. The companion exists while the plug-in is open: it keeps the connections that the
+// table diverted translated while the table is absent or replaced.
 //
 // Every change of the table goes through one libnftables context that lives from OpenPlugin
 // to ClosePlugin: an owned table is the kernel's to remove when that context's socket closes,
@@ -93,6 +95,12 @@ public:
     int Start() override;
     // Removes the table; the rules stay recorded. NGC_ERROR_DISCONNECTED when not open.
     int Stop() override;
+    // Holds back every change of the table until ApplyHeldChanges, also those of the watcher.
+    // NGC_ERROR_DISCONNECTED when not open.
+    int HoldChanges() override;
+    // Brings the table in line with the calls since HoldChanges in one transaction; results
+    // as Start.
+    int ApplyHeldChanges() override;
     // Looks up every host name again at once, failed ones included; the old addresses stay
     // in force until new ones arrive. After a network change this is the call to make.
     int ClearDnsCache() override;
@@ -120,6 +128,7 @@ private:
     void ForgetLocked(const redirect_info& rule, bool& tableAffected);
     void UpdateNamesLocked();
     std::string CgroupForLocked(int32_t pid);
+    void InstallKeepTableLocked();
     void ResetLocked();
     void StopWatcher();
     void WatchLoop();
@@ -140,6 +149,8 @@ private:
     IKdfApiCB* m_callback = nullptr;
     bool m_open = false;
     bool m_started = false;
+    bool m_holding = false;        // HoldChanges without ApplyHeldChanges yet
+    bool m_keepInstalled = false;  // the companion table of this context is in place
     bool m_waitingForListener = false;
     bool m_waitLogged = false;
     unsigned int m_fastPolls = 0;

@@ -15,6 +15,7 @@
 
 const char kNftTableFamily[] = "inet";
 const char kNftTableName[] = "tsc_swg";
+const char kNftKeepTableName[] = "tsc_swg_keep";
 
 namespace {
 
@@ -266,6 +267,19 @@ std::string RenderNftTableRemoval(bool owned, const std::string& table) {
     out << "add table " << kNftTableFamily << " " << table << (owned ? " { flags owner; }" : "")
         << "\n"
         << "delete table " << kNftTableFamily << " " << table << "\n";
+    return out.str();
+}
+
+std::string RenderNftKeepTable(bool owned) {
+    // Without a NAT chain the kernel drops its NAT hooks, without a conntrack user its
+    // conntrack hooks; either way the redirected connections lose their translation. The
+    // chain comes after the diversion's and only reads the connection state.
+    std::ostringstream out;
+    out << RenderNftTableRemoval(owned, kNftKeepTableName) << "table " << kNftTableFamily << " "
+        << kNftKeepTableName << " {\n"
+        << (owned ? "\tflags owner\n" : "")
+        << "\tchain keep {\n\t\ttype nat hook output priority 100; policy accept;\n"
+        << "\t\tct state established,related\n\t}\n}\n";
     return out.str();
 }
 

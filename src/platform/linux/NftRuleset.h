@@ -20,6 +20,9 @@
 // The table the redirector owns, in the inet family (IPv4 and IPv6 together).
 extern const char kNftTableFamily[];  // "inet"
 extern const char kNftTableName[];    // "tsc_swg"
+// The companion table that keeps diverted connections translated while the diversion table
+// is absent (see RenderNftKeepTable), in the same family.
+extern const char kNftKeepTableName[];  // "tsc_swg_keep"
 
 // One address of a family, network order; IPv4 uses the first four bytes.
 struct NftAddress {
@@ -116,6 +119,12 @@ std::optional<std::string> RenderNftSetUpdate(const NftRuleset& from, const NftR
 // An nft script that removes the table, whether it exists or not, provided that it carries
 // the owner flag exactly when `owned` does (the kernel refuses to change the flag).
 std::string RenderNftTableRemoval(bool owned = false, const std::string& table = kNftTableName);
+
+// An nft script that replaces the companion table in one transaction: a NAT chain with one
+// conntrack rule and no verdict, so that the kernel keeps its NAT and conntrack hooks, and
+// with them the translation of connections the diversion table redirected, while that table
+// is absent. It changes the fate of no packet. Pure.
+std::string RenderNftKeepTable(bool owned);
 
 // The sorted, merged ranges of the `family` entries of `entries` plus `extra` addresses.
 // A prefix above the family's width counts as the full width (a single address).
