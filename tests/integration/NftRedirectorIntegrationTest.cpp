@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -424,13 +425,29 @@ std::string Carries(int client, int atAgent) {
 
 // Guards the connections the diversion already carries: the agent's rebuild of its rules (a
 // changed port list), a backoff and its end must not cut them, though new connections go
-// straight to their host during the backoff.
+// straight to their host during the backoff; and a connection made during the rebuild is
+// diverted, by the old rules or the new.
 TEST_F(NftRedirectorIntegrationTest, DivertedConnectionOutlivesRebuildAndBackoff) {
+    // The listener is asked for right before each change of the table: what a connection
+    // made then meets is what the rebuild leaves in between.
+    std::atomic<bool> rebuilding{false};
+    std::atomic<int> live{-1};  // the client's end of a diverted connection
+    std::mutex landedLock;  // the watcher thread asks too
+    std::vector<std::string> landedDuringRebuild;
     CSWGAgent agent;
     agent.m_redirectorSeams.ipv6Installed = [] { return true; };
     agent.m_redirectorSeams.pidOfProcess = [](const std::string&) { return -1; };
-    agent.m_redirectorSeams.create = [](ISocketRedirectorApi** out) {
-        *out = new CNftRedirector(FastOptions());
+    agent.m_redirectorSeams.create = [&](ISocketRedirectorApi** out) {
+        NftRedirectorOptions options = FastOptions();
+        options.isListening = [&](int, uint16_t) {
+            if (!rebuilding) return true;
+            (void)send(live, "w", 1, MSG_NOSIGNAL);
+            const std::string landed = WhereDoesItLand(kDivertedHost);
+            std::lock_guard<std::mutex> hold(landedLock);
+            landedDuringRebuild.push_back(landed);
+            return true;
+        };
+        *out = new CNftRedirector(options);
         return 0;
     };
     agent.m_redirectorSeams.release = [](ISocketRedirectorApi** inout) {
@@ -450,11 +467,20 @@ TEST_F(NftRedirectorIntegrationTest, DivertedConnectionOutlivesRebuildAndBackoff
     UniqueFd atAgent(accept4(m_agentListener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     ASSERT_GE(atAgent.Get(), 0);
     EXPECT_EQ(Carries(client.Get(), atAgent.Get()), "");
+    live = client.Get();
 
     org.strWebTrafficMonitorPortList = "80,443,8080";
     agent.SetOrgInfo(org);
+    rebuilding = true;
     ASSERT_TRUE(agent.RestartKDF(reason_rules_refresh));
+    rebuilding = false;
     ASSERT_NE(Listing().find("dport 8080"), std::string::npos);
+    {
+        std::lock_guard<std::mutex> hold(landedLock);
+        ASSERT_FALSE(landedDuringRebuild.empty());
+        for (const std::string& landed : landedDuringRebuild)
+            EXPECT_EQ(landed, "agent 198.18.0.2:80");
+    }
     EXPECT_EQ(Carries(client.Get(), atAgent.Get()), "") << "after the rebuild";
 
     ASSERT_TRUE(agent.StopKDF(reason_backoff));
