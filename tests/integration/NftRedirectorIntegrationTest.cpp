@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -411,85 +410,63 @@ TEST_F(NftRedirectorIntegrationTest, NamesAreFollowedThroughTheLookupService) {
     EXPECT_EQ(recv(liveAtAgent.Get(), &byte, 1, 0), 1);
 }
 
-// A byte each way over a diverted connection, within seconds: "" or what went wrong.
-std::string Carries(int client, int atAgent) {
+// One byte each way over a diverted connection, each within seconds.
+bool Carries(int client, int atAgent) {
     char byte = 0;
-    if (send(client, "c", 1, MSG_NOSIGNAL) != 1) return "client send: " + std::string(strerror(errno));
-    if (!WaitReadable(atAgent, std::chrono::seconds(3)) || recv(atAgent, &byte, 1, 0) != 1)
-        return "nothing reached the agent";
-    if (send(atAgent, "a", 1, MSG_NOSIGNAL) != 1) return "agent send: " + std::string(strerror(errno));
-    if (!WaitReadable(client, std::chrono::seconds(3)) || recv(client, &byte, 1, 0) != 1)
-        return "nothing reached the client: " + std::string(strerror(errno));
-    return byte == 'a' ? "" : "wrong byte at the client";
+    const auto arrives = [&byte](int fd) {
+        return WaitReadable(fd, std::chrono::seconds(3)) && recv(fd, &byte, 1, 0) == 1;
+    };
+    return send(client, "c", 1, MSG_NOSIGNAL) == 1 && arrives(atAgent) &&
+           send(atAgent, "a", 1, MSG_NOSIGNAL) == 1 && arrives(client) && byte == 'a';
 }
 
 // Guards the connections the diversion already carries: the agent's rebuild of its rules (a
-// changed port list), a backoff and its end must not cut them, though new connections go
-// straight to their host during the backoff; and a connection made during the rebuild is
-// diverted, by the old rules or the new.
+// changed port list, with bytes sent meanwhile), a backoff and its end must not cut them,
+// though new connections go straight to their host during the backoff; and a connection
+// made during the rebuild is diverted, by the old rules or the new.
 TEST_F(NftRedirectorIntegrationTest, DivertedConnectionOutlivesRebuildAndBackoff) {
-    // The listener is asked for right before each change of the table: what a connection
-    // made then meets is what the rebuild leaves in between.
     std::atomic<bool> rebuilding{false};
-    std::atomic<int> live{-1};  // the client's end of a diverted connection
-    std::mutex landedLock;  // the watcher thread asks too
-    std::vector<std::string> landedDuringRebuild;
+    std::atomic<int> live{-1}, probes{0}, undiverted{0};
     CSWGAgent agent;
-    agent.m_redirectorSeams.ipv6Installed = [] { return true; };
-    agent.m_redirectorSeams.pidOfProcess = [](const std::string&) { return -1; };
     agent.m_redirectorSeams.create = [&](ISocketRedirectorApi** out) {
         NftRedirectorOptions options = FastOptions();
+        // Asked right before each change of the table: what is in force in between.
         options.isListening = [&](int, uint16_t) {
             if (!rebuilding) return true;
             (void)send(live, "w", 1, MSG_NOSIGNAL);
-            const std::string landed = WhereDoesItLand(kDivertedHost);
-            std::lock_guard<std::mutex> hold(landedLock);
-            landedDuringRebuild.push_back(landed);
+            ++probes;
+            if (WhereDoesItLand(kDivertedHost) != "agent 198.18.0.2:80") ++undiverted;
             return true;
         };
         *out = new CNftRedirector(options);
         return 0;
     };
-    agent.m_redirectorSeams.release = [](ISocketRedirectorApi** inout) {
-        delete *inout;
-        *inout = nullptr;
-        return 0;
-    };
-    CSWGAgent::ORGINFO org = agent.GetOrgInfo();
-    org.strWebTrafficMonitorPortList = "80,443";
-    agent.SetOrgInfo(org);
     ASSERT_EQ(agent.StartKDF(reason_rules_refresh), 0);
-    ASSERT_TRUE(TableExists());
     const sockaddr_storage where = Endpoint(kDivertedHost, 80);
     UniqueFd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     ASSERT_EQ(
         connect(client.Get(), reinterpret_cast<const sockaddr*>(&where), EndpointLength(where)), 0);
     UniqueFd atAgent(accept4(m_agentListener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-    ASSERT_GE(atAgent.Get(), 0);
-    EXPECT_EQ(Carries(client.Get(), atAgent.Get()), "");
+    ASSERT_TRUE(Carries(client.Get(), atAgent.Get()));
     live = client.Get();
 
+    CSWGAgent::ORGINFO org = agent.GetOrgInfo();
     org.strWebTrafficMonitorPortList = "80,443,8080";
     agent.SetOrgInfo(org);
     rebuilding = true;
     ASSERT_TRUE(agent.RestartKDF(reason_rules_refresh));
     rebuilding = false;
     ASSERT_NE(Listing().find("dport 8080"), std::string::npos);
-    {
-        std::lock_guard<std::mutex> hold(landedLock);
-        ASSERT_FALSE(landedDuringRebuild.empty());
-        for (const std::string& landed : landedDuringRebuild)
-            EXPECT_EQ(landed, "agent 198.18.0.2:80");
-    }
-    EXPECT_EQ(Carries(client.Get(), atAgent.Get()), "") << "after the rebuild";
+    EXPECT_GT(probes, 0);
+    EXPECT_EQ(undiverted, 0);
+    EXPECT_TRUE(Carries(client.Get(), atAgent.Get())) << "after the rebuild";
 
     ASSERT_TRUE(agent.StopKDF(reason_backoff));
-    ASSERT_FALSE(TableExists());
     EXPECT_EQ(WhereDoesItLand(kDivertedHost), "host");
-    EXPECT_EQ(Carries(client.Get(), atAgent.Get()), "") << "in the backoff";
+    EXPECT_TRUE(Carries(client.Get(), atAgent.Get())) << "in the backoff";
     ASSERT_TRUE(agent.RestartKDF(reason_backoff));
-    ASSERT_TRUE(TableExists());
-    EXPECT_EQ(Carries(client.Get(), atAgent.Get()), "") << "after the backoff";
+    EXPECT_TRUE(Carries(client.Get(), atAgent.Get())) << "after the backoff";
+    EXPECT_EQ(WhereDoesItLand(kDivertedHost), "agent 198.18.0.2:80");
     EXPECT_TRUE(agent.CloseRedirectorInterface(reason_rules_refresh));
 }
 

@@ -75,11 +75,12 @@ public:
     CNftRedirector(const CNftRedirector&) = delete;
     CNftRedirector& operator=(const CNftRedirector&) = delete;
 
-    // Opens the context, removes a table of that name that a crashed run left, starts the
-    // guardian of an unowned table and the watcher. EIO when no context can be had, EPERM
-    // when another process owns a table of that name.
+    // Opens the context, removes tables of those names that a crashed run left, makes the
+    // companion (a failure is logged, not returned), starts the guardian of an unowned table
+    // and the watcher. EIO when no context can be had, EPERM when another process owns a
+    // table of those names.
     int OpenPlugin(IKdfApiCB* callback) override;
-    // Removes the table and every rule, frees the context, stops guardian and watcher (which
+    // Removes both tables and every rule, frees the context, stops guardian and watcher (which
     // may first finish a name lookup). Always 0.
     int ClosePlugin() override;
     // Forgets every rule and removes the table; the last answers of host names are kept for
