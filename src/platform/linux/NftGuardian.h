@@ -14,7 +14,8 @@
 // socket pair on its standard input, ignores the termination signals and sits in its own
 // session. When the agent's end closes without the word "done" (the agent died: SIGKILL,
 // abort, out-of-memory kill) it runs `nft delete table inet tsc_swg`, then the same for the
-// companion `inet tsc_swg_keep`, in the namespace it was started in, well within a second. Destroyed on any thread; not shared.
+// companion `inet tsc_swg_keep`, in the namespace it was started in, well within a second.
+// Destroyed on any thread; not shared.
 class CNftGuardian {
 public:
     // Starts a guardian in the calling thread's network namespace; null with the reason in
