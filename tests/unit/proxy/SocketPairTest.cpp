@@ -116,6 +116,18 @@ protected:
         return count;
     }
 
+    // Carries 256 KB from `from` to `to` through the relay, so that the direction goes bulk,
+    // and checks that it got its pipe (short exchanges copy).
+    void BulkGetsAPipe(int from, int to) {
+        const std::string bulk = PatternBytes(256 << 10, 13);
+        std::string got;
+        ASSERT_TRUE(WriteAll(from, bulk, 2s));
+        ASSERT_TRUE(ReadExactly(to, bulk.size(), got, 3s));
+        ASSERT_TRUE(got == bulk);
+        ASSERT_TRUE(swg_test::WaitUntil([&] { return OpenPipeEnds() - m_basePipeEnds == 2; }))
+            << "the bulk direction did not get a pipe";
+    }
+
     // Sends from the client without blocking until nothing has gone for 300 ms; the count.
     long FillFromClient() {
         const std::string chunk = PatternBytes(4096, 10);
@@ -193,18 +205,12 @@ TEST_P(SocketPairTest, FailedFlushEndsBeforeAnySelect) {
 
 // A lone byte from the remote must be held about 200 ms, not sent at once nor kept for good;
 // bytes following a held byte go behind it and reach the client in one write. Spliced, a
-// download first gives the remote-to-client direction its pipe (short exchanges copy).
+// download first gives the remote-to-client direction its pipe.
 TEST_P(SocketPairTest, LoneRemoteByteIsHeldThenSentWithWhatFollows) {
     StartRelay();
     ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
     if (GetParam()) {
-        const std::string download = PatternBytes(256 << 10, 13);
-        std::string got;
-        ASSERT_TRUE(WriteAll(m_server.Get(), download, 2s));
-        ASSERT_TRUE(ReadExactly(m_client.Get(), download.size(), got, 3s));
-        ASSERT_TRUE(got == download);
-        ASSERT_TRUE(swg_test::WaitUntil([&] { return OpenPipeEnds() - m_basePipeEnds == 2; }))
-            << "the download did not get a pipe";
+        ASSERT_NO_FATAL_FAILURE(BulkGetsAPipe(m_server.Get(), m_client.Get()));
     }
     const auto sent = Clock::now();
     ASSERT_TRUE(WriteAll(m_server.Get(), "X", 1s));
@@ -309,14 +315,9 @@ TEST_P(SocketPairTest, DescriptorOf8192OrMoreIsNeverServed) {
 TEST_P(SocketPairTest, StalledDirectionHoldsAtMost48KB) {
     StartRelay();
     ASSERT_TRUE(swg_test::WaitUntil([&] { return m_relayStarted.load(); }));
+    // An upload first, so that the direction stalls on its pipe.
     if (GetParam()) {
-        // An upload first, so that the direction stalls on its pipe.
-        const std::string upload = PatternBytes(256 << 10, 14);
-        std::string got;
-        ASSERT_TRUE(WriteAll(m_client.Get(), upload, 2s));
-        ASSERT_TRUE(ReadExactly(m_server.Get(), upload.size(), got, 3s));
-        ASSERT_TRUE(swg_test::WaitUntil([&] { return OpenPipeEnds() - m_basePipeEnds == 2; }))
-            << "the upload did not get a pipe";
+        ASSERT_NO_FATAL_FAILURE(BulkGetsAPipe(m_client.Get(), m_server.Get()));
     }
     const long written = FillFromClient();
     int clientOut = 0;
